@@ -1,0 +1,47 @@
+// The boundary between exceptions inside and CFErrorRef outside.
+#pragma once
+
+#include "support/cf/Error.hpp"
+
+namespace Kelvane {
+
+// Hands an error to a caller's out-parameter, which may be null. The caller of the
+// exported function releases it.
+inline void StoreError(const CF::Error &error, CFErrorRef *destination) noexcept {
+    if (destination != nullptr) {
+        *destination = error.copyRef();
+    }
+}
+
+// Runs the body of an exported function. A CF::Error becomes the out-parameter and the
+// failure value; every other exception passes on to the host, untranslated, because
+// only the body knows what it means. On success the out-parameter is left untouched.
+template <class Result, class Body>
+Result AtBoundary(CFErrorRef *error, Result failure, Body &&body) {
+    try {
+        return body();
+    } catch (const CF::Error &caught) {
+        StoreError(caught, error);
+        return failure;
+    }
+}
+
+// An out-parameter to pass to a function whose error is to become an underlying one.
+class LocalError {
+  public:
+    LocalError() = default;
+    LocalError(const LocalError &) = delete;
+    LocalError &operator=(const LocalError &) = delete;
+    ~LocalError() {
+        if (error_ != nullptr) {
+            CFRelease(error_);
+        }
+    }
+    CFErrorRef *out() noexcept { return &error_; }
+    CF::Error get() const { return CF::Error(error_); }
+
+  private:
+    CFErrorRef error_ = nullptr;
+};
+
+} // namespace Kelvane
