@@ -8,7 +8,8 @@
 #define COREFOUNDATION_CFRUNTIME_H
 
 #include <CoreFoundation/CFBase.h>
-#include <CoreFoundation/CFDictionary.h>
+
+typedef const struct __CFDictionary *CFDictionaryRef;
 
 /* The first two words of every object. Opaque: only the runtime reads them. */
 typedef struct __CFRuntimeBase {
