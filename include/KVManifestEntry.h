@@ -58,8 +58,7 @@ KV_EXPORT uint16_t KVManifestEntryGetFileMode(const KVManifestEntryClass *entry)
  * has no such field. Use the three tests below to tell what an entry is. */
 KV_EXPORT uint8_t KVManifestEntryGetFileType(const KVManifestEntryClass *entry);
 /* Data-protection class, one of five. */
-KV_EXPORT EntryProtectionClass
-KVManifestEntryGetProtectionClass(const KVManifestEntryClass *entry);
+KV_EXPORT EntryProtectionClass KVManifestEntryGetProtectionClass(const KVManifestEntryClass *entry);
 /* Extended attributes: name (CFString) to value (CFData). Borrowed. */
 KV_EXPORT CFDictionaryRef KVManifestEntryGetProperties(const KVManifestEntryClass *entry);
 /* True for entries that this library made, false for entries read from a manifest. */
@@ -74,9 +73,8 @@ KV_EXPORT bool KVManifestEntryIsSymlink(const KVManifestEntryClass *entry);
 /* Mode, owner and the three times. Every pointer may be null; the dates are new
  * objects that the caller releases. */
 KV_EXPORT void KVManifestEntryCopyFilesystemAttributes(const KVManifestEntryClass *entry,
-                                                       uint16_t *mode, uint32_t *uid,
-                                                       uint32_t *gid, CFDateRef *birth,
-                                                       CFDateRef *lastModified,
+                                                       uint16_t *mode, uint32_t *uid, uint32_t *gid,
+                                                       CFDateRef *birth, CFDateRef *lastModified,
                                                        CFDateRef *lastStatusChange);
 
 /* ---- Making entries ------------------------------------------------------ */
@@ -87,11 +85,9 @@ KV_EXPORT void KVManifestEntryCopyFilesystemAttributes(const KVManifestEntryClas
  * encryptionData: a wrapped key, or null for none.
  * Error 7, "No valid cache reference available for created file (HASH)": the file
  * store holds no content with the file's hash at its path; the cause lies underneath. */
-KV_EXPORT KVManifestEntryClass *KVManifestEntryCreateForFile(CFAllocatorRef allocator,
-                                                             KVFileClass *file, CFStringRef domain,
-                                                             CFStringRef relativePath,
-                                                             CFDataRef encryptionData,
-                                                             CFErrorRef *error);
+KV_EXPORT KVManifestEntryClass *
+KVManifestEntryCreateForFile(CFAllocatorRef allocator, KVFileClass *file, CFStringRef domain,
+                             CFStringRef relativePath, CFDataRef encryptionData, CFErrorRef *error);
 /* A new directory entry with mode 040755, owner 501:501, the current time and
  * protection class NotSet; the caller releases it. Never null. */
 KV_EXPORT KVManifestEntryClass *KVManifestEntryCreateForDirectory(CFAllocatorRef allocator,
@@ -116,8 +112,7 @@ KV_EXPORT void _KVManifestEntryCloneAttributes(KVManifestEntryClass *destination
  * Null without an error: the entry is no file. Null with an error: whatever the
  * loading function reports, or code 2, "Tried to get a File ref for entry, but
  * getFileFunc is not set!". A loading function that failed is called again next time. */
-KV_EXPORT KVFileClass *KVManifestEntryGetFile(const KVManifestEntryClass *entry,
-                                              CFErrorRef *error);
+KV_EXPORT KVFileClass *KVManifestEntryGetFile(const KVManifestEntryClass *entry, CFErrorRef *error);
 
 /* ---- Records of manifests ------------------------------------------------ */
 
