@@ -60,16 +60,6 @@ bool WriteInteger(const NumberValue &value, void *destination) {
     return exact;
 }
 
-// A double beyond the range of float would be undefined to convert: it becomes infinite.
-float NearestFloat(double value) {
-    // Half-way between the largest float and the next that there would be.
-    constexpr double overflow = 0x1.ffffffp127;
-    if (std::fabs(value) >= overflow) {
-        return std::copysign(std::numeric_limits<float>::infinity(), value < 0 ? -1.0F : 1.0F);
-    }
-    return static_cast<float>(value);
-}
-
 bool WriteDouble(const NumberValue &value, void *destination) {
     const double result = value.isFloat ? value.real : static_cast<double>(value.integer);
     std::memcpy(destination, &result, sizeof result);
@@ -78,7 +68,7 @@ bool WriteDouble(const NumberValue &value, void *destination) {
 
 bool WriteFloat(const NumberValue &value, void *destination) {
     const float result =
-        value.isFloat ? NearestFloat(value.real) : static_cast<float>(value.integer);
+        value.isFloat ? static_cast<float>(value.real) : static_cast<float>(value.integer);
     std::memcpy(destination, &result, sizeof result);
     const auto back = static_cast<double>(result);
     if (!value.isFloat) {
@@ -203,8 +193,11 @@ bool WriteNumber(const NumberValue &value, CFNumberType canonicalType, void *des
 }
 
 CFComparisonResult CompareNumbers(const NumberValue &a, const NumberValue &b) {
+    if (IsNaN(a) && IsNaN(b)) {
+        return kCFCompareEqualTo;
+    }
     if (IsNaN(a)) {
-        return IsNaN(b) ? kCFCompareEqualTo : CompareNaNTo(b);
+        return CompareNaNTo(b);
     }
     if (IsNaN(b)) {
         return -CompareNaNTo(a);
