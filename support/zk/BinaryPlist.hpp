@@ -449,9 +449,7 @@ inline Status Document::ObjectAt(std::uint64_t index, Object &object) const noex
         return status;
     }
     std::uint64_t marker = 0;
-    if (!objects_.TakeInteger(object.offset, 1, marker)) {
-        return {Fault::OffsetOutOfRange, object.offset};
-    }
+    (void)objects_.TakeInteger(object.offset, 1, marker); // OffsetOf has seen that it is there.
     const unsigned low = static_cast<unsigned>(marker) & 0xF;
     const unsigned high = static_cast<unsigned>(marker) >> 4;
     switch (high) {
