@@ -7,32 +7,40 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
-#include <string>
 
 namespace ZK::file {
 
 // What both kinds of file share: a descriptor, closed on destruction, and its lock.
 // Failures are boost::system::system_error with errno as the code, unless a call
-// takes an error_code; interrupted calls are repeated. Movable, not copyable.
+// takes an error_code; interrupted calls are repeated. Movable, not copyable. One
+// object is used by one thread at a time; several may have the same file open.
+//
+// Locks cover the whole file and belong to the object, not to the process: any number
+// of readers, or one writer. A lock that is taken is an error at once
+// (EAGAIN), never a wait. File systems that know no locks, and read-only ones,
+// are used without.
 class descriptor {
   public:
-    descriptor() noexcept = default;
+    descriptor() noexcept;
     descriptor(descriptor &&other) noexcept;
     descriptor &operator=(descriptor &&other) noexcept;
     ~descriptor();
 
-    bool is_open() const noexcept { return fd_ >= 0; }
+    bool is_open() const noexcept { return stream_ != nullptr; }
     // -1 when closed.
-    int native_handle() const noexcept { return fd_; }
+    int native_handle() const noexcept;
     // Gives up the lock and the descriptor; twice is harmless.
     void close() noexcept;
     // Size in bytes of the open file, now.
     std::uint64_t size() const;
 
   protected:
-    explicit descriptor(int fd) noexcept : fd_(fd) {}
-    int fd_ = -1;
+    struct stream;
+    // Takes over the descriptor.
+    explicit descriptor(int fd);
+    std::unique_ptr<stream> stream_;
 };
 
 // Opened for reading under a shared lock. Only regular files are opened, and
@@ -42,16 +50,17 @@ class readable_file : public descriptor {
   public:
     readable_file() noexcept = default;
     explicit readable_file(const filesystem::path &path);
-    readable_file(const filesystem::path &path, boost::system::error_code &error) noexcept;
+    readable_file(const filesystem::path &path, boost::system::error_code &error);
 
-    // One read of up to buffer.size() bytes at the current position; 0 at the end.
+    // One read of up to buffer.size() bytes at the current position; 0, without an
+    // error, at the end of the file.
     std::size_t read_some(std::span<std::uint8_t> buffer);
-    std::size_t read_some(std::span<std::uint8_t> buffer,
-                          boost::system::error_code &error) noexcept;
+    std::size_t read_some(std::span<std::uint8_t> buffer, boost::system::error_code &error);
 };
 
-// Opened for writing under an exclusive lock, with mode 0600. Only regular files
-// are opened.
+// Opened for writing under an exclusive lock. A file that it creates has mode 0600,
+// whatever the umask; one that is there keeps its mode. Only regular files are opened,
+// without blocking, as above.
 class writable_file : public descriptor {
   public:
     writable_file() noexcept = default;
@@ -61,19 +70,19 @@ class writable_file : public descriptor {
     static writable_file create_new(const filesystem::path &path);
     // Creates the file or appends to the one that is there.
     static writable_file open_append(const filesystem::path &path,
-                                     boost::system::error_code &error) noexcept;
+                                     boost::system::error_code &error);
 
-    // Writes every byte before it returns, or fails.
+    // Writes every byte before it returns, or fails; some bytes may be written then.
     void write(std::span<const std::uint8_t> bytes);
-    void write(std::span<const std::uint8_t> bytes, boost::system::error_code &error) noexcept;
+    void write(std::span<const std::uint8_t> bytes, boost::system::error_code &error);
 
   private:
-    explicit writable_file(int fd) noexcept : descriptor(fd) {}
+    explicit writable_file(int fd) : descriptor(fd) {}
 };
 
 // Copies a regular file to a path where nothing exists yet; the copy has mode 0600.
-// Clones blocks where the file system can (the copy then costs next to nothing),
-// lets the kernel copy where it can, and copies by hand otherwise. Leaves no
+// Throws boost::system::system_error. Clones blocks where the file system can (the copy then costs
+// next to nothing), lets the kernel copy where it can, and copies by hand otherwise. Leaves no
 // partial copy behind when it fails.
 void copy_new(const filesystem::path &source, const filesystem::path &destination);
 
