@@ -6,11 +6,16 @@
 
 namespace ZK {
 
+template <class Exception>
+[[noreturn]] void Raise(const Exception &exception) {
+    throw exception;
+}
+
 // Raises the exception from a function that lets none out, so that the process
 // ends through std::terminate, which prints the exception's text.
 template <class Exception>
 [[noreturn]] void Abort(const Exception &exception) noexcept {
-    throw exception;
+    Raise(exception);
 }
 
 // "FILE:LINE:  FUNCTION Assertion EXPRESSION failed."
