@@ -1,0 +1,102 @@
+// The body of a container object.
+#pragma once
+
+#include "KVBackupContainer.h"
+#include "MB/ManifestEncryption.hpp"
+#include "container/BackupSource.hpp"
+#include "support/cf/CF.hpp"
+#include "support/zk/IOSVersion.hpp"
+#include "support/zk/Secret.hpp"
+
+#include <CoreFoundation/CFRuntime.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Kelvane {
+
+enum class SourceKind : std::uint32_t { Zip = 0, Directory = 1 };
+
+// What reading stored content needs. It is shared with the loaders that the entries hold,
+// so that an entry which outlives its container can still load its content.
+struct ContentLoader {
+    std::shared_ptr<BackupSource> source;
+    KVManifestDataVersion version = kKVManifestDataVersionNone;
+
+    // The stored file of that name. Throws code 2 "No data source type set for backup
+    // container" without a source.
+    FileRef LoadStoredFile(const CF::String &storedName) const;
+    // The stored content of a file ID. Throws code 8 "Failed to load file (%@)".
+    FileRef LoadFileID(const CF::String &fileID) const;
+};
+
+// A password in UTF-8 that wipes itself.
+class SecretString {
+  public:
+    SecretString() = default;
+    explicit SecretString(const CF::String &text) : text_(text.GetUTF8()) {}
+    SecretString(const SecretString &) = default;
+    SecretString &operator=(const SecretString &other) {
+        if (this != &other) {
+            ZK::Wipe(text_);
+            text_ = other.text_;
+        }
+        return *this;
+    }
+    ~SecretString() { ZK::Wipe(text_); }
+    const std::string &get() const noexcept { return text_; }
+    bool empty() const noexcept { return text_.empty(); }
+
+  private:
+    std::string text_;
+};
+
+} // namespace Kelvane
+
+struct KVBackupContainerClass {
+    CFRuntimeBase header;
+
+    Kelvane::SourceKind sourceKind = Kelvane::SourceKind::Zip;
+    std::shared_ptr<Kelvane::ContentLoader> loader = std::make_shared<Kelvane::ContentLoader>();
+    CF::String sourcePath;
+    CF::Pointer<KVManifestClass *> manifest;
+    CF::Dictionary manifestDict = CF::Dictionary::Mutable();
+    CF::Dictionary infoDict = CF::Dictionary::Mutable();
+    CF::Dictionary statusDict = CF::Dictionary::Mutable();
+    Kelvane::SecretString password;
+    std::optional<MB::ManifestEncryption> encryption;
+    CF::String baseDirectory;
+    ZK::ios_version sourceVersion;
+
+    KVBackupContainerClass() { UpdateSourceVersion(); }
+
+    KVManifestDataVersion Version() const noexcept { return loader->version; }
+    // Takes the version from the Manifest dictionary's "Lockdown".
+    void UpdateSourceVersion();
+    // What the manifest's entries load their content through.
+    KVGetFileFunction MakeGetFileFunction() const;
+};
+
+namespace Kelvane {
+
+using ContainerRef = CF::Pointer<KVBackupContainerClass *>;
+
+// A new instance as its init callback leaves it.
+ContainerRef AllocateContainer(CFAllocatorRef allocator);
+
+// Reads and checks the metadata files and the manifest. Throws CF::Error.
+void LoadMetadata(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
+                  const KVProgressFunction &progress);
+
+// The manifest step of it for version 24, and for 30 to 33.
+void LoadBinaryManifest(KVBackupContainerClass &container);
+void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &versionText,
+                          const KVProgressFunction &progress);
+
+// A file's whole content. Throws code 8 when there is more of it than the limit: no
+// backup's metadata is of that size.
+std::vector<std::uint8_t> ReadWhole(const KVFileClass *file, std::uint64_t limit);
+
+} // namespace Kelvane

@@ -1,0 +1,183 @@
+#include "container/BackupSource.hpp"
+#include "container/ZipError.hpp"
+
+#include "Kelvane/Error.hpp"
+#include "foundation/Boundary.hpp"
+
+#include <boost/filesystem/operations.hpp>
+#include <minizip/unzip.h>
+
+#include <cerrno>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace Kelvane {
+
+namespace {
+
+// One read from a record.
+constexpr std::size_t kReadSize = 32768;
+// The longest name a zip record can have, plus the terminator that minizip adds.
+constexpr std::size_t kNameBufferSize = 65536 + 1;
+
+[[noreturn]] void throwZipError(KVError code, int status, CFStringRef reason) {
+    throw Error(code, CF::Error::Adopt(ZK::zipCreateError(status)), CF::String(reason));
+}
+
+// Closes the open record however the reading of it ends.
+class OpenRecord {
+  public:
+    explicit OpenRecord(unzFile archive) : archive_(archive) {
+        errno = 0;
+        const int status = unzOpenCurrentFile(archive);
+        if (status != UNZ_OK) {
+            throwZipError(kKVErrorArchive, status, CFSTR("Failed to open file record"));
+        }
+    }
+    OpenRecord(const OpenRecord &) = delete;
+    OpenRecord &operator=(const OpenRecord &) = delete;
+    ~OpenRecord() {
+        if (open_) {
+            unzCloseCurrentFile(archive_);
+        }
+    }
+    // The status of closing tells whether the checksum fits what was read.
+    int Close() {
+        open_ = false;
+        return unzCloseCurrentFile(archive_);
+    }
+
+  private:
+    unzFile archive_;
+    bool open_ = true;
+};
+
+class ZipSource : public BackupSource {
+  public:
+    ZipSource(CF::String path, unzFile archive) : path_(std::move(path)), archive_(archive) {}
+    ~ZipSource() override { unzClose(archive_); }
+
+    std::shared_ptr<BackupSource> Reopen() const override { return OpenZipSource(path_); }
+
+  protected:
+    FileRef LoadNamed(const CF::String &name) const override {
+        locate(name.GetUTF8());
+        OpenRecord record(archive_);
+        const std::uint64_t size = recordSize();
+        LocalError error;
+        FileRef file(CF::adopt, KVFileCreateAppendable(error.out()));
+        if (!file) {
+            throw error.get();
+        }
+        unpack(file, size);
+        const int closed = record.Close();
+        if (closed != UNZ_OK) {
+            throwZipError(kKVErrorArchive, closed, CFSTR("Failed to extract file data"));
+        }
+        if (!KVFileFinalizeAppendable(file.get(), error.out())) {
+            throw error.get();
+        }
+        return file;
+    }
+
+  private:
+    std::uint64_t recordSize() const {
+        unz_file_info64 info;
+        errno = 0;
+        const int status =
+            unzGetCurrentFileInfo64(archive_, &info, nullptr, 0, nullptr, 0, nullptr, 0);
+        if (status != UNZ_OK) {
+            throwZipError(kKVErrorArchive, status, CFSTR("Failed to read file metadata"));
+        }
+        return info.uncompressed_size;
+    }
+
+    // Appends the open record's bytes, all that the archive says it has.
+    void unpack(const FileRef &file, std::uint64_t expected) const {
+        std::vector<std::uint8_t> buffer(kReadSize);
+        std::uint64_t total = 0;
+        for (;;) {
+            errno = 0;
+            const int count =
+                unzReadCurrentFile(archive_, buffer.data(), static_cast<unsigned>(buffer.size()));
+            if (count < 0) {
+                throwZipError(kKVErrorArchive, count, CFSTR("Failed to extract file data"));
+            }
+            if (count == 0) {
+                break;
+            }
+            LocalError error;
+            if (!KVFileAppendBytes(file.get(), buffer.data(), count, error.out())) {
+                throw error.get();
+            }
+            total += static_cast<std::uint64_t>(count);
+        }
+        // A deflate stream that ends early reads like a good end of the record, and its
+        // checksum is then not looked at.
+        if (total != expected) {
+            throwZipError(kKVErrorArchive, UNZ_BADZIPFILE, CFSTR("Failed to extract file data"));
+        }
+    }
+
+    // Makes the record of exactly that name the current one.
+    void locate(const std::string &name) const {
+        if (!indexed_) {
+            buildIndex();
+        }
+        const auto found = positions_.find(name);
+        int status = UNZ_END_OF_LIST_OF_FILE;
+        if (found != positions_.end()) {
+            errno = 0;
+            unz64_file_pos position = found->second;
+            status = unzGoToFilePos64(archive_, &position);
+        }
+        if (status != UNZ_OK) {
+            throwZipError(kKVErrorInvalidBackup, status,
+                          CFSTR("Could not locate file record in zip"));
+        }
+    }
+
+    // One walk over the directory, since a search by name walks it for every file. Of two
+    // records with one name the first counts, as in a search.
+    void buildIndex() const {
+        std::string name(kNameBufferSize, '\0');
+        for (int status = unzGoToFirstFile(archive_); status == UNZ_OK;
+             status = unzGoToNextFile(archive_)) {
+            unz_file_info64 info;
+            unz64_file_pos position;
+            if (unzGetCurrentFileInfo64(archive_, &info, name.data(), name.size(), nullptr, 0,
+                                        nullptr, 0) != UNZ_OK ||
+                unzGetFilePos64(archive_, &position) != UNZ_OK) {
+                break;
+            }
+            positions_.emplace(std::string(name.data(), info.size_filename), position);
+        }
+        indexed_ = true;
+    }
+
+    CF::String path_;
+    unzFile archive_;
+    mutable bool indexed_ = false;
+    mutable std::unordered_map<std::string, unz64_file_pos> positions_;
+};
+
+} // namespace
+
+std::shared_ptr<BackupSource> OpenZipSource(const CF::String &zipPath) {
+    const std::string path = zipPath.GetUTF8();
+    boost::system::error_code ignored;
+    unzFile archive = nullptr;
+    // Opening a FIFO would wait for a writer that may never come.
+    if (path.find('\0') == std::string::npos &&
+        boost::filesystem::is_regular_file(path, ignored)) {
+        archive = unzOpen(path.c_str());
+    }
+    if (archive == nullptr) {
+        throw Error(kKVErrorInvalidBackup, nullptr, CFSTR("Failed to open zip file (%@)"),
+                    zipPath.get());
+    }
+    return std::make_shared<ZipSource>(zipPath, archive);
+}
+
+} // namespace Kelvane

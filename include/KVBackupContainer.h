@@ -1,0 +1,187 @@
+/* KVBackupContainer.h: a backup of an iOS device, opened from a directory or a zip.
+ *
+ * A container owns the three metadata dictionaries of the backup (Manifest.plist,
+ * Info.plist, Status.plist), its manifest and, for an encrypted backup, the keys that
+ * the password unlocked. It is a CoreFoundation object, used by one thread at a time.
+ *
+ * Opening reads and checks all metadata and the whole manifest; the files' contents are
+ * read when they are asked for. Opened from a directory, the backup's files are used in
+ * place and must stay there as long as the container and anything got from it is used.
+ */
+#ifndef KVBACKUPCONTAINER_H
+#define KVBACKUPCONTAINER_H
+
+#include "KVBase.h"
+#include "KVError.h"
+#include "KVFile.h"
+#include "KVManifest.h"
+#include "KVManifestEntry.h"
+
+/* How a backup is opened: a set of bits. A bit that is not listed here is an invalid
+ * argument (code 2, "Unknown open options 0x%x"). */
+typedef uint32_t KVBackupOpenOptions;
+enum {
+    kKVBackupOpenDefault = 0,
+    /* Class keys that are wrapped under a key which never leaves the device cannot be
+     * unlocked from a backup. By default one such key fails the whole backup; with this
+     * bit it stays locked, everything else opens, and only reading a file of such a class
+     * fails, with "Missing key class %u". Most backups made by devices hold such keys. */
+    kKVBackupOpenKeepDeviceBoundKeysLocked = 1u << 0
+};
+
+/* The type identifier of containers. Any thread. */
+KV_EXPORT CFTypeID KVBackupContainerGetTypeID(void);
+
+/* ---- Opening ------------------------------------------------------------- */
+
+/* A new container without entries or metadata, over a working directory of its own
+ * under the temporary path. Null allocator means the default. The caller releases it.
+ * Fails with code 3 when the working directory cannot be made. */
+KV_EXPORT KVBackupContainerClass *KVBackupContainerCreateEmpty(CFAllocatorRef allocator,
+                                                               CFErrorRef *error);
+
+/* Called while a manifest database is read, once per entry, with the number done, the
+ * number in total and their quotient. */
+typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fraction,
+                                         void *context);
+
+/* Opens the backup in a directory. password is the backup password, null or empty for a
+ * plain backup; options are KVBackupOpenOptions; progress may be null, context is handed
+ * to it. The caller releases the result. Null on failure, with these codes:
+ *   2   an unknown bit in options
+ *   8   the binary manifest cannot be read: "An error ocurred while loading manifest file"
+ *   10  a metadata file is missing or unreadable, or the Status "Version" is missing
+ *   11  the manifest database cannot be read or holds invalid entries
+ *   12  the Status "Version" is not one of 2.4, 3.0, 3.1, 3.2, 3.3
+ *   15  an encrypted backup of version 2.4, 3.0 or 3.1
+ *   17, 18, 20  the keybag or a key is malformed or missing
+ *   19  encrypted, and no password was given
+ *   22  the keys could not be unlocked; for a wrong password code 21 hangs underneath
+ *   23  a password was given for a plain backup */
+KV_EXPORT KVBackupContainerClass *
+KVBackupContainerOpenDirectory(CFAllocatorRef allocator, CFStringRef directory,
+                               CFStringRef password, KVBackupOpenOptions options,
+                               KVBackupProgressCallBack progress, void *context,
+                               CFErrorRef *error);
+
+/* The same for a zip archive whose root is the backup's root. Further failures: code 10
+ * "Failed to open zip file (%@)"; code 10 with "Could not locate file record in zip"
+ * underneath for each missing metadata file, Info.plist included. Contents are unpacked
+ * into the temporary path as they are asked for and stay there. */
+KV_EXPORT KVBackupContainerClass *
+KVBackupContainerOpenZipFile(CFAllocatorRef allocator, CFStringRef zipPath, CFStringRef password,
+                             KVBackupOpenOptions options, KVBackupProgressCallBack progress,
+                             void *context, CFErrorRef *error);
+
+#ifdef __cplusplus
+/* The same with a callable for progress; an empty one means no reports. The forms without
+ * options use kKVBackupOpenDefault, those without a password a null one. */
+KV_EXPORT_CXX KVBackupContainerClass *
+KVBackupContainerCreateFromDirectory(CFAllocatorRef allocator, CFStringRef directory,
+                                     KVProgressFunction progress, CFErrorRef *error);
+KV_EXPORT_CXX KVBackupContainerClass *
+KVBackupContainerCreateFromDirectory(CFAllocatorRef allocator, CFStringRef directory,
+                                     CFStringRef password, KVProgressFunction progress,
+                                     CFErrorRef *error);
+KV_EXPORT_CXX KVBackupContainerClass *
+KVBackupContainerCreateFromDirectory(CFAllocatorRef allocator, CFStringRef directory,
+                                     CFStringRef password, KVBackupOpenOptions options,
+                                     KVProgressFunction progress, CFErrorRef *error);
+KV_EXPORT_CXX KVBackupContainerClass *
+KVBackupContainerCreateFromZipFile(CFAllocatorRef allocator, CFStringRef zipPath,
+                                   KVProgressFunction progress, CFErrorRef *error);
+KV_EXPORT_CXX KVBackupContainerClass *
+KVBackupContainerCreateFromZipFile(CFAllocatorRef allocator, CFStringRef zipPath,
+                                   CFStringRef password, KVProgressFunction progress,
+                                   CFErrorRef *error);
+KV_EXPORT_CXX KVBackupContainerClass *
+KVBackupContainerCreateFromZipFile(CFAllocatorRef allocator, CFStringRef zipPath,
+                                   CFStringRef password, KVBackupOpenOptions options,
+                                   KVProgressFunction progress, CFErrorRef *error);
+#endif
+
+/* A new container with the same source, metadata, keys and copies of all entries; a zip is
+ * opened once more. Null when that fails. The caller releases it. */
+KV_EXPORT KVBackupContainerClass *KVBackupContainerCreateCopy(CFAllocatorRef allocator,
+                                                              KVBackupContainerClass *container);
+
+/* ---- Metadata ------------------------------------------------------------ */
+
+/* New mutable copies of the metadata dictionaries; the caller releases them. A file that
+ * was missing, empty or no property list gives an empty dictionary. */
+KV_EXPORT CFMutableDictionaryRef
+KVBackupContainerCopyInfoDict(const KVBackupContainerClass *container);
+KV_EXPORT CFMutableDictionaryRef
+KVBackupContainerCopyStatusDict(const KVBackupContainerClass *container);
+KV_EXPORT CFMutableDictionaryRef
+KVBackupContainerCopyManifestDict(const KVBackupContainerClass *container);
+/* The stored Manifest.plist dictionary, borrowed until it is replaced. A null container
+ * is a programming error and ends the process. */
+KV_EXPORT CFDictionaryRef KVBackupContainerGetManifestDict(const KVBackupContainerClass *container);
+/* Replaces dictionaries; they are retained. A null argument leaves that one unchanged. */
+KV_EXPORT void KVBackupContainerSetDictionaries(KVBackupContainerClass *container,
+                                                CFDictionaryRef info, CFDictionaryRef status,
+                                                CFDictionaryRef manifest);
+
+/* True exactly when the backup is encrypted; it is unlocked then. */
+KV_EXPORT Boolean KVBackupContainerIsEncrypted(const KVBackupContainerClass *container);
+/* A path that the host may note with the container: borrowed, may be null. The library
+ * shows it in the description of a zip container and never looks there for files. */
+KV_EXPORT CFStringRef KVBackupContainerGetBaseDirectory(const KVBackupContainerClass *container);
+KV_EXPORT void KVBackupContainerSetBaseDirectory(KVBackupContainerClass *container,
+                                                 CFStringRef baseDirectory);
+/* The Manifest.plist's "SystemDomainsVersion"; the number 0 when it is missing or no number
+ * (many devices write a string). The caller releases it. */
+KV_EXPORT CFNumberRef
+KVBackupContainerCopySystemDomainsVersion(const KVBackupContainerClass *container);
+/* Sets it. A null version is ignored. */
+KV_EXPORT void KVBackupContainerSetSystemDomainsVersion(KVBackupContainerClass *container,
+                                                        CFNumberRef version);
+
+/* ---- Lookup and copy-out --------------------------------------------------- */
+
+/* The manifest, borrowed. */
+KV_EXPORT KVManifestClass *KVBackupContainerGetManifest(const KVBackupContainerClass *container);
+/* Files of the manifest plus the manifest file and the three property lists. */
+KV_EXPORT int64_t KVBackupContainerGetTotalFileCount(const KVBackupContainerClass *container);
+/* The entry with the file ID of (domain, relativePath), borrowed, or null. */
+KV_EXPORT KVManifestEntryClass *
+KVBackupContainerGetEntryForPath(const KVBackupContainerClass *container, CFStringRef domain,
+                                 CFStringRef relativePath);
+/* The entry whose content is stored under the name ("3d/3d0d7e..." or "3d0d7e..."),
+ * borrowed, or null. *isMetadata, when given, becomes true exactly when there is no such
+ * entry and the name is that of a manifest or metadata file. */
+KV_EXPORT KVManifestEntryClass *
+KVBackupContainerGetEntryForLocalFilename(const KVBackupContainerClass *container,
+                                          CFStringRef storedName, Boolean *isMetadata);
+/* The content of a file in readable form: a file of an encrypted backup comes out
+ * decrypted. The caller releases it. Null on failure: code 5 "File not in backup"; code 8
+ * "Failed to load file (%@)" with the cause underneath, among them code 10 "Unsafe stored
+ * file name (%@)"; code 18 when it does not decrypt; code 22 when its key stays locked.
+ *
+ * Null WITHOUT an error comes back for a directory or link, and for a file of an encrypted
+ * backup whose entry holds no key: look at the error before using it. */
+KV_EXPORT KVFileClass *KVBackupContainerCopyFileForPath(const KVBackupContainerClass *container,
+                                                        CFStringRef domain,
+                                                        CFStringRef relativePath,
+                                                        CFErrorRef *error);
+/* The content as it lies in a backup under the stored name: the manifest and metadata are
+ * written anew, content of an encrypted backup stays encrypted, content added from outside
+ * to one is encrypted on reading. The caller releases it. Null on failure: code 1 "Failed
+ * to create data representation of ...", code 5 "File not present in backup (%@)" or
+ * "Found entry referencing a non-file (%@)", code 2 "Found file entry but no file ref is
+ * present (%@)". */
+KV_EXPORT KVFileClass *
+KVBackupContainerCopyFileForLocalFilename(const KVBackupContainerClass *container,
+                                          CFStringRef storedName, CFErrorRef *error);
+/* The direct children of a directory (the empty path is the domain's root), in the order
+ * of the manifest: an array that the caller releases, never null. Empty when the manifest
+ * holds no directory entry of that path. */
+KV_EXPORT CFArrayRef KVBackupContainerCopyEntriesContainedInDirectoryAtPath(
+    const KVBackupContainerClass *container, CFStringRef domain, CFStringRef path);
+/* The stored names of all files, then the manifest's, then Manifest.plist, Info.plist and
+ * Status.plist: an array of strings that the caller releases. The flag has no effect. */
+KV_EXPORT CFArrayRef
+KVBackupContainerCopyFilesystemPathsList(const KVBackupContainerClass *container, Boolean flag);
+
+#endif
