@@ -56,7 +56,7 @@ class SecretString {
 } // namespace Kelvane
 
 struct KVBackupContainerClass {
-    CFRuntimeBase header;
+    CFRuntimeBase base;
 
     Kelvane::SourceKind sourceKind = Kelvane::SourceKind::Zip;
     std::shared_ptr<Kelvane::ContentLoader> loader = std::make_shared<Kelvane::ContentLoader>();

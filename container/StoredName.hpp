@@ -16,8 +16,7 @@ inline constexpr const char *kManifestDatabaseName = "Manifest.db";
 
 // Always at the backup's root, whatever the layout of stored files.
 inline constexpr std::array<const char *, 5> kMetadataNames = {
-    kManifestPlistName, kInfoPlistName, kStatusPlistName, kManifestMbdbName,
-    kManifestDatabaseName};
+    kManifestPlistName, kInfoPlistName, kStatusPlistName, kManifestMbdbName, kManifestDatabaseName};
 
 // True for one of kMetadataNames, compared exactly.
 bool IsMetadataName(CFStringRef name);

@@ -169,8 +169,7 @@ std::shared_ptr<BackupSource> OpenZipSource(const CF::String &zipPath) {
     boost::system::error_code ignored;
     unzFile archive = nullptr;
     // Opening a FIFO would wait for a writer that may never come.
-    if (path.find('\0') == std::string::npos &&
-        boost::filesystem::is_regular_file(path, ignored)) {
+    if (path.find('\0') == std::string::npos && boost::filesystem::is_regular_file(path, ignored)) {
         archive = unzOpen(path.c_str());
     }
     if (archive == nullptr) {

@@ -61,8 +61,7 @@ typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fra
 KV_EXPORT KVBackupContainerClass *
 KVBackupContainerOpenDirectory(CFAllocatorRef allocator, CFStringRef directory,
                                CFStringRef password, KVBackupOpenOptions options,
-                               KVBackupProgressCallBack progress, void *context,
-                               CFErrorRef *error);
+                               KVBackupProgressCallBack progress, void *context, CFErrorRef *error);
 
 /* The same for a zip archive whose root is the backup's root. Further failures: code 10
  * "Failed to open zip file (%@)"; code 10 with "Could not locate file record in zip"

@@ -1,0 +1,81 @@
+#include "container/KVBackupContainerClass.hpp"
+
+#include "Kelvane/Error.hpp"
+#include "Kelvane/FileManager.hpp"
+#include "Kelvane/SharedState.hpp"
+#include "container/StoredName.hpp"
+#include "foundation/Boundary.hpp"
+#include "support/zk/Log.hpp"
+
+namespace Kelvane {
+
+namespace {
+
+// The largest binary manifest that is read into memory: a million entries take less than
+// a third of it.
+constexpr std::uint64_t kMaxMbdbSize = 1ULL << 30;
+
+// The plaintext of the database, beside the store's other scratch files.
+CF::String decryptDatabase(const KVBackupContainerClass &container, const CF::String &localPath,
+                           const CF::String &versionText) {
+    const CF::String identifier = CF::UUID::Create().GetString();
+    const ZK::filesystem::path target =
+        FileManager::GetStorageLocationForTempIdentifier(identifier.get());
+    ZLLogDomain(GetLogDomain(), kZLLogLevelDetail,
+                CFSTR("(KVBackupContainer %p) Will decrypt manifest version '%@' to %s"),
+                static_cast<const void *>(&container), versionText.get(), target.c_str());
+    MB::ManifestEncryption::DecryptFile(localPath.GetUTF8(), target,
+                                        container.encryption->GetManifestKey());
+    ZLLogDomain(GetLogDomain(), kZLLogLevelMilestone,
+                CFSTR("(KVBackupContainer %p) Successfully decrypted manifest"),
+                static_cast<const void *>(&container));
+    return CF::String(target.native());
+}
+
+void buildBinaryManifest(KVBackupContainerClass &container) {
+    const FileRef file = container.loader->LoadStoredFile(kManifestMbdbName);
+    const CF::Data bytes(ReadWhole(file.get(), kMaxMbdbSize));
+    CF::Pointer<KVManifestClass *> manifest(
+        CF::adopt,
+        KVManifestCreateFromManifestData(kCFAllocatorDefault, bytes.get(), container.Version(),
+                                         container.MakeGetFileFunction(), nullptr));
+    if (!manifest) {
+        throw Error(kKVErrorInvalidBackup, nullptr,
+                    CFSTR("The backup manifest could not be loaded because it is corrupted."));
+    }
+    container.manifest = std::move(manifest);
+}
+
+} // namespace
+
+void LoadBinaryManifest(KVBackupContainerClass &container) {
+    try {
+        buildBinaryManifest(container);
+    } catch (const CF::Error &cause) {
+        throw Error(kKVErrorLoadRepresentation, cause,
+                    CFSTR("An error ocurred while loading manifest file"));
+    }
+}
+
+void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &versionText,
+                          const KVProgressFunction &progress) {
+    const FileRef file = container.loader->LoadStoredFile(kManifestDatabaseName);
+    CF::String path(KVFileGetLocalPath(file.get()));
+    if (path.IsEmpty()) {
+        throw Error(kKVErrorInvalidArgument, nullptr, CFSTR("No path for manifest database"));
+    }
+    if (container.encryption) {
+        path = decryptDatabase(container, path, versionText);
+    }
+    LocalError error;
+    CF::Pointer<KVManifestClass *> manifest(
+        CF::adopt, KVManifestCreateFromManifestDatabase(
+                       kCFAllocatorDefault, path.get(), container.Version(),
+                       container.MakeGetFileFunction(), progress, error.out()));
+    if (!manifest) {
+        throw error.get();
+    }
+    container.manifest = std::move(manifest);
+}
+
+} // namespace Kelvane

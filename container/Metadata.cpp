@@ -1,0 +1,179 @@
+#include "container/KVBackupContainerClass.hpp"
+
+#include "Kelvane/Error.hpp"
+#include "container/StoredName.hpp"
+#include "foundation/Boundary.hpp"
+#include "support/cf/Extensions.hpp"
+
+#include <array>
+
+namespace Kelvane {
+
+namespace {
+
+// The largest metadata file that is read into memory. Those of devices with hundreds of
+// applications, whose icons lie in them, stay below 100 MB.
+constexpr std::uint64_t kMaxMetadataSize = 512ULL << 20;
+
+struct MetadataFile {
+    const char *name;
+    bool required;
+    CF::Dictionary KVBackupContainerClass::*target;
+};
+
+// In loading order.
+constexpr std::array<MetadataFile, 3> kMetadataFiles = {{
+    {kManifestPlistName, true, &KVBackupContainerClass::manifestDict},
+    {kInfoPlistName, false, &KVBackupContainerClass::infoDict},
+    {kStatusPlistName, true, &KVBackupContainerClass::statusDict},
+}};
+
+struct NamedVersion {
+    const char *text;
+    KVManifestDataVersion version;
+};
+constexpr std::array<NamedVersion, 5> kVersions = {{{"2.4", kKVManifestDataVersion24},
+                                                    {"3.0", kKVManifestDataVersion30},
+                                                    {"3.1", kKVManifestDataVersion31},
+                                                    {"3.2", kKVManifestDataVersion32},
+                                                    {"3.3", kKVManifestDataVersion33}}};
+
+// A file that is empty, no property list or no dictionary leaves the target empty: what
+// the backup lacks then shows in the checks that follow.
+void readDictionary(const KVBackupContainerClass &container, const CF::String &name,
+                    const CF::Dictionary &target) {
+    const FileRef file = container.loader->LoadStoredFile(name);
+    const CF::Data bytes(ReadWhole(file.get(), kMaxMetadataSize));
+    target.RemoveAll();
+    const auto parsed = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(bytes);
+    CFDictionarySetValues(target.mutableRef(), parsed.get());
+}
+
+void loadMetadataFile(const KVBackupContainerClass &container, const MetadataFile &file) {
+    const CF::String name(file.name);
+    const CF::Dictionary &target = container.*file.target;
+    try {
+        readDictionary(container, name, target);
+    } catch (const CF::Error &error) {
+        const bool missing =
+            CFErrorDomainAndCodeMatch(error.get(), kKVErrorDomain, kKVErrorFileNotFound);
+        if (missing && !file.required) {
+            target.RemoveAll();
+        } else if (missing) {
+            throw Error(kKVErrorInvalidBackup, error,
+                        CFSTR("Backup metadata file missing. Are you sure this is a valid "
+                              "backup? (%@)"),
+                        name.get());
+        } else {
+            throw Error(kKVErrorInvalidBackup, error,
+                        CFSTR("Failed to load backup metadata file (%@)"), name.get());
+        }
+    }
+}
+
+// Devices write a boolean; a number counts as one too.
+bool readBoolean(const CF::Dictionary &dictionary, CFStringRef key) {
+    const auto number = dictionary.Get<CF::Number>(key);
+    return number ? number.GetInt64() != 0 : dictionary.Get<CF::Boolean>(key).GetValue();
+}
+
+void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound) {
+    const bool encrypted = readBoolean(container.manifestDict, CFSTR("IsEncrypted"));
+    const bool havePassword = !container.password.empty();
+    if (encrypted && !havePassword) {
+        throw Error(kKVErrorPasswordRequired);
+    }
+    if (!encrypted && havePassword) {
+        throw Error(kKVErrorNotEncrypted);
+    }
+    if (encrypted) {
+        container.encryption.reset();
+        container.encryption.emplace(container.manifestDict, container.password.get(), deviceBound);
+    }
+}
+
+CF::String readVersionText(const KVBackupContainerClass &container) {
+    const auto text = container.statusDict.Get<CF::String>(CFSTR("Version"));
+    if (text.IsEmpty()) {
+        throw Error(kKVErrorInvalidBackup, nullptr, CFSTR("The manifest version is missing"));
+    }
+    return text;
+}
+
+void setVersion(KVBackupContainerClass &container, const CF::String &text) {
+    for (const NamedVersion &known : kVersions) {
+        if (text == CF::String(known.text)) {
+            container.loader->version = known.version;
+            return;
+        }
+    }
+}
+
+void refuseEncryption(const KVBackupContainerClass &container, const CF::String &versionText) {
+    if (container.encryption) {
+        throw Error(kKVErrorEncryptionUnsupported, nullptr,
+                    CFSTR("Encrypted backups are not supported for manifest version '%@'"),
+                    versionText.get());
+    }
+}
+
+void loadManifest(KVBackupContainerClass &container, const KVProgressFunction &progress) {
+    const CF::String versionText = readVersionText(container);
+    setVersion(container, versionText);
+    switch (container.Version()) {
+    case kKVManifestDataVersion24:
+        refuseEncryption(container, versionText);
+        LoadBinaryManifest(container);
+        return;
+    case kKVManifestDataVersion30:
+    case kKVManifestDataVersion31:
+        refuseEncryption(container, versionText);
+        LoadManifestDatabase(container, versionText, progress);
+        return;
+    case kKVManifestDataVersion32:
+    case kKVManifestDataVersion33:
+        LoadManifestDatabase(container, versionText, progress);
+        return;
+    default:
+        throw Error(kKVErrorUnknownManifestVersion, nullptr,
+                    CFSTR("Unsupported version '%@' specified"), versionText.get());
+    }
+}
+
+} // namespace
+
+std::vector<std::uint8_t> ReadWhole(const KVFileClass *file, std::uint64_t limit) {
+    const unsigned long long size = KVFileGetSize(file);
+    if (size > limit) {
+        throw Error(kKVErrorLoadRepresentation, nullptr,
+                    CFSTR("The file is too large to be read into memory (%llu bytes)"), size);
+    }
+    std::vector<std::uint8_t> bytes;
+    bytes.reserve(static_cast<std::size_t>(size));
+    bool tooLarge = false;
+    KVFileGetData(file, kKVFileDefaultDataChunkSize, [&](const std::vector<std::uint8_t> &chunk) {
+        tooLarge = bytes.size() + chunk.size() > limit;
+        if (!tooLarge) {
+            bytes.insert(bytes.end(), chunk.begin(), chunk.end());
+        }
+        return !tooLarge;
+    });
+    // The file may have grown since its size was taken.
+    if (tooLarge) {
+        throw Error(kKVErrorLoadRepresentation, nullptr,
+                    CFSTR("The file is too large to be read into memory (more than %llu bytes)"),
+                    static_cast<unsigned long long>(limit));
+    }
+    return bytes;
+}
+
+void LoadMetadata(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
+                  const KVProgressFunction &progress) {
+    for (const MetadataFile &file : kMetadataFiles) {
+        loadMetadataFile(container, file);
+    }
+    unlock(container, deviceBound);
+    loadManifest(container, progress);
+}
+
+} // namespace Kelvane
