@@ -31,3 +31,16 @@ target_link_libraries(Kelvane
 target_include_directories(Kelvane PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kelvane>)
+if(NOT APPLE)
+  set(map ${PROJECT_SOURCE_DIR}/cmake/Kelvane.map)
+  target_link_options(Kelvane PRIVATE
+    LINKER:--version-script=${map} LINKER:--exclude-libs,ALL)
+  set_target_properties(Kelvane PROPERTIES LINK_DEPENDS ${map})
+endif()
+
+install(TARGETS Kelvane)
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvane)
+install(DIRECTORY support/cf DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvane/support
+  FILES_MATCHING PATTERN "*.hpp")
+install(FILES support/zk/Path.hpp support/zk/IOSVersion.hpp
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvane/support/zk)
