@@ -8,14 +8,12 @@
  * iterations                how often the pseudo-random function is applied for each
  *                           output block; 0 means the same as 1.
  * output, outputLength      receives outputLength bytes; 0 writes nothing. The buffer
- *                           must not overlap the salt. Every length that RFC 8018
- *                           allows and memory can hold works up to 2^32 less one digest
- *                           in bytes; the number of output blocks is computed modulo
- *                           2^32 bytes, so from a length of 2^32 - digest + 1 on fewer
- *                           bytes than asked for are written.
+ *                           must not overlap the salt. outputLength + digest - 1 is
+ *                           taken modulo 2^32: lengths for which that wraps (more
+ *                           than 4 GiB less a digest) get fewer bytes than they ask for.
  *
- * Nothing can fail, nothing is allocated, and no copy of password, salt or key stays
- * behind on the stack. Any thread; calls do not share state.
+ * Nothing can fail, nothing is allocated, and the working state, in which password and
+ * results pass through, is overwritten at the end. Any thread; calls share no state.
  *
  * Cost: two compression-function calls per iteration and output block, and hardly
  * more; a second output block (more bytes than the digest's) doubles the time.
