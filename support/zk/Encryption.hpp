@@ -88,9 +88,11 @@ class Cryptor {
 };
 
 // RFC 3394 key wrap under AES-256; without an initial value the standard's default
-// (A6 eight times). Unwrap throws CF::Error when the integrity check fails (wrong
-// key or damaged bytes); both throw std::exception on other faults, such as a
-// length that is no multiple of 8 or too short.
+// (A6 eight times). Unwrap throws CF::Error, domain "ZK.EncryptionErrorDomain" and code
+// kKeyUnwrapIntegrityError, when the integrity check fails (wrong key or damaged bytes);
+// both throw std::exception on other faults, such as a length that is no multiple of 8
+// or too short.
+inline constexpr long kKeyUnwrapIntegrityError = 1;
 using KeyEncryptionKey = std::array<std::uint8_t, 32>;
 using WrapInitialValue = std::array<std::uint8_t, 8>;
 std::vector<std::uint8_t> RFC3394Wrap(const KeyEncryptionKey &key,

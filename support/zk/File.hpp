@@ -56,6 +56,9 @@ class readable_file : public descriptor {
     // error, at the end of the file.
     std::size_t read_some(std::span<std::uint8_t> buffer);
     std::size_t read_some(std::span<std::uint8_t> buffer, boost::system::error_code &error);
+
+  private:
+    explicit readable_file(int fd) : descriptor(fd) {}
 };
 
 // Opened for writing under an exclusive lock. A file that it creates has mode 0600,

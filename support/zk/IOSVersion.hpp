@@ -16,7 +16,8 @@ struct ios_version {
         : major_version(major), minor_version(minor), patch_version(patch) {}
     // From dotted text such as "14.2.1"; missing components are 0, further ones are
     // ignored. Empty text and text that does not begin with a number give -1, -1, 0;
-    // reading stops at the first component that is no number or exceeds 2^31 - 1.
+    // reading stops after the leading digits of a component that goes on otherwise
+    // ("15b3" is 15.0.0) and before one that is no number or exceeds 2^31 - 1.
     explicit ios_version(std::string_view text) noexcept;
 
     friend bool operator==(const ios_version &, const ios_version &) = default;

@@ -17,11 +17,14 @@ enum ZLLogLevel : int {
 };
 
 // Receives one message; text and error (null for plain messages) are borrowed for
-// the call. May run on any thread that uses the library.
+// the call. Runs on any thread that uses the library, one call at a time. What a sink
+// itself causes to be logged is dropped.
 using ZLLogSink = void (*)(CFStringRef domain, int level, CFStringRef text, CFErrorRef error,
                            void *context);
 
-// Installs the sink for messages of at least the level; null removes it. Any thread.
+// Installs the sink for messages of at least the level; null removes it. Waits for a
+// call of the old one that is under way on another thread, so that its context can be
+// freed afterwards. Any thread.
 void ZLLogSetSink(ZLLogSink sink, void *context, int minimumLevel);
 // True when a message of the level would reach a sink. Cheap: ask before building
 // costly arguments.
@@ -30,5 +33,6 @@ bool ZLLogIsEnabled(int level) noexcept;
 ZLLogDomainID ZLLogGetIdentifierForDomain(CFStringRef name);
 // Formats only when the level is enabled.
 void ZLLogDomain(ZLLogDomainID domain, int level, CFStringRef format, ...);
-// Records an error object, with a formatted message when format is not null.
+// Records an error object, with a formatted message when format is not null, else with
+// the error's description.
 void ZLLogError(CFErrorRef error, ZLLogDomainID domain, CFStringRef format, ...);

@@ -1,0 +1,220 @@
+#include "support/zk/File.hpp"
+#include "support/zk/UniqueDescriptor.hpp"
+
+#include <boost/system/system_error.hpp>
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace ZK::file {
+namespace {
+
+constexpr ::mode_t kPrivateMode = S_IRUSR | S_IWUSR;
+
+enum class Lock { Shared, Exclusive };
+
+// What went wrong: errno, and the step for messages.
+struct Failure {
+    int number = 0;
+    const char *step = "";
+    explicit operator bool() const noexcept { return number != 0; }
+};
+
+[[noreturn]] void raise(const Failure &failure) {
+    throw boost::system::system_error(failure.number, boost::system::system_category(),
+                                      failure.step);
+}
+
+void assign(const Failure &failure, boost::system::error_code &error) {
+    if (failure) {
+        error.assign(failure.number, boost::system::system_category());
+    } else {
+        error.clear();
+    }
+}
+
+int tryLock(int fd, Lock kind) {
+#if defined(F_OFD_SETLK)
+    // Owned by the open file, not by the process: two readers of one process do not
+    // drop each other's lock when the first of them closes.
+    struct flock whole {};
+    whole.l_type = kind == Lock::Shared ? F_RDLCK : F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    return ::fcntl(fd, F_OFD_SETLK, &whole);
+#else
+    return ::flock(fd, (kind == Lock::Shared ? LOCK_SH : LOCK_EX) | LOCK_NB);
+#endif
+}
+
+// Errors that mean "no locks here": network and read-only file systems, old kernels.
+bool knowsNoLocks(int number) {
+    return number == ENOLCK || number == EINVAL || number == ENOTSUP || number == EOPNOTSUPP ||
+           number == ENOSYS || number == EBADF || number == EROFS;
+}
+
+Failure lock(int fd, Lock kind) {
+    int result = 0;
+    do {
+        result = tryLock(fd, kind);
+    } while (result != 0 && errno == EINTR);
+    if (result == 0 || knowsNoLocks(errno)) {
+        return {};
+    }
+    return {errno == EACCES ? EAGAIN : errno, "File is locked"};
+}
+
+Failure refuseUnlessRegular(const struct stat &status) {
+    if (S_ISREG(status.st_mode)) {
+        return {};
+    }
+    return {S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP, "Not a regular file"};
+}
+
+int openRetrying(const char *path, int flags) {
+    int fd = -1;
+    do {
+        fd = ::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, kPrivateMode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// Checks and locks what was opened, and makes it an ordinary blocking descriptor.
+Failure admit(int fd, Lock kind) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        return {errno, "fstat"};
+    }
+    if (const Failure failure = refuseUnlessRegular(status)) {
+        return failure;
+    }
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        return {errno, "fcntl"};
+    }
+    return lock(fd, kind);
+}
+
+// Opens a file that exists. The look before the opening keeps devices, which may act
+// on being opened, out; the one after it holds even if the file was exchanged.
+Failure openExisting(const filesystem::path &path, int flags, Lock kind, int &result) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        return {errno, "open"};
+    }
+    if (const Failure failure = refuseUnlessRegular(status)) {
+        return failure;
+    }
+    unique_descriptor fd(openRetrying(path.c_str(), flags));
+    if (fd.get() < 0) {
+        return {errno, "open"};
+    }
+    const Failure failure = admit(fd.get(), kind);
+    if (!failure) {
+        result = fd.release();
+    }
+    return failure;
+}
+
+// Creates a file where nothing is; removes it again if it cannot be used.
+Failure createExclusively(const filesystem::path &path, int flags, int &result) {
+    unique_descriptor fd(openRetrying(path.c_str(), flags | O_CREAT | O_EXCL));
+    if (fd.get() < 0) {
+        return {errno, "open"};
+    }
+    Failure failure = admit(fd.get(), Lock::Exclusive);
+    // The umask may have taken away more than open() was asked for.
+    if (!failure && ::fchmod(fd.get(), kPrivateMode) != 0) {
+        failure = {errno, "fchmod"};
+    }
+    if (failure) {
+        ::unlink(path.c_str());
+    } else {
+        result = fd.release();
+    }
+    return failure;
+}
+
+// Opens for writing, creating the file if there is none. It may come or go between the
+// two attempts, hence the few repetitions.
+Failure openOrCreate(const filesystem::path &path, int flags, int &result) {
+    constexpr int kAttempts = 8;
+    Failure failure;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        failure = createExclusively(path, O_WRONLY | flags, result);
+        if (failure.number != EEXIST) {
+            return failure;
+        }
+        failure = openExisting(path, O_WRONLY | flags, Lock::Exclusive, result);
+        if (failure.number != ENOENT) {
+            return failure;
+        }
+    }
+    return failure;
+}
+
+Failure openForReading(const filesystem::path &path, int &result) {
+    const Failure failure = openExisting(path, O_RDONLY, Lock::Shared, result);
+#if defined(POSIX_FADV_SEQUENTIAL)
+    if (!failure) {
+        // Advice only: larger read-ahead. Its failure changes nothing.
+        (void)::posix_fadvise(result, 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
+#endif
+    return failure;
+}
+
+int openForReadingOrThrow(const filesystem::path &path) {
+    int fd = -1;
+    if (const Failure failure = openForReading(path, fd)) {
+        raise(failure);
+    }
+    return fd;
+}
+
+} // namespace
+
+readable_file::readable_file(const filesystem::path &path)
+    : descriptor(openForReadingOrThrow(path)) {}
+
+readable_file::readable_file(const filesystem::path &path, boost::system::error_code &error) {
+    int fd = -1;
+    const Failure failure = openForReading(path, fd);
+    assign(failure, error);
+    if (!failure) {
+        *this = readable_file(fd);
+    }
+}
+
+writable_file writable_file::open_clobber(const filesystem::path &path) {
+    int fd = -1;
+    if (const Failure failure = openOrCreate(path, 0, fd)) {
+        raise(failure);
+    }
+    writable_file file(fd);
+    // Only now, under the lock: nobody is reading what goes away.
+    if (::ftruncate(file.native_handle(), 0) != 0) {
+        raise({errno, "ftruncate"});
+    }
+    return file;
+}
+
+writable_file writable_file::create_new(const filesystem::path &path) {
+    int fd = -1;
+    if (const Failure failure = createExclusively(path, O_WRONLY, fd)) {
+        raise(failure);
+    }
+    return writable_file(fd);
+}
+
+writable_file writable_file::open_append(const filesystem::path &path,
+                                         boost::system::error_code &error) {
+    int fd = -1;
+    const Failure failure = openOrCreate(path, O_APPEND, fd);
+    assign(failure, error);
+    return failure ? writable_file() : writable_file(fd);
+}
+
+} // namespace ZK::file

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <utility>
+
+#include <unistd.h>
+
+namespace ZK::file {
+
+// Owns a bare file descriptor until something else takes it over.
+class unique_descriptor {
+  public:
+    explicit unique_descriptor(int fd) noexcept : fd_(fd) {}
+    unique_descriptor(unique_descriptor &&other) noexcept : fd_(other.release()) {}
+    unique_descriptor &operator=(unique_descriptor &&) = delete;
+    ~unique_descriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    int get() const noexcept { return fd_; }
+    int release() noexcept { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_;
+};
+
+} // namespace ZK::file
