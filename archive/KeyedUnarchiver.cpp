@@ -1,0 +1,246 @@
+#include "ZK/keyed_unarchiver.hpp"
+
+#include <type_traits>
+#include <utility>
+
+namespace ZK {
+
+namespace {
+
+constexpr std::int64_t kArchiveVersion = 100000;
+
+using References = std::vector<keyed_unarchiver::uid>;
+
+template <class T>
+constexpr bool kIsScalar = std::is_integral_v<T>;
+template <class T>
+constexpr bool kIsWrapper = std::is_base_of_v<CF::Type, T>;
+// The types that exist as objects only.
+template <class T>
+constexpr bool kNeedsReference = std::is_same_v<T, MB::File> || std::is_same_v<T, CF::Dictionary> ||
+                                 std::is_same_v<T, detail::archived_class>;
+
+// The key under which a wrapped value keeps it.
+template <class T>
+CFStringRef wrappedValueKey() {
+    if constexpr (std::is_same_v<T, CF::String>) {
+        return CFSTR("NS.string");
+    } else if constexpr (std::is_same_v<T, CF::Data>) {
+        return CFSTR("NS.data");
+    } else {
+        return CFSTR("NS.number");
+    }
+}
+
+template <class T>
+T scalarOf(const CF::Number &number) {
+    if constexpr (sizeof(T) == sizeof(std::int32_t)) {
+        return std::is_signed_v<T> ? static_cast<T>(number.GetInt32())
+                                   : static_cast<T>(number.GetUInt32());
+    } else {
+        return std::is_signed_v<T> ? static_cast<T>(number.GetInt64())
+                                   : static_cast<T>(number.GetUInt64());
+    }
+}
+
+template <class T>
+std::optional<T> ifPresent(T value) {
+    return value ? std::optional<T>(std::move(value)) : std::nullopt;
+}
+
+// The references of an array; empty when it is none or holds anything else.
+std::optional<References> referencesOf(CFTypeRef value) {
+    const auto array = CF::Array::Cast(value);
+    if (!array) {
+        return std::nullopt;
+    }
+    References references;
+    references.reserve(static_cast<std::size_t>(array.GetCount()));
+    for (CFIndex i = 0; i < array.GetCount(); ++i) {
+        const auto reference = detail::extract_uid(array.GetAt(i));
+        if (!reference) {
+            return std::nullopt;
+        }
+        references.push_back(*reference);
+    }
+    return references;
+}
+
+template <class T>
+std::optional<T> fromInlineValue(CFTypeRef value) {
+    if constexpr (kNeedsReference<T>) {
+        throw archiver_exceptions::cant_decode_as_value(typeid(T));
+    } else if constexpr (kIsScalar<T>) {
+        const auto number = CF::Number::Cast(value);
+        return number ? std::optional<T>(scalarOf<T>(number)) : std::nullopt;
+    } else if constexpr (kIsWrapper<T>) {
+        return ifPresent(T::Cast(value));
+    } else if constexpr (std::is_same_v<T, References>) {
+        return referencesOf(value);
+    } else {
+        return CF::AutoPointer(value);
+    }
+}
+
+// Outside the class, whose own names would hide the types' decode functions.
+template <class T>
+std::optional<T> decodeObject(keyed_unarchiver &unarchiver) {
+    return decode(static_cast<T *>(nullptr), unarchiver);
+}
+
+bool isNull(CFTypeRef value) { return value == nullptr || value == kCFNull; }
+
+} // namespace
+
+// One object being decoded.
+class keyed_unarchiver::frame {
+  public:
+    frame(keyed_unarchiver &unarchiver, uid reference) : unarchiver_(unarchiver) {
+        unarchiver_.enter(reference);
+    }
+    ~frame() { unarchiver_.stack_.pop_back(); }
+    frame(const frame &) = delete;
+    frame &operator=(const frame &) = delete;
+
+  private:
+    keyed_unarchiver &unarchiver_;
+};
+
+keyed_unarchiver::keyed_unarchiver(CF::Array objects)
+    : objects_(std::move(objects)),
+      steps_left_(detail::kFreeDecodingSteps + detail::kMaxDecodingStepsPerObject *
+                                                   static_cast<std::size_t>(objects_.GetCount())) {}
+
+keyed_unarchiver::~keyed_unarchiver() = default;
+
+CF::AutoPointer keyed_unarchiver::get_raw(uid reference) const {
+    if (reference.value == 0) {
+        return nullptr;
+    }
+    const CFTypeRef entry = objects_.GetAt(static_cast<CFIndex>(reference.value));
+    if (isNull(entry)) {
+        throw archiver_exceptions::missing_uid(reference.value);
+    }
+    return entry;
+}
+
+CF::AutoPointer keyed_unarchiver::current() const {
+    return stack_.empty() ? nullptr : get_raw(stack_.back());
+}
+
+void keyed_unarchiver::enter(uid reference) {
+    // Only the object in the middle is compared: cheap at any depth, and whatever
+    // loop it lets pass comes round to the middle before the depth runs out.
+    if (!stack_.empty() && stack_[stack_.size() / 2] == reference) {
+        throw archiver_exceptions::decode_cycle();
+    }
+    if (stack_.size() >= detail::kMaxDecodingDepth) {
+        throw archiver_exceptions::limit_exceeded("Archive nests its objects too deeply");
+    }
+    if (steps_left_ == 0) {
+        throw archiver_exceptions::limit_exceeded("Archive takes too many steps to decode");
+    }
+    --steps_left_;
+    stack_.push_back(reference);
+}
+
+template <class T>
+std::optional<T> keyed_unarchiver::decode(const CF::String &key, bool escape) {
+    const auto object = CF::Dictionary::Cast(current().get());
+    const CFTypeRef value = object.GetValue(detail::escaped_key(key, escape).get());
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    if (const auto reference = detail::extract_uid(value)) {
+        return get<T>(*reference);
+    }
+    return fromInlineValue<T>(value);
+}
+
+template <class T>
+std::optional<T> keyed_unarchiver::get(uid reference) {
+    const frame entered(*this, reference);
+    return decode_current<T>();
+}
+
+template <class T>
+std::optional<T> keyed_unarchiver::decode_current() {
+    if constexpr (std::is_same_v<T, MB::File>) {
+        refuse_own_class();
+        return decodeObject<T>(*this);
+    } else if constexpr (kNeedsReference<T> || std::is_same_v<T, CF::Array>) {
+        return decodeObject<T>(*this);
+    } else if constexpr (kIsScalar<T>) {
+        const auto number = CF::raw_cftype_decode<CF::Number>(*this, CFSTR("NS.number"));
+        return number && *number ? std::optional<T>(scalarOf<T>(*number)) : std::nullopt;
+    } else if constexpr (kIsWrapper<T>) {
+        return CF::raw_cftype_decode<T>(*this, wrappedValueKey<T>());
+    } else if constexpr (std::is_same_v<T, References>) {
+        return referencesOf(current().get());
+    } else {
+        return CF::try_decode(*this);
+    }
+}
+
+std::optional<detail::archived_class> keyed_unarchiver::get_class() {
+    return decode<detail::archived_class>(CFSTR("$class"), false);
+}
+
+// Records do not read their class, so an object that is its own class would go
+// unnoticed in them.
+void keyed_unarchiver::refuse_own_class() const {
+    const auto object = CF::Dictionary::Cast(current().get());
+    if (detail::extract_uid(object.GetValue(CFSTR("$class"))) == stack_.back()) {
+        throw archiver_exceptions::decode_cycle();
+    }
+}
+
+template <class T>
+std::optional<T> extract_keyed_archive(const CF::Dictionary &archive) {
+    if (archive.Get<CF::String>(CFSTR("$archiver")) != CF::String(CFSTR("NSKeyedArchiver"))) {
+        throw archiver_exceptions::invalid_creator();
+    }
+    const auto version = archive.Get<CF::Number>(CFSTR("$version"));
+    if (!version) {
+        throw archiver_exceptions::missing_version();
+    }
+    if (version.GetInt64() != kArchiveVersion) {
+        throw archiver_exceptions::unknown_version(version.GetInt64());
+    }
+    const auto top = archive.Get<CF::Dictionary>(CFSTR("$top"));
+    if (!top) {
+        throw archiver_exceptions::missing_top();
+    }
+    const auto objects = archive.Get<CF::Array>(CFSTR("$objects"));
+    if (!objects) {
+        throw archiver_exceptions::missing_objects();
+    }
+    const auto root = detail::extract_uid(top.GetValue(detail::root_object_key().get()));
+    if (!root) {
+        throw archiver_exceptions::missing_root();
+    }
+    return keyed_unarchiver(objects).get<T>(*root);
+}
+
+#define KV_INSTANTIATE_DECODER(T)                                                                  \
+    template KV_VISIBLE std::optional<T> keyed_unarchiver::decode(const CF::String &, bool);       \
+    template KV_VISIBLE std::optional<T> keyed_unarchiver::get(keyed_unarchiver::uid);
+#define KV_INSTANTIATE_ROOT(T)                                                                     \
+    KV_INSTANTIATE_DECODER(T)                                                                      \
+    template KV_VISIBLE std::optional<T> extract_keyed_archive(const CF::Dictionary &);
+
+KV_INSTANTIATE_ROOT(MB::File)
+KV_INSTANTIATE_ROOT(CF::String)
+KV_INSTANTIATE_ROOT(CF::Data)
+KV_INSTANTIATE_ROOT(CF::Number)
+KV_INSTANTIATE_ROOT(CF::Dictionary)
+KV_INSTANTIATE_ROOT(CF::Array)
+KV_INSTANTIATE_DECODER(int)
+KV_INSTANTIATE_DECODER(unsigned int)
+KV_INSTANTIATE_DECODER(long long)
+KV_INSTANTIATE_DECODER(unsigned long long)
+KV_INSTANTIATE_DECODER(detail::archived_class)
+KV_INSTANTIATE_DECODER(CF::AutoPointer)
+KV_INSTANTIATE_DECODER(References)
+
+} // namespace ZK

@@ -1,0 +1,75 @@
+// Parts that both directions of the keyed-archive codec share.
+//
+// The format. An archive is a property-list dictionary: "$archiver" is
+// "NSKeyedArchiver", "$version" 100000, "$objects" the table of all objects, whose
+// entry 0 is the string "$null", and "$top" maps "root" to a reference to the root
+// object. A reference is the number of an object in the table. Strings, data and
+// numbers stand in the table as they are; other objects are dictionaries of keyed
+// values with a reference to their class dictionary under "$class".
+#pragma once
+
+#include "KVBase.h"
+#include "support/cf/Dictionary.hpp"
+#include "support/cf/String.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ZK {
+
+class keyed_unarchiver;
+
+namespace detail {
+
+// The most objects that may be nested in one another when an archive is written. The
+// codec recurses once a level; archives of the real world nest less than ten deep.
+inline constexpr std::size_t kMaxEncodingDepth = 100;
+// The same when an archive is read: what the writer accepts must be readable, and
+// reading a leaf takes up to three more levels (wrapper, its value, its class).
+inline constexpr std::size_t kMaxDecodingDepth = kMaxEncodingDepth + 28;
+// The most references that reading one archive may follow. Objects that are referenced
+// from many places are decoded anew each time, so a few nested dictionaries that share
+// their members could take exponential time. An archive without such sharing needs at
+// most 32 steps an object (a pair of a dictionary tries five types for its value, each
+// looking up the class), so it is never refused, however large.
+inline constexpr std::size_t kMaxDecodingStepsPerObject = 32;
+// What archives may use on top of that, for the sharing that is ordinary.
+inline constexpr std::size_t kFreeDecodingSteps = 100000;
+
+// A reference to an object of the table; 0 is the null object.
+struct KV_VISIBLE keyed_archiver_uid {
+    std::uint32_t value = 0;
+
+    // {"CF$UID": value}, with the value as a signed 32-bit number.
+    CF::Dictionary to_dict() const;
+    friend bool operator==(const keyed_archiver_uid &, const keyed_archiver_uid &) = default;
+};
+
+// The reference that a property-list value stands for: the format's own UID value, or
+// a dictionary of the one entry "CF$UID" with a number from 0 to 2^31 - 1. Anything
+// else, null included, is no reference.
+KV_VISIBLE std::optional<keyed_archiver_uid> extract_uid(CFTypeRef value);
+
+// "root", the key of the root object in "$top".
+KV_VISIBLE CF::String root_object_key();
+// "$null", the entry 0 of the object table.
+KV_VISIBLE CF::String null_object_reference_name();
+// The key under which an object's dictionary keeps a field: user keys that begin with
+// "$" get one more, so that they cannot collide with the format's own.
+KV_VISIBLE CF::String escaped_key(const CF::String &key, bool escape);
+
+// A class dictionary of an archive.
+struct KV_VISIBLE archived_class {
+    std::string name;
+    std::vector<std::string> chain; // the class, its superclass and so on
+};
+
+// Reads the unarchiver's current object as a class dictionary; empty when it names no
+// class. The pointer only selects the overload and is null.
+KV_VISIBLE std::optional<archived_class> decode(archived_class *type, keyed_unarchiver &unarchiver);
+
+} // namespace detail
+} // namespace ZK
