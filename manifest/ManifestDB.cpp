@@ -1,0 +1,143 @@
+#include "Kelvane/ManifestDB.hpp"
+
+#include "Kelvane/Error.hpp"
+#include "Kelvane/SharedState.hpp"
+#include "manifest/DatabaseGuard.hpp"
+#include "manifest/ManifestRowWriter.hpp"
+#include "manifest/ManifestRows.hpp"
+#include "support/cf/UUID.hpp"
+#include "support/zk/File.hpp"
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+#include <boost/filesystem/exception.hpp>
+#include <boost/system/system_error.hpp>
+
+#include <utility>
+
+namespace Kelvane {
+
+namespace {
+
+// In this order: SQLite takes the auto-vacuum mode of a file only before the first table,
+// so the file keeps the mode that it was made with, as devices' files do.
+constexpr const char *kTables[] = {
+    "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, "
+    "file BLOB);",
+    "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB);",
+    "CREATE INDEX FilesDomainIdx ON Files (domain);",
+    "CREATE INDEX FilesFlagsIdx ON Files (flags);",
+    "CREATE INDEX FilesRelativePathIdx ON Files (relativePath);",
+};
+constexpr const char *kPragmas[] = {
+    "PRAGMA auto_vacuum='INCREMENTAL';",
+    "PRAGMA automatic_index=1;",
+};
+constexpr const char *kJournalPragma = "PRAGMA journal_mode=WAL;";
+
+ZK::filesystem::path MakeBaseDirectory() {
+    const ZK::filesystem::path base = GetTemporaryPath() / "KVManifestDB";
+    try {
+        ZK::file::create_private_directories(base);
+    } catch (const boost::system::system_error &exception) {
+        throw MakeFSError(exception, base);
+    }
+    return base;
+}
+
+std::string NewWorkingPath() {
+    static const ZK::filesystem::path base = MakeBaseDirectory();
+    const auto uuid = CF::Adopt(CFUUIDCreate(kCFAllocatorDefault));
+    const auto name = CF::String::Adopt(CFUUIDCreateString(kCFAllocatorDefault, uuid.get()));
+    return (base / name.GetUTF8()).string();
+}
+
+void CopyDatabase(const CF::String &source, const std::string &destination) {
+    try {
+        ZK::file::copy_new(ZK::filesystem::path(source.GetUTF8()), destination);
+    } catch (const boost::system::system_error &exception) {
+        throw Error(kKVErrorFilesystem, nullptr,
+                    CFSTR("Failed to copy temporary database '%@' to '%s' (%s)"), source.get(),
+                    destination.c_str(), exception.what());
+    }
+}
+
+std::unique_ptr<SQLite::Database> OpenDatabase(const std::string &path, bool create) {
+    try {
+        if (create) {
+            // Made here for its mode: SQLite would leave it to the umask.
+            ZK::file::writable_file::create_new(path).close();
+        }
+        return std::make_unique<SQLite::Database>(path,
+                                                  SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    } catch (const std::exception &exception) {
+        throw Error(kKVErrorDatabase, nullptr, CFSTR("Failed to instantiate database at '%s' (%s)"),
+                    path.c_str(), exception.what());
+    }
+}
+
+int QueryUserVersion(SQLite::Database &database) {
+    try {
+        RestrictDatabase(database);
+        SQLite::Statement query(database, "PRAGMA user_version;");
+        query.executeStep();
+        return query.getColumn(0).getInt();
+    } catch (const SQLite::Exception &exception) {
+        throw Error(kKVErrorDatabase, nullptr, CFSTR("Failed to query user_version (%s)"),
+                    exception.what());
+    }
+}
+
+void CreateSchema(SQLite::Database &database, int version) {
+    for (const char *const statement : kTables) {
+        database.exec(statement);
+    }
+    database.exec("PRAGMA user_version=" + std::to_string(version) + ";");
+    for (const char *const statement : kPragmas) {
+        database.exec(statement);
+    }
+    // Answers with a row, which exec would take for a failure.
+    SQLite::Statement(database, kJournalPragma).executeStep();
+}
+
+} // namespace
+
+ManifestDB::ManifestDB(CF::String path) : localPath_(NewWorkingPath()) {
+    if (path) {
+        CopyDatabase(path, localPath_);
+    }
+    database_ = OpenDatabase(localPath_, !path);
+    userVersion_ = QueryUserVersion(*database_);
+}
+
+ManifestDB::ManifestDB(int version) : ManifestDB(CF::String()) {
+    try {
+        CreateSchema(*database_, version);
+    } catch (const SQLite::Exception &exception) {
+        throw Error(kKVErrorDatabase, nullptr, CFSTR("Failed to prepare new database (%s) -- %s"),
+                    localPath_.c_str(), exception.what());
+    }
+}
+
+ManifestDB::~ManifestDB() = default;
+
+void ManifestDB::Close() noexcept { database_.reset(); }
+
+CF::String ManifestDB::GetLocalPath() const { return CF::String::FromUTF8(localPath_); }
+
+void ManifestDB::ProcessEntries(const EntryCallback &callback) {
+    ManifestRows rows(*this);
+    ManifestRow row;
+    while (rows.Next(row)) {
+        callback(TextFromUTF8(row.fileID).get(), TextFromUTF8(row.domain).get(),
+                 TextFromUTF8(row.relativePath).get(), row.flags, CF::Data(row.file), row.index,
+                 rows.Count());
+    }
+}
+
+void ManifestDB::AddEntry(const CF::String &fileID, const CF::String &domain,
+                          const CF::String &relativePath, int flags, const CF::Data &file) {
+    ManifestRowWriter(*this).Add(fileID, domain.get(), relativePath.get(), flags, file.get());
+}
+
+} // namespace Kelvane

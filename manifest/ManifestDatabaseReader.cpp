@@ -1,0 +1,129 @@
+// From a Manifest.db to a manifest.
+#include "KVManifest.h"
+#include "Kelvane/Error.hpp"
+#include "Kelvane/ManifestDB.hpp"
+#include "Kelvane/SharedState.hpp"
+#include "foundation/Boundary.hpp"
+#include "manifest/EntryFromMBFile.hpp"
+#include "manifest/KVManifestClass.hpp"
+#include "manifest/ManifestRows.hpp"
+#include "manifest/ManifestVersion.hpp"
+#include "manifest/TextCache.hpp"
+#include "support/cf/Number.hpp"
+#include "support/zk/Log.hpp"
+
+namespace Kelvane {
+
+namespace {
+
+// A row that stands for a file ID only.
+constexpr int kPlaceholderFlags = 16;
+
+// Gathers rows into the contents of a manifest. A bad row is logged and counted, and
+// reading goes on, so that the log names all of them.
+class RowCollector {
+  public:
+    RowCollector(CFAllocatorRef allocator, const KVGetFileFunction &getFileFunc)
+        : allocator_(allocator), loader_(ShareFileLoader(getFileFunc)) {}
+
+    void Add(const ManifestRow &row);
+    const ManifestContents &Contents() const noexcept { return contents_; }
+    long InvalidRows() const noexcept { return invalidRows_; }
+
+  private:
+    void AddEntry(const ManifestRow &row, CFStringRef fileID);
+    void RefuseUnparsed(CFStringRef fileID);
+    void RefuseUnknown(CFStringRef fileID, int flags);
+
+    CFAllocatorRef allocator_;
+    FileLoader loader_;
+    TextCache domains_;
+    ManifestContents contents_;
+    long invalidRows_ = 0;
+};
+
+void RowCollector::Add(const ManifestRow &row) {
+    const StringPointer fileID = TextFromUTF8(row.fileID);
+    if (!fileID) {
+        RefuseUnparsed(nullptr);
+    } else if (!row.domain.empty() && !row.file.empty()) {
+        AddEntry(row, fileID.get());
+    } else if (row.flags == kPlaceholderFlags && !row.fileID.empty()) {
+        contents_.placeholders.Set(fileID.get(), CF::Number(row.flags).get());
+    } else {
+        RefuseUnknown(fileID.get(), row.flags);
+    }
+}
+
+void RowCollector::AddEntry(const ManifestRow &row, CFStringRef fileID) {
+    const StringPointer domain = domains_.Get(row.domain);
+    const StringPointer path = TextFromUTF8(row.relativePath);
+    EntryPointer entry;
+    if (domain && path) {
+        entry = CreateEntryFromMBFileData(allocator_, fileID, domain.get(), path.get(), row.flags,
+                                          row.file, loader_);
+    }
+    if (entry) {
+        contents_.Append(entry.get());
+    } else {
+        RefuseUnparsed(fileID);
+    }
+}
+
+void RowCollector::RefuseUnparsed(CFStringRef fileID) {
+    ZLLogDomain(GetLogDomain(), kZLLogLevelBadRecord, CFSTR("Parse error: fileID '%@'"), fileID);
+    ++invalidRows_;
+}
+
+void RowCollector::RefuseUnknown(CFStringRef fileID, int flags) {
+    ZLLogDomain(GetLogDomain(), kZLLogLevelBadRecord,
+                CFSTR("Unknown entry format: fileID '%@' fileType '%x'"), fileID,
+                static_cast<unsigned>(flags));
+    ++invalidRows_;
+}
+
+void CollectRows(CFStringRef path, const KVProgressFunction &progress, RowCollector &collector) {
+    ManifestDB database{CF::String(path)};
+    ManifestRows rows(database);
+    const std::int64_t count = rows.Count();
+    ManifestRow row;
+    while (rows.Next(row)) {
+        collector.Add(row);
+        if (progress) {
+            progress(row.index, count, static_cast<double>(row.index) / static_cast<double>(count));
+        }
+    }
+}
+
+[[noreturn]] void ThrowLogged(const CF::Error &error) {
+    ZLLogError(error.get(), GetLogDomain(), nullptr);
+    throw error;
+}
+
+void CollectAllRows(CFStringRef path, const KVProgressFunction &progress, RowCollector &collector) {
+    try {
+        CollectRows(path, progress, collector);
+    } catch (const CF::Error &cause) {
+        ThrowLogged(Error(kKVErrorInvalidManifestDatabase, cause,
+                          "Failed to parse records from manifest database"));
+    }
+    if (collector.InvalidRows() > 0) {
+        ThrowLogged(Error(kKVErrorInvalidManifestDatabase, nullptr,
+                          CFSTR("Database contains %ld invalid entries"), collector.InvalidRows()));
+    }
+}
+
+} // namespace
+
+} // namespace Kelvane
+
+KVManifestClass *KVManifestCreateFromManifestDatabase(
+    CFAllocatorRef allocator, CFStringRef databasePath, KVManifestDataVersion version,
+    const KVGetFileFunction &getFileFunc, const KVProgressFunction &progress, CFErrorRef *error) {
+    return Kelvane::AtBoundary<KVManifestClass *>(error, nullptr, [&] {
+        Kelvane::RequireDatabaseVersion(version);
+        Kelvane::RowCollector collector(allocator, getFileFunc);
+        Kelvane::CollectAllRows(databasePath, progress, collector);
+        return Kelvane::CreateManifest(allocator, collector.Contents(), version);
+    });
+}

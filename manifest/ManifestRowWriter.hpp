@@ -1,0 +1,43 @@
+// Writing rows of a Manifest.db, one or many.
+#pragma once
+
+#include "Kelvane/ManifestDB.hpp"
+
+#include <SQLiteCpp/Statement.h>
+
+#include <memory>
+#include <string>
+
+namespace SQLite {
+class Transaction;
+}
+
+namespace Kelvane {
+
+// Keeps the statement prepared between rows.
+class ManifestRowWriter {
+  public:
+    // Throws code 2, "Database closed", and code 13.
+    explicit ManifestRowWriter(ManifestDB &database);
+    ~ManifestRowWriter();
+    ManifestRowWriter(const ManifestRowWriter &) = delete;
+    ManifestRowWriter &operator=(const ManifestRowWriter &) = delete;
+
+    // Gathers all further rows into one transaction, which is undone unless Commit is
+    // reached: a transaction for each of half a million rows would take minutes.
+    void Begin();
+    void Commit();
+
+    // Adds or replaces a row. fileID must not be null: code 2, "fileID must be non-null".
+    // Null domain, relativePath and file are stored as NULL. A text without a UTF-8 form
+    // is refused with code 2 instead of being stored as another one.
+    void Add(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int flags,
+             CFDataRef file);
+
+  private:
+    SQLite::Database &database_;
+    std::unique_ptr<SQLite::Transaction> transaction_;
+    std::unique_ptr<SQLite::Statement> insert_;
+};
+
+} // namespace Kelvane

@@ -1,0 +1,66 @@
+#include "manifest/ManifestRows.hpp"
+
+namespace Kelvane {
+
+namespace {
+
+constexpr int kColumns = 5;
+
+// The condition says nothing, but keeps SQLite from its shortcut for counting, which
+// would not stop at the work limit.
+constexpr const char *kCountRows = "SELECT COUNT(*) FROM Files WHERE 1;";
+constexpr const char *kSelectRows = "SELECT fileID, domain, relativePath, flags, file FROM Files;";
+
+std::string_view TextOf(const SQLite::Column &column) {
+    // In this order: asking for the text settles the encoding that the length is of.
+    const char *const text = column.getText();
+    return {text, static_cast<std::size_t>(column.getBytes())};
+}
+
+std::span<const std::uint8_t> BytesOf(const SQLite::Column &column) {
+    const auto *const bytes = static_cast<const std::uint8_t *>(column.getBlob());
+    return {bytes, static_cast<std::size_t>(column.getBytes())};
+}
+
+} // namespace
+
+ManifestRows::ManifestRows(ManifestDB &database) {
+    if (!database.database_) {
+        throw Error(kKVErrorInvalidArgument, nullptr, "Database closed");
+    }
+    limit_.emplace(*database.database_, SizeOfFile(database.localPath_));
+    WithDatabaseErrors([&] {
+        RequirePlainFilesTable(*database.database_);
+        SQLite::Statement counting(*database.database_, kCountRows);
+        count_ = counting.executeStep() ? counting.getColumn(0).getInt64() : 0;
+        statement_.emplace(*database.database_, kSelectRows);
+    });
+}
+
+bool ManifestRows::Step() {
+    return WithDatabaseErrors([&] {
+        const bool more = statement_->executeStep();
+        for (int i = 0; more && columns_.size() < kColumns; ++i) {
+            columns_.push_back(statement_->getColumn(i));
+        }
+        return more;
+    });
+}
+
+bool ManifestRows::Next(ManifestRow &row) {
+    const bool more = Step();
+    if (more != (index_ < count_)) {
+        ThrowMalformed();
+    }
+    if (more) {
+        row.fileID = TextOf(columns_[0]);
+        row.domain = TextOf(columns_[1]);
+        row.relativePath = TextOf(columns_[2]);
+        row.flags = columns_[3].getInt();
+        row.file = BytesOf(columns_[4]);
+        row.index = index_++;
+    }
+    return more;
+}
+
+} // namespace Kelvane
