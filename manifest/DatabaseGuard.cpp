@@ -36,9 +36,23 @@ constexpr std::uint64_t kPasses = 3;
 // For reading the schema and preparing statements.
 constexpr std::uint64_t kBaseIntervals = 100;
 
+std::uint64_t IntervalsFor(const std::string &path) {
+    boost::system::error_code error;
+    const std::uint64_t size = boost::filesystem::file_size(path, error);
+    return kBaseIntervals +
+           (error ? 0 : size * kInstructionsPerByte * kPasses / kInstructionsPerInterval);
+}
+
 CF::Error NotPlain(const char *what) { return Error(kKVErrorDatabase, nullptr, what); }
 
 } // namespace
+
+SQLite::Database &RequireOpen(SQLite::Database *database) {
+    if (database == nullptr) {
+        throw Error(kKVErrorInvalidArgument, nullptr, "Database closed");
+    }
+    return *database;
+}
 
 void RestrictDatabase(SQLite::Database &database) {
     sqlite3 *const handle = database.getHandle();
@@ -67,9 +81,8 @@ void RequirePlainFilesTable(SQLite::Database &database) {
     }
 }
 
-WorkLimit::WorkLimit(SQLite::Database &database, std::uint64_t fileSize)
-    : database_(database), intervalsLeft_(kBaseIntervals + fileSize / kInstructionsPerInterval *
-                                                               kInstructionsPerByte * kPasses) {
+WorkLimit::WorkLimit(SQLite::Database &database, const std::string &path)
+    : database_(database), intervalsLeft_(IntervalsFor(path)) {
     sqlite3_progress_handler(database_.getHandle(), kInstructionsPerInterval, &Progress, this);
 }
 
@@ -86,12 +99,6 @@ int WorkLimit::Progress(void *self) noexcept {
 
 void ThrowMalformed() {
     throw Error(kKVErrorDatabase, nullptr, CFSTR("%s"), sqlite3_errstr(SQLITE_CORRUPT));
-}
-
-std::uint64_t SizeOfFile(const std::string &path) noexcept {
-    boost::system::error_code error;
-    const auto size = boost::filesystem::file_size(path, error);
-    return error ? 0 : size;
 }
 
 } // namespace Kelvane

@@ -8,6 +8,9 @@
 
 namespace Kelvane {
 
+// The database, or code 2, "Database closed", for null.
+SQLite::Database &RequireOpen(SQLite::Database *database);
+
 // Switches off what lets a schema run code (views, triggers, extensions, functions with
 // side effects), bounds the size of values and has pages checked before use.
 void RestrictDatabase(SQLite::Database &database);
@@ -22,8 +25,8 @@ void RequirePlainFilesTable(SQLite::Database &database);
 // again and again, and a small file can keep SQLite busy for years.
 class WorkLimit {
   public:
-    // fileSize in bytes; the limit holds until destruction.
-    WorkLimit(SQLite::Database &database, std::uint64_t fileSize);
+    // path is that of the database's file; the limit holds until destruction.
+    WorkLimit(SQLite::Database &database, const std::string &path);
     ~WorkLimit();
     WorkLimit(const WorkLimit &) = delete;
     WorkLimit &operator=(const WorkLimit &) = delete;
@@ -42,9 +45,6 @@ decltype(auto) WithDatabaseErrors(Body &&body);
 
 // Throws code 13 with SQLite's words for a damaged file.
 [[noreturn]] void ThrowMalformed();
-
-// A path as SQLite takes it and messages show it.
-std::uint64_t SizeOfFile(const std::string &path) noexcept;
 
 } // namespace Kelvane
 

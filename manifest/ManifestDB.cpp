@@ -19,11 +19,13 @@ namespace Kelvane {
 
 namespace {
 
-// In this order: SQLite takes the auto-vacuum mode of a file only before the first table,
-// so the file keeps the mode that it was made with, as devices' files do.
-constexpr const char *kTables[] = {
+constexpr const char *kFilesTable =
     "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, "
-    "file BLOB);",
+    "file BLOB);";
+// The pragmas follow the tables: SQLite takes the auto-vacuum mode of a file only before
+// the first table, so the file keeps the mode that it was made with, as devices' files do.
+constexpr const char *kTables[] = {
+    kFilesTable,
     "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB);",
     "CREATE INDEX FilesDomainIdx ON Files (domain);",
     "CREATE INDEX FilesFlagsIdx ON Files (flags);",

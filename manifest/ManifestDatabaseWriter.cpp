@@ -70,15 +70,12 @@ void FillDatabase(KVManifestClass *manifest, ManifestDB &database) {
     writer.Commit();
 }
 
-// The whole file, or no value and the reason.
+// The whole file; only part of it when an error is left.
 CF::Data ReadWhole(ZK::file::readable_file &file, boost::system::error_code &error) {
     const auto bytes = CF::Data::Adopt(CFDataCreateMutable(kCFAllocatorDefault, 0));
     auto *const destination = const_cast<CFMutableDataRef>(bytes.get());
     std::vector<std::uint8_t> buffer(1024 * 1024);
     while (const std::size_t count = file.read_some(buffer, error)) {
-        if (error) {
-            break;
-        }
         if (static_cast<std::size_t>(bytes.GetLength()) + count > kMaximumDatabaseSize) {
             error = boost::system::errc::make_error_code(boost::system::errc::file_too_large);
             break;

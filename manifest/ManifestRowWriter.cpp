@@ -12,13 +12,6 @@ namespace {
 constexpr const char *kInsertRow = "INSERT OR REPLACE INTO Files "
                                    "(fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)";
 
-SQLite::Database &OpenDatabaseOf(const std::unique_ptr<SQLite::Database> &database) {
-    if (!database) {
-        throw Error(kKVErrorInvalidArgument, nullptr, "Database closed");
-    }
-    return *database;
-}
-
 // The text in UTF-8. Throws code 2 when it has no such form.
 std::string EncodeText(CFStringRef text) {
     const CFIndex units = CFStringGetLength(text);
@@ -57,7 +50,7 @@ void BindData(SQLite::Statement &statement, int index, CFDataRef data) {
 } // namespace
 
 ManifestRowWriter::ManifestRowWriter(ManifestDB &database)
-    : database_(OpenDatabaseOf(database.database_)) {}
+    : database_(RequireOpen(database.database_.get())) {}
 
 ManifestRowWriter::~ManifestRowWriter() = default;
 

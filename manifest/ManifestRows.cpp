@@ -25,15 +25,13 @@ std::span<const std::uint8_t> BytesOf(const SQLite::Column &column) {
 } // namespace
 
 ManifestRows::ManifestRows(ManifestDB &database) {
-    if (!database.database_) {
-        throw Error(kKVErrorInvalidArgument, nullptr, "Database closed");
-    }
-    limit_.emplace(*database.database_, SizeOfFile(database.localPath_));
+    SQLite::Database &open = RequireOpen(database.database_.get());
+    limit_.emplace(open, database.localPath_);
     WithDatabaseErrors([&] {
-        RequirePlainFilesTable(*database.database_);
-        SQLite::Statement counting(*database.database_, kCountRows);
+        RequirePlainFilesTable(open);
+        SQLite::Statement counting(open, kCountRows);
         count_ = counting.executeStep() ? counting.getColumn(0).getInt64() : 0;
-        statement_.emplace(*database.database_, kSelectRows);
+        statement_.emplace(open, kSelectRows);
     });
 }
 

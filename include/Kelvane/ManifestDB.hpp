@@ -79,7 +79,7 @@ class KV_VISIBLE ManifestDB {
 
   private:
     friend class ManifestRows;
-    friend class ManifestTransaction;
+    friend class ManifestRowWriter;
 
     std::unique_ptr<SQLite::Database> database_; // null once closed
     std::string localPath_;                      // UTF-8
