@@ -1,6 +1,6 @@
 #include "corefoundation/NumberValue.hpp"
 
-#include "corefoundation/Fault.hpp"
+#include "corefoundation/CFInternal.hpp"
 #include "corefoundation/Hash.hpp"
 
 #include <cmath>
@@ -16,28 +16,28 @@ namespace {
 constexpr double kInt128Limit = 0x1p127;
 
 template <class T>
-T Load(const void *source) {
+T load(const void *source) {
     T value;
     std::memcpy(&value, source, sizeof value);
     return value;
 }
 
 template <class T>
-NumberValue ReadInteger(const void *source) {
-    return NumberValue::Integer(Load<T>(source));
+NumberValue readInteger(const void *source) {
+    return NumberValue::Integer(load<T>(source));
 }
 
 // Whether the double is an integer that Int128 holds.
-bool IsIntegral(double value) {
+bool isIntegral(double value) {
     return value >= -kInt128Limit && value < kInt128Limit && std::trunc(value) == value;
 }
 
-bool EqualsDouble(Int128 integer, double real) {
-    return IsIntegral(real) && static_cast<Int128>(real) == integer;
+bool equalsDouble(Int128 integer, double real) {
+    return isIntegral(real) && static_cast<Int128>(real) == integer;
 }
 
 template <class T>
-bool WriteInteger(const NumberValue &value, void *destination) {
+bool writeInteger(const NumberValue &value, void *destination) {
     T result = 0;
     bool exact = false;
     if (!value.isFloat) {
@@ -60,32 +60,32 @@ bool WriteInteger(const NumberValue &value, void *destination) {
     return exact;
 }
 
-bool WriteDouble(const NumberValue &value, void *destination) {
+bool writeDouble(const NumberValue &value, void *destination) {
     const double result = value.isFloat ? value.real : static_cast<double>(value.integer);
     std::memcpy(destination, &result, sizeof result);
-    return value.isFloat || EqualsDouble(value.integer, result);
+    return value.isFloat || equalsDouble(value.integer, result);
 }
 
-bool WriteFloat(const NumberValue &value, void *destination) {
+bool writeFloat(const NumberValue &value, void *destination) {
     const float result =
         value.isFloat ? static_cast<float>(value.real) : static_cast<float>(value.integer);
     std::memcpy(destination, &result, sizeof result);
     const auto back = static_cast<double>(result);
     if (!value.isFloat) {
-        return EqualsDouble(value.integer, back);
+        return equalsDouble(value.integer, back);
     }
     return back == value.real || std::isnan(value.real);
 }
 
 template <class T>
-CFComparisonResult Order(T a, T b) {
+CFComparisonResult order(T a, T b) {
     if (a == b) {
         return kCFCompareEqualTo;
     }
     return a < b ? kCFCompareLessThan : kCFCompareGreaterThan;
 }
 
-CFComparisonResult CompareIntegerToReal(Int128 integer, double real) {
+CFComparisonResult compareIntegerToReal(Int128 integer, double real) {
     if (real >= kInt128Limit) {
         return kCFCompareLessThan;
     }
@@ -93,23 +93,23 @@ CFComparisonResult CompareIntegerToReal(Int128 integer, double real) {
         return kCFCompareGreaterThan;
     }
     const double whole = std::trunc(real);
-    const CFComparisonResult order = Order(integer, static_cast<Int128>(whole));
-    return order != kCFCompareEqualTo ? order : Order(whole, real);
+    const CFComparisonResult wholeOrder = order(integer, static_cast<Int128>(whole));
+    return wholeOrder != kCFCompareEqualTo ? wholeOrder : order(whole, real);
 }
 
-bool IsNegative(const NumberValue &value) {
+bool isNegative(const NumberValue &value) {
     return value.isFloat ? value.real < 0 : value.integer < 0;
 }
 
-CFComparisonResult CompareNaNTo(const NumberValue &other) {
-    return IsNegative(other) ? kCFCompareGreaterThan : kCFCompareLessThan;
+CFComparisonResult compareNaNTo(const NumberValue &other) {
+    return isNegative(other) ? kCFCompareGreaterThan : kCFCompareLessThan;
 }
 
-bool IsNaN(const NumberValue &value) { return value.isFloat && std::isnan(value.real); }
+bool isNaN(const NumberValue &value) { return value.isFloat && std::isnan(value.real); }
 
 } // namespace
 
-CFNumberType CanonicalNumberType(CFNumberType type) {
+CFNumberType canonicalNumberType(CFNumberType type) {
     static_assert(sizeof(long) == 8 && sizeof(long long) == 8 && sizeof(int) == 4);
     switch (type) {
     case kCFNumberSInt8Type:
@@ -136,11 +136,11 @@ CFNumberType CanonicalNumberType(CFNumberType type) {
     case kCFNumberCGFloatType:
         return kCFNumberFloat64Type;
     default:
-        Fault("CFNumber: unknown number type");
+        fatal(__func__, "unknown number type");
     }
 }
 
-CFIndex NumberTypeSize(CFNumberType canonicalType) {
+CFIndex numberTypeSize(CFNumberType canonicalType) {
     switch (canonicalType) {
     case kCFNumberSInt8Type:
         return 1;
@@ -154,70 +154,70 @@ CFIndex NumberTypeSize(CFNumberType canonicalType) {
     }
 }
 
-bool IsFloatNumberType(CFNumberType canonicalType) {
+bool isFloatNumberType(CFNumberType canonicalType) {
     return canonicalType == kCFNumberFloat32Type || canonicalType == kCFNumberFloat64Type;
 }
 
-NumberValue ReadNumber(CFNumberType canonicalType, const void *source) {
+NumberValue readNumber(CFNumberType canonicalType, const void *source) {
     switch (canonicalType) {
     case kCFNumberSInt8Type:
-        return ReadInteger<SInt8>(source);
+        return readInteger<SInt8>(source);
     case kCFNumberSInt16Type:
-        return ReadInteger<SInt16>(source);
+        return readInteger<SInt16>(source);
     case kCFNumberSInt32Type:
-        return ReadInteger<SInt32>(source);
+        return readInteger<SInt32>(source);
     case kCFNumberFloat32Type:
-        return NumberValue::Real(static_cast<double>(Load<float>(source)));
+        return NumberValue::Real(static_cast<double>(load<float>(source)));
     case kCFNumberFloat64Type:
-        return NumberValue::Real(Load<double>(source));
+        return NumberValue::Real(load<double>(source));
     default:
-        return ReadInteger<SInt64>(source);
+        return readInteger<SInt64>(source);
     }
 }
 
-bool WriteNumber(const NumberValue &value, CFNumberType canonicalType, void *destination) {
+bool writeNumber(const NumberValue &value, CFNumberType canonicalType, void *destination) {
     switch (canonicalType) {
     case kCFNumberSInt8Type:
-        return WriteInteger<SInt8>(value, destination);
+        return writeInteger<SInt8>(value, destination);
     case kCFNumberSInt16Type:
-        return WriteInteger<SInt16>(value, destination);
+        return writeInteger<SInt16>(value, destination);
     case kCFNumberSInt32Type:
-        return WriteInteger<SInt32>(value, destination);
+        return writeInteger<SInt32>(value, destination);
     case kCFNumberFloat32Type:
-        return WriteFloat(value, destination);
+        return writeFloat(value, destination);
     case kCFNumberFloat64Type:
-        return WriteDouble(value, destination);
+        return writeDouble(value, destination);
     default:
-        return WriteInteger<SInt64>(value, destination);
+        return writeInteger<SInt64>(value, destination);
     }
 }
 
-CFComparisonResult CompareNumbers(const NumberValue &a, const NumberValue &b) {
-    if (IsNaN(a) && IsNaN(b)) {
+CFComparisonResult compareNumbers(const NumberValue &a, const NumberValue &b) {
+    if (isNaN(a) && isNaN(b)) {
         return kCFCompareEqualTo;
     }
-    if (IsNaN(a)) {
-        return CompareNaNTo(b);
+    if (isNaN(a)) {
+        return compareNaNTo(b);
     }
-    if (IsNaN(b)) {
-        return -CompareNaNTo(a);
+    if (isNaN(b)) {
+        return -compareNaNTo(a);
     }
     if (a.isFloat) {
-        return b.isFloat ? Order(a.real, b.real) : -CompareIntegerToReal(b.integer, a.real);
+        return b.isFloat ? order(a.real, b.real) : -compareIntegerToReal(b.integer, a.real);
     }
-    return b.isFloat ? CompareIntegerToReal(a.integer, b.real) : Order(a.integer, b.integer);
+    return b.isFloat ? compareIntegerToReal(a.integer, b.real) : order(a.integer, b.integer);
 }
 
-CFHashCode HashNumber(const NumberValue &value) {
-    if (value.isFloat && !IsIntegral(value.real)) {
-        return std::isnan(value.real) ? 0 : MixHash(Load<std::uint64_t>(&value.real));
+CFHashCode hashNumber(const NumberValue &value) {
+    if (value.isFloat && !isIntegral(value.real)) {
+        return std::isnan(value.real) ? 0 : mixHash(load<std::uint64_t>(&value.real));
     }
     const Int128 integer = value.isFloat ? static_cast<Int128>(value.real) : value.integer;
     const auto low = static_cast<std::uint64_t>(integer);
     const auto high = static_cast<std::uint64_t>(integer >> 64);
     // Integers of 64 bits, the usual ones, take one round.
     const bool narrow = integer == static_cast<std::int64_t>(low);
-    return narrow ? MixHash(low) : MixHash(MixHash(low) ^ high);
+    return narrow ? mixHash(low) : mixHash(mixHash(low) ^ high);
 }
 
 } // namespace CFInternal

@@ -18,21 +18,21 @@ struct NumberValue {
 };
 
 // The type of fixed size that stands for the given one; aborts for an unknown type.
-CFNumberType CanonicalNumberType(CFNumberType type);
+CFNumberType canonicalNumberType(CFNumberType type);
 // The size in bytes of a value of that canonical type.
-CFIndex NumberTypeSize(CFNumberType canonicalType);
-bool IsFloatNumberType(CFNumberType canonicalType);
+CFIndex numberTypeSize(CFNumberType canonicalType);
+bool isFloatNumberType(CFNumberType canonicalType);
 
 // Reads a value of a canonical type from memory of any alignment.
-NumberValue ReadNumber(CFNumberType canonicalType, const void *source);
+NumberValue readNumber(CFNumberType canonicalType, const void *source);
 // Writes the value as a canonical type to memory of any alignment; false when it lost
 // something.
-bool WriteNumber(const NumberValue &value, CFNumberType canonicalType, void *destination);
+bool writeNumber(const NumberValue &value, CFNumberType canonicalType, void *destination);
 
 // Numerical order without loss; NaN equals itself and lies between the numbers
 // below 0 and 0.
-CFComparisonResult CompareNumbers(const NumberValue &a, const NumberValue &b);
+CFComparisonResult compareNumbers(const NumberValue &a, const NumberValue &b);
 // Equal for equal values, whatever their kinds.
-CFHashCode HashNumber(const NumberValue &value);
+CFHashCode hashNumber(const NumberValue &value);
 
 } // namespace CFInternal
