@@ -172,7 +172,7 @@ Boolean equalData(CFTypeRef cf1, CFTypeRef cf2) {
 
 CFHashCode hashData(CFTypeRef cf) {
     const auto *data = static_cast<CFDataRef>(cf);
-    return hashBytes(bytesOf(data), data->length);
+    return HashBytes(bytesOf(data), data->length);
 }
 
 CFStringRef describeData(CFTypeRef cf, CFDictionaryRef) {

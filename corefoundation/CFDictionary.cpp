@@ -4,7 +4,7 @@
 #include "corefoundation/Checks.hpp"
 #include "corefoundation/Description.hpp"
 #include "corefoundation/DictionaryTable.hpp"
-#include "corefoundation/Hash.hpp"
+#include "corefoundation/MixHash.hpp"
 
 #include <CoreFoundation/CFString.h>
 

@@ -3,7 +3,7 @@
 #include "corefoundation/CFInternal.hpp"
 #include "corefoundation/Checks.hpp"
 #include "corefoundation/Description.hpp"
-#include "corefoundation/Hash.hpp"
+#include "corefoundation/MixHash.hpp"
 
 #include <CoreFoundation/CFString.h>
 

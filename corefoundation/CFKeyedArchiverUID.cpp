@@ -2,7 +2,7 @@
 
 #include "corefoundation/CFInternal.hpp"
 #include "corefoundation/Description.hpp"
-#include "corefoundation/Hash.hpp"
+#include "corefoundation/MixHash.hpp"
 
 struct __CFKeyedArchiverUID {
     CFRuntimeBase base;

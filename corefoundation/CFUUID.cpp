@@ -123,7 +123,7 @@ Boolean equalUUIDs(CFTypeRef cf1, CFTypeRef cf2) {
 }
 
 CFHashCode hashUUID(CFTypeRef cf) {
-    return hashBytes(arrayOf(static_cast<CFUUIDRef>(cf)->bytes).data(), kByteCount);
+    return HashBytes(arrayOf(static_cast<CFUUIDRef>(cf)->bytes).data(), kByteCount);
 }
 
 CFStringRef describeUUID(CFTypeRef cf, CFDictionaryRef) {

@@ -1,7 +1,7 @@
 #include "corefoundation/DictionaryTable.hpp"
 
 #include "corefoundation/Checks.hpp"
-#include "corefoundation/Hash.hpp"
+#include "corefoundation/MixHash.hpp"
 
 #include <cstring>
 #include <type_traits>

@@ -8,7 +8,7 @@ namespace CFInternal {
 
 // Spreads every bit of the argument over the result (the finaliser of MurmurHash3), so
 // that tables may take the low bits of addresses, small integers and weak hashes.
-constexpr CFHashCode mixHash(std::uint64_t value) {
+constexpr CFHashCode MixHash(std::uint64_t value) {
     value ^= value >> 33;
     value *= 0xff51afd7ed558ccdU;
     value ^= value >> 33;
@@ -18,6 +18,6 @@ constexpr CFHashCode mixHash(std::uint64_t value) {
 }
 
 // A hash of the bytes.
-CFHashCode hashBytes(const UInt8 *bytes, CFIndex length);
+CFHashCode HashBytes(const UInt8 *bytes, CFIndex length);
 
 } // namespace CFInternal

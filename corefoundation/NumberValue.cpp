@@ -1,7 +1,7 @@
 #include "corefoundation/NumberValue.hpp"
 
 #include "corefoundation/CFInternal.hpp"
-#include "corefoundation/Hash.hpp"
+#include "corefoundation/MixHash.hpp"
 
 #include <cmath>
 #include <cstdint>
