@@ -1,0 +1,118 @@
+#include "CommandLine.hpp"
+
+#include "ExitStatus.hpp"
+#include "Kelvane.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+namespace tool {
+
+namespace {
+
+constexpr const char *kFooter =
+    "BACKUP is a backup directory or a zip of one. The password of an encrypted backup is read\n"
+    "from --password-file, else asked on the terminal.\n"
+    "Exit status: 0 done, 1 something failed, 2 wrong usage, 3 password missing, wrong, or given\n"
+    "for a plain backup.";
+
+class Parser {
+  public:
+    Parser() {
+        app_.set_version_flag("--version", std::string("kelvane ") + KELVANE_VERSION_STRING);
+        app_.require_subcommand(1);
+        app_.footer(kFooter);
+        app_.get_formatter()->column_width(34);
+        addInfo();
+        addList();
+        addCat();
+        addExtract();
+    }
+
+    CommandLine Parse(int argc, char **argv) {
+        try {
+            app_.parse(argc, argv);
+        } catch (const CLI::ParseError &stop) {
+            // Help and version are stops too, with status 0.
+            const int status = app_.exit(stop, std::cout, std::cerr);
+            std::cout.flush();
+            std::exit(status == 0 ? kDone : kUsage);
+        }
+        return result_;
+    }
+
+  private:
+    CLI::App *addCommand(const char *name, const char *description) {
+        CLI::App *command = app_.add_subcommand(name, description);
+        command->footer(kFooter);
+        command->add_option("BACKUP", result_.backup.backup, "Backup directory or zip")->required();
+        command
+            ->add_option("--password-file", result_.backup.passwordFile,
+                         "Read the password from the file's first line; - is standard input")
+            ->type_name("FILE");
+        command
+            ->add_option("--temp", result_.backup.temporaryParent,
+                         "Keep temporary files below DIR instead of $TMPDIR")
+            ->type_name("DIR");
+        command->add_flag("-v", result_.verbosity, "Show the log; -vv shows all of it");
+        return command;
+    }
+
+    void addDomainAndPath(CLI::App *command, std::optional<std::string> &domain,
+                          std::string &path) {
+        command->add_option("DOMAIN", domain, "Domain of the backup");
+        command->add_option("PATH", path, "Path within the domain; \"\" is its root");
+    }
+
+    void addInfo() {
+        CLI::App *command = addCommand("info", "Say what device and state a backup is of");
+        command->add_flag("--json", info_.json, "Print one JSON object");
+        command->callback([this] { result_.command = info_; });
+    }
+
+    void addList() {
+        CLI::App *command = addCommand("ls", "List the domains, or what a directory of one holds");
+        addDomainAndPath(command, list_.domain, list_.path);
+        command->add_flag("-R,--recursive", list_.recursive, "Everything at PATH and below it");
+        command->add_flag("-l,--long", list_.detailed, "Mode, owner, size and time too");
+        command
+            ->add_flag("--all", list_.all, "Every entry of every domain, in the manifest's order")
+            ->excludes("DOMAIN");
+        command->add_flag("--json", list_.json, "One JSON object a line");
+        command->callback([this] { result_.command = list_; });
+    }
+
+    void addCat() {
+        CLI::App *command = addCommand("cat", "Write a file's plaintext to standard output");
+        command->add_option("DOMAIN", cat_.domain, "Domain of the backup")->required();
+        command->add_option("PATH", cat_.path, "Path within the domain")->required();
+        command->callback([this] { result_.command = cat_; });
+    }
+
+    void addExtract() {
+        CLI::App *command =
+            addCommand("extract", "Copy files out as plaintext, to DIR/DOMAIN/PATH");
+        addDomainAndPath(command, extract_.domain, extract_.path);
+        command->add_option("-o,--output", extract_.output, "Where to write; made when missing")
+            ->required()
+            ->type_name("DIR");
+        command->add_flag("--force", extract_.force, "Replace files and links that exist");
+        command->callback([this] { result_.command = extract_; });
+    }
+
+    CLI::App app_{"Lists backups of iOS devices and copies files out of them.", "kelvane"};
+    CommandLine result_;
+    InfoOptions info_;
+    ListOptions list_;
+    CatOptions cat_;
+    ExtractOptions extract_;
+};
+
+} // namespace
+
+CommandLine ParseCommandLine(int argc, char **argv) { return Parser().Parse(argc, argv); }
+
+} // namespace tool

@@ -1,0 +1,53 @@
+// Messages to standard error.
+#pragma once
+
+#include "support/cf/Error.hpp"
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+// A failure that ends the command; main prints it.
+class Failure {
+  public:
+    // An error of the library or the system.
+    explicit Failure(CF::Error error) : error_(std::move(error)) {}
+    // A failure of the tool's own, with an error that caused it or none.
+    explicit Failure(std::string message, CF::Error cause = nullptr)
+        : message_(std::move(message)), error_(std::move(cause)) {}
+
+    void Print() const;
+    // The same as the failure of one of many things, which the name tells apart.
+    void PrintFor(std::string_view name) const;
+    int Status() const;
+    // Says that status is to be returned whatever the error is.
+    Failure WithStatus(int status) &&;
+
+  private:
+    std::string message_;
+    CF::Error error_;
+    int status_ = -1;
+};
+
+// The error that errno names; call it before anything can change errno.
+CF::Error SystemError();
+
+// "kelvane: MESSAGE" on one line.
+void PrintMessage(std::string_view message);
+// "kelvane: DESCRIPTION: REASON (code N)", then the errors underneath.
+void PrintError(const CF::Error &error);
+// "kelvane: MESSAGE", then the error and those underneath, each as a cause.
+void PrintFailure(std::string_view message, const CF::Error &cause);
+
+// The password is missing, wrong, or was given for a plain backup.
+bool IsPasswordError(const CF::Error &error);
+// The one case in which asking for a password helps.
+bool IsPasswordRequired(const CF::Error &error);
+
+// Shows the library's log on standard error: from milestones on at verbosity 1, all of it
+// from 2 on. 0 leaves it silent.
+void ShowLog(int verbosity);
+
+} // namespace tool

@@ -1,0 +1,184 @@
+#include "Commands.hpp"
+#include "Content.hpp"
+#include "Diagnostics.hpp"
+#include "EntryRecord.hpp"
+#include "ExitStatus.hpp"
+#include "Output.hpp"
+#include "OutputTree.hpp"
+#include "ProgressBar.hpp"
+#include "Selection.hpp"
+
+#include <cstdio>
+#include <unistd.h>
+#include <vector>
+
+namespace tool {
+
+namespace {
+
+// Set-id and sticky bits would give a file from a backup powers on this machine.
+constexpr std::uint16_t kPermissionBits = 0777;
+
+class Extraction {
+  public:
+    Extraction(const Container &container, const TemporaryArea &area, const CF::Array &entries,
+               const ExtractOptions &options)
+        : container_(container), area_(area), entries_(entries),
+          tree_(options.output, options.force), bar_(totalSize(entries)) {}
+
+    // Links come after everything that is written, and directories' attributes last of all:
+    // a read-only directory could not be filled, and filling it changes its time.
+    int Run() {
+        forEach([this](Entry *entry) { extractContent(entry); });
+        forEach([this](Entry *entry) {
+            if (TypeOf(entry) == EntryType::Symlink) {
+                extractLink(Describe(entry));
+            }
+        });
+        finishDirectories();
+        return report();
+    }
+
+  private:
+    static std::int64_t totalSize(const CF::Array &entries) {
+        std::int64_t total = 0;
+        for (CFIndex i = 0; i < entries.GetCount(); ++i) {
+            Entry *entry = EntryAt(entries, i);
+            const std::int64_t size = KVManifestEntryGetFileSize(entry);
+            if (TypeOf(entry) == EntryType::File && size > 0 &&
+                __builtin_add_overflow(total, size, &total)) {
+                return 0;
+            }
+        }
+        return total;
+    }
+
+    static Attributes attributesOf(const EntryRecord &record) {
+        Attributes attributes;
+        attributes.permissions = record.mode & kPermissionBits;
+        attributes.modified.tv_sec = static_cast<std::time_t>(record.modified);
+        return attributes;
+    }
+
+    // Runs the step for every entry; the failure of one is reported and the rest goes on.
+    template <class Step>
+    void forEach(Step step) {
+        for (CFIndex i = 0; i < entries_.GetCount(); ++i) {
+            attempt(EntryAt(entries_, i), step);
+        }
+    }
+
+    template <class Step>
+    bool attempt(Entry *entry, Step step) {
+        try {
+            step(entry);
+            return true;
+        } catch (const Failure &failure) {
+            bar_.Hide();
+            failure.PrintFor(FullPath(entry));
+            ++failed_;
+            return false;
+        }
+    }
+
+    void extractContent(Entry *entry) {
+        switch (TypeOf(entry)) {
+        case EntryType::File:
+            extractFile(entry);
+            break;
+        case EntryType::Directory: {
+            const EntryRecord record = Describe(entry);
+            tree_.MakeDirectory(SplitTreePath(record.domain, record.path));
+            directories_.push_back(entry);
+            break;
+        }
+        case EntryType::Symlink:
+            break;
+        case EntryType::Other:
+            throw Failure("This is no file, directory or link");
+        }
+    }
+
+    void extractFile(Entry *entry) {
+        const EntryRecord record = Describe(entry);
+        const TreePath path = SplitTreePath(record.domain, record.path);
+        tree_.CheckVacant(path);
+        const FileReference file =
+            OpenContent(container_, KVManifestEntryGetDomain(entry), KVManifestEntryGetPath(entry));
+        const Unpacked unpacked(area_, file);
+        tree_.WriteFile(path, attributesOf(record), [&](int fd) {
+            ReadContent(file, [&](std::span<const std::uint8_t> bytes) {
+                WriteAll(fd, bytes, "The file");
+                bar_.Advance(static_cast<std::int64_t>(bytes.size()));
+            });
+        });
+    }
+
+    void extractLink(const EntryRecord &record) {
+        const TreePath path = SplitTreePath(record.domain, record.path);
+        if (record.target.find('\0') != std::string::npos) {
+            throw Failure("The link's target holds a NUL");
+        }
+        tree_.CheckVacant(path);
+        tree_.MakeLink(path, record.target, attributesOf(record));
+    }
+
+    // What a zip was unpacked to is not needed once it has been copied, and would fill the
+    // temporary directory with the whole backup.
+    class Unpacked {
+      public:
+        Unpacked(const TemporaryArea &area, const FileReference &file)
+            : path_(CF::String::GetUTF8(KVFileGetLocalPath(file.get()))),
+              ours_(area.Contains(path_)) {}
+        Unpacked(const Unpacked &) = delete;
+        Unpacked &operator=(const Unpacked &) = delete;
+        ~Unpacked() {
+            if (ours_) {
+                unlink(path_.c_str());
+            }
+        }
+
+      private:
+        std::string path_;
+        bool ours_;
+    };
+
+    // Deepest first: those above must still be passable.
+    void finishDirectories() {
+        for (auto entry = directories_.rbegin(); entry != directories_.rend(); ++entry) {
+            attempt(*entry, [this](Entry *directory) {
+                const EntryRecord record = Describe(directory);
+                tree_.FinishDirectory(SplitTreePath(record.domain, record.path),
+                                      attributesOf(record));
+            });
+        }
+    }
+
+    int report() {
+        bar_.Hide();
+        const long total = entries_.GetCount();
+        const std::string done =
+            std::to_string(total - failed_) + " of " + std::to_string(total) + " entries extracted";
+        PrintMessage(failed_ == 0 ? done : done + ", " + std::to_string(failed_) + " failed");
+        return failed_ == 0 ? kDone : kFailed;
+    }
+
+    const Container &container_;
+    const TemporaryArea &area_;
+    const CF::Array &entries_;
+    OutputTree tree_;
+    ProgressBar bar_;
+    std::vector<Entry *> directories_;
+    long failed_ = 0;
+};
+
+} // namespace
+
+int RunExtract(const Container &container, const TemporaryArea &area,
+               const ExtractOptions &options) {
+    const CF::Array entries = options.domain ? EntriesAt(container, *options.domain, options.path)
+                                             : AllEntries(container);
+    return Extraction(container, area, entries, options).Run();
+}
+
+} // namespace tool

@@ -1,0 +1,146 @@
+#include "Commands.hpp"
+#include "EntryRecord.hpp"
+#include "ExitStatus.hpp"
+#include "KVManifest.h"
+#include "Output.hpp"
+#include "Quoting.hpp"
+#include "Selection.hpp"
+#include "Units.hpp"
+#include "support/cf/CF.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <cstdio>
+#include <initializer_list>
+
+namespace tool {
+
+namespace {
+
+struct Counts {
+    std::int64_t files = 0;
+    std::int64_t directories = 0;
+    std::int64_t links = 0;
+};
+
+struct Metadata {
+    CF::Dictionary info;
+    CF::Dictionary status;
+    CF::Dictionary manifest;
+    CF::Dictionary lockdown;
+};
+
+Metadata readMetadata(const Container &container) {
+    Metadata metadata;
+    metadata.info = CF::Dictionary::Adopt(KVBackupContainerCopyInfoDict(container.get()));
+    metadata.status = CF::Dictionary::Adopt(KVBackupContainerCopyStatusDict(container.get()));
+    metadata.manifest = CF::Dictionary(KVBackupContainerGetManifestDict(container.get()));
+    metadata.lockdown = metadata.manifest.Get<CF::Dictionary>(CFSTR("Lockdown"));
+    return metadata;
+}
+
+// Info.plist speaks to users; where it is missing, the device's own record says the same.
+std::string text(const Metadata &metadata, CFStringRef infoKey, CFStringRef lockdownKey) {
+    const auto value = metadata.info.Get<CF::String>(infoKey);
+    return (value ? value : metadata.lockdown.Get<CF::String>(lockdownKey)).GetUTF8();
+}
+
+std::string backupDate(const Metadata &metadata) {
+    for (const auto &[dictionary, key] :
+         std::initializer_list<std::pair<CF::Dictionary, CFStringRef>>{
+             {metadata.info, CFSTR("Last Backup Date")},
+             {metadata.status, CFSTR("Date")},
+             {metadata.manifest, CFSTR("Date")}}) {
+        const auto date = dictionary.Get<CF::Date>(key);
+        if (date) {
+            return DateText(static_cast<std::int64_t>(
+                std::floor(date.GetAbsoluteTime() + kCFAbsoluteTimeIntervalSince1970)));
+        }
+    }
+    return {};
+}
+
+Counts countEntries(const CF::Array &entries) {
+    Counts counts;
+    for (CFIndex i = 0; i < entries.GetCount(); ++i) {
+        const EntryType type = TypeOf(EntryAt(entries, i));
+        counts.files += type == EntryType::File;
+        counts.directories += type == EntryType::Directory;
+        counts.links += type == EntryType::Symlink;
+    }
+    return counts;
+}
+
+nlohmann::ordered_json gather(const Container &container) {
+    const Metadata metadata = readMetadata(container);
+    KVManifestClass *manifest = KVBackupContainerGetManifest(container.get());
+    const auto domains = CF::Array::Adopt(KVManifestCopyDomainsList(manifest));
+    const Counts counts = countEntries(AllEntries(container));
+    nlohmann::ordered_json json;
+    json["deviceName"] = text(metadata, CFSTR("Device Name"), CFSTR("DeviceName"));
+    json["deviceType"] = text(metadata, CFSTR("Product Type"), CFSTR("ProductType"));
+    json["osVersion"] = text(metadata, CFSTR("Product Version"), CFSTR("ProductVersion"));
+    json["osBuild"] = text(metadata, CFSTR("Build Version"), CFSTR("BuildVersion"));
+    json["serialNumber"] = text(metadata, CFSTR("Serial Number"), CFSTR("SerialNumber"));
+    json["uniqueIdentifier"] = text(metadata, CFSTR("Unique Identifier"), CFSTR("UniqueDeviceID"));
+    json["date"] = backupDate(metadata);
+    json["formatVersion"] = metadata.status.Get<CF::String>(CFSTR("Version")).GetUTF8();
+    json["encrypted"] = KVBackupContainerIsEncrypted(container.get()) != 0;
+    json["domains"] = domains.GetCount();
+    json["files"] = counts.files;
+    json["directories"] = counts.directories;
+    json["links"] = counts.links;
+    json["totalSize"] = KVManifestGetTotalFileSize(manifest);
+    return json;
+}
+
+constexpr std::array<std::pair<const char *, const char *>, 14> kLabels = {{
+    {"deviceName", "Device name"},
+    {"deviceType", "Device type"},
+    {"osVersion", "OS version"},
+    {"osBuild", "OS build"},
+    {"serialNumber", "Serial number"},
+    {"uniqueIdentifier", "Unique identifier"},
+    {"date", "Date"},
+    {"formatVersion", "Format version"},
+    {"encrypted", "Encrypted"},
+    {"domains", "Domains"},
+    {"files", "Files"},
+    {"directories", "Directories"},
+    {"links", "Links"},
+    {"totalSize", "Total size"},
+}};
+
+std::string valueText(const std::string &key, const nlohmann::ordered_json &value) {
+    if (value.is_string()) {
+        return value.get<std::string>().empty() ? "unknown"
+                                                : EscapeControls(value.get<std::string>());
+    }
+    if (value.is_boolean()) {
+        return value.get<bool>() ? "yes" : "no";
+    }
+    const auto number = value.get<std::int64_t>();
+    if (key == "totalSize") {
+        return SizeText(number) + " (" + std::to_string(number) + " bytes)";
+    }
+    return std::to_string(number);
+}
+
+} // namespace
+
+int RunInfo(const Container &container, const InfoOptions &options) {
+    const nlohmann::ordered_json json = gather(container);
+    if (options.json) {
+        PrintLine(json.dump());
+        return kDone;
+    }
+    for (const auto &[key, label] : kLabels) {
+        std::string line = std::string(label) + ":";
+        line.resize(20, ' ');
+        PrintLine(line + valueText(key, json.at(key)));
+    }
+    return kDone;
+}
+
+} // namespace tool

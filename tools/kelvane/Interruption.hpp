@@ -1,0 +1,29 @@
+// What is cleaned up when a signal ends the process.
+#pragma once
+
+#include <functional>
+
+namespace tool::Interruption {
+
+// Kinds of leftovers, cleaned up in this order.
+enum Kind { kTerminal, kPartialFile, kTemporaryArea, kKindCount };
+
+// Starts a thread that waits for SIGINT, SIGTERM and SIGHUP, cleans up when one comes, and
+// then lets it end the process as it would have. A thread of its own may do what a signal
+// handler may not, and does it even while the main thread derives keys. Call it first, before
+// any other thread; SIGPIPE is ignored from then on, writing reports it.
+void Start();
+
+// Replaces the clean-up of that kind; null removes it.
+void SetCleanup(Kind kind, std::function<void()> cleanup);
+
+// While one lives, clean-up waits: for steps that make something and register it.
+class Hold {
+  public:
+    Hold();
+    Hold(const Hold &) = delete;
+    Hold &operator=(const Hold &) = delete;
+    ~Hold();
+};
+
+} // namespace tool::Interruption

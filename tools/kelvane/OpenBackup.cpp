@@ -1,0 +1,67 @@
+#include "OpenBackup.hpp"
+
+#include "Diagnostics.hpp"
+#include "Password.hpp"
+#include "support/cf/Error.hpp"
+
+#include <sys/stat.h>
+
+namespace tool {
+
+namespace {
+
+bool isDirectory(const std::string &path) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+        throw Failure("'" + path + "' cannot be opened", SystemError());
+    }
+    return S_ISDIR(status.st_mode);
+}
+
+CF::String pathString(const std::string &path) {
+    CF::String string(path);
+    if (!string) {
+        throw Failure("The path '" + path + "' is not UTF-8 text");
+    }
+    return string;
+}
+
+// Null with the error stored.
+Container open(const std::string &path, bool directory, const CF::String &password,
+               CF::Error &error) {
+    constexpr KVBackupOpenOptions kOptions = kKVBackupOpenKeepDeviceBoundKeysLocked;
+    const CF::String pathText = pathString(path);
+    CFErrorRef raised = nullptr;
+    const auto create = directory ? &KVBackupContainerOpenDirectory : &KVBackupContainerOpenZipFile;
+    Container container(CF::adopt, create(kCFAllocatorDefault, pathText.get(), password.get(),
+                                          kOptions, nullptr, nullptr, &raised));
+    if (!container) {
+        error = CF::Error::Adopt(raised);
+    }
+    return container;
+}
+
+} // namespace
+
+Container OpenBackup(const BackupOptions &options) {
+    const bool directory = isDirectory(options.backup);
+    CF::String password;
+    Secret text;
+    if (!options.passwordFile.empty()) {
+        ReadPasswordFile(options.passwordFile, text);
+        password = ToString(text);
+    }
+    CF::Error error;
+    Container container = open(options.backup, directory, password, error);
+    if (!container && options.passwordFile.empty() && IsPasswordRequired(error)) {
+        AskPassword(text);
+        password = ToString(text);
+        container = open(options.backup, directory, password, error);
+    }
+    if (!container) {
+        throw Failure(error);
+    }
+    return container;
+}
+
+} // namespace tool

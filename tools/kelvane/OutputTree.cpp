@@ -1,0 +1,251 @@
+#include "OutputTree.hpp"
+
+#include "Diagnostics.hpp"
+#include "Interruption.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tool {
+
+namespace {
+
+[[noreturn]] void throwSystemFailure(const char *message) { throw Failure(message, SystemError()); }
+
+bool isSafeComponent(const std::string &component) {
+    return !component.empty() && component != "." && component != ".." &&
+           component.find('\0') == std::string::npos;
+}
+
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// Opens a directory in a directory, making it when it is missing.
+int enter(int directory, const std::string &name) {
+    if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) {
+        throwSystemFailure("The directory could not be made");
+    }
+    const int fd = openat(directory, name.c_str(), kDirectoryFlags);
+    if (fd < 0) {
+        throwSystemFailure("Something that is no directory is in the way");
+    }
+    return fd;
+}
+
+int renameWithoutReplacing(int directory, const std::string &from, const std::string &to) {
+#ifdef RENAME_NOREPLACE
+    if (renameat2(directory, from.c_str(), directory, to.c_str(), RENAME_NOREPLACE) == 0) {
+        return 0;
+    }
+    if (errno != EINVAL && errno != ENOSYS) {
+        return -1;
+    }
+#endif
+    // File systems without that operation: nobody else writes here, so looking first will do.
+    struct stat status;
+    if (fstatat(directory, to.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        errno = EEXIST;
+        return -1;
+    }
+    return renameat(directory, from.c_str(), directory, to.c_str());
+}
+
+// A file or link under its temporary name; goes away unless it was published.
+class Partial {
+  public:
+    Partial(int directory, std::string name) : directory_(directory), name_(std::move(name)) {
+        Interruption::SetCleanup(Interruption::kPartialFile, [this] { remove(); });
+    }
+    Partial(const Partial &) = delete;
+    Partial &operator=(const Partial &) = delete;
+    ~Partial() {
+        const Interruption::Hold hold;
+        Interruption::SetCleanup(Interruption::kPartialFile, nullptr);
+        remove();
+    }
+    const std::string &name() const noexcept { return name_; }
+
+  private:
+    // After publishing there is nothing of that name.
+    void remove() const { unlinkat(directory_, name_.c_str(), 0); }
+
+    int directory_;
+    std::string name_;
+};
+
+class OpenFile {
+  public:
+    OpenFile(int directory, const std::string &name)
+        : fd_(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                     0600)) {
+        if (fd_ < 0) {
+            throwSystemFailure("The file could not be made");
+        }
+    }
+    OpenFile(const OpenFile &) = delete;
+    OpenFile &operator=(const OpenFile &) = delete;
+    ~OpenFile() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    int get() const noexcept { return fd_; }
+    void Finish(const Attributes &attributes) {
+        const std::timespec times[2] = {attributes.modified, attributes.modified};
+        if (fchmod(fd_, attributes.permissions) != 0 || futimens(fd_, times) != 0) {
+            throwSystemFailure("The file's attributes could not be set");
+        }
+        // Some file systems report a full disk here and not before.
+        const int closed = close(fd_);
+        fd_ = -1;
+        if (closed != 0) {
+            throwSystemFailure("The file could not be written");
+        }
+    }
+
+  private:
+    int fd_;
+};
+
+} // namespace
+
+TreePath SplitTreePath(const std::string &domain, const std::string &path) {
+    TreePath components{domain};
+    for (std::size_t start = 0; start < path.size() || (start == path.size() && start > 0);) {
+        const std::size_t slash = std::min(path.find('/', start), path.size());
+        components.push_back(path.substr(start, slash - start));
+        start = slash + 1;
+    }
+    for (const std::string &component : components) {
+        if (!isSafeComponent(component)) {
+            throw Failure("The name leads out of the target directory or is no file name");
+        }
+    }
+    if (domain.find('/') != std::string::npos) {
+        throw Failure("The domain's name holds a \"/\"");
+    }
+    return components;
+}
+
+OutputTree::OutputTree(const std::string &root, bool replace) : replace_(replace) {
+    std::error_code error;
+    std::filesystem::create_directories(root, error);
+    // The root itself is the user's choice, and may be reached through links.
+    root_ = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (root_ < 0) {
+        throw Failure("The target directory '" + root + "' could not be opened", SystemError());
+    }
+}
+
+OutputTree::~OutputTree() {
+    if (cached_ >= 0) {
+        close(cached_);
+    }
+    close(root_);
+}
+
+int OutputTree::openParent(const TreePath &path) {
+    const TreePath parent(path.begin(), path.end() - 1);
+    if (parent.empty()) {
+        return root_;
+    }
+    if (cached_ >= 0 && parent == cachedPath_) {
+        return cached_;
+    }
+    int directory = root_;
+    for (const std::string &component : parent) {
+        int next = -1;
+        try {
+            next = enter(directory, component);
+        } catch (...) {
+            if (directory != root_) {
+                close(directory);
+            }
+            throw;
+        }
+        if (directory != root_) {
+            close(directory);
+        }
+        directory = next;
+    }
+    if (cached_ >= 0) {
+        close(cached_);
+    }
+    cached_ = directory;
+    cachedPath_ = parent;
+    return cached_;
+}
+
+void OutputTree::MakeDirectory(const TreePath &path) {
+    close(enter(openParent(path), path.back()));
+}
+
+void OutputTree::FinishDirectory(const TreePath &path, const Attributes &attributes) {
+    const int directory = openat(openParent(path), path.back().c_str(), kDirectoryFlags);
+    if (directory < 0) {
+        throwSystemFailure("The directory could not be opened");
+    }
+    const std::timespec times[2] = {attributes.modified, attributes.modified};
+    const bool done =
+        futimens(directory, times) == 0 && fchmod(directory, attributes.permissions) == 0;
+    const CF::Error error = done ? CF::Error() : SystemError();
+    close(directory);
+    if (!done) {
+        throw Failure("The directory's attributes could not be set", error);
+    }
+}
+
+void OutputTree::CheckVacant(const TreePath &path) {
+    struct stat status;
+    if (fstatat(openParent(path), path.back().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        errno = EISDIR;
+        throwSystemFailure("A directory is in the way");
+    }
+    if (!replace_) {
+        errno = EEXIST;
+        throwSystemFailure("It exists already (--force replaces it)");
+    }
+}
+
+void OutputTree::publish(int directory, const std::string &temporary,
+                         const std::string &name) const {
+    const int renamed = replace_ ? renameat(directory, temporary.c_str(), directory, name.c_str())
+                                 : renameWithoutReplacing(directory, temporary, name);
+    if (renamed != 0) {
+        throwSystemFailure("It could not be put in its place");
+    }
+}
+
+void OutputTree::WriteFile(const TreePath &path, const Attributes &attributes,
+                           const std::function<void(int fd)> &writeContent) {
+    const int directory = openParent(path);
+    const Partial partial(directory, ".kelvane-" + std::to_string(getpid()) + "-" +
+                                         std::to_string(counter_++) + ".partial");
+    OpenFile file(directory, partial.name());
+    writeContent(file.get());
+    file.Finish(attributes);
+    publish(directory, partial.name(), path.back());
+}
+
+void OutputTree::MakeLink(const TreePath &path, const std::string &target,
+                          const Attributes &attributes) {
+    const int directory = openParent(path);
+    const Partial partial(directory, ".kelvane-" + std::to_string(getpid()) + "-" +
+                                         std::to_string(counter_++) + ".partial");
+    if (symlinkat(target.c_str(), directory, partial.name().c_str()) != 0) {
+        throwSystemFailure("The link could not be made");
+    }
+    const std::timespec times[2] = {attributes.modified, attributes.modified};
+    if (utimensat(directory, partial.name().c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+        throwSystemFailure("The link's time could not be set");
+    }
+    publish(directory, partial.name(), path.back());
+}
+
+} // namespace tool

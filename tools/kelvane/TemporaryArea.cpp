@@ -1,0 +1,70 @@
+#include "TemporaryArea.hpp"
+
+#include "Diagnostics.hpp"
+#include "Interruption.hpp"
+#include "Kelvane.h"
+#include "support/cf/String.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tool {
+
+namespace {
+
+// While files are still being made in it, a directory is not empty at the first try.
+constexpr int kRemovalTries = 20;
+
+void removeTree(const std::string &path) {
+    for (int i = 0; i < kRemovalTries; ++i) {
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+        if (!error) {
+            return;
+        }
+    }
+}
+
+std::string parentDirectory(const std::string &given) {
+    if (!given.empty()) {
+        return given;
+    }
+    const char *environment = std::getenv("TMPDIR");
+    return environment != nullptr && *environment != '\0' ? environment : "/tmp";
+}
+
+} // namespace
+
+TemporaryArea::TemporaryArea(const std::string &parent) {
+    std::error_code error;
+    const auto directory = std::filesystem::absolute(parentDirectory(parent), error);
+    std::filesystem::create_directories(directory, error);
+    std::string pattern = (directory / "kelvane-XXXXXX").string();
+    // Until the path is known to the signal handling, a signal must wait.
+    const Interruption::Hold hold;
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw Failure("No temporary directory could be made in '" + directory.string() + "'",
+                      SystemError());
+    }
+    path_ = pattern;
+    Interruption::SetCleanup(Interruption::kTemporaryArea, [path = path_] { removeTree(path); });
+    if (!KelvaneSetTemporaryPath(CF::String(path_).get())) {
+        throw Failure("The temporary directory '" + path_ + "' cannot be used");
+    }
+}
+
+TemporaryArea::~TemporaryArea() {
+    const Interruption::Hold hold;
+    Interruption::SetCleanup(Interruption::kTemporaryArea, nullptr);
+    removeTree(path_);
+}
+
+bool TemporaryArea::Contains(const std::string &path) const {
+    return path.size() > path_.size() && path.compare(0, path_.size(), path_) == 0 &&
+           path[path_.size()] == '/';
+}
+
+} // namespace tool

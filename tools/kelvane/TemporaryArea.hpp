@@ -1,0 +1,26 @@
+// The tool's private directory for the library's temporary files.
+#pragma once
+
+#include <string>
+
+namespace tool {
+
+// Makes a fresh directory of mode 0700 below the given directory (which is created when it
+// is missing), or below $TMPDIR, else /tmp, when the given one is empty; sets it as the
+// library's temporary path; and removes it with all that is in it when the object goes, and
+// when SIGINT, SIGTERM or SIGHUP ends the process. One object a process. Throws Failure.
+class TemporaryArea {
+  public:
+    explicit TemporaryArea(const std::string &parent);
+    TemporaryArea(const TemporaryArea &) = delete;
+    TemporaryArea &operator=(const TemporaryArea &) = delete;
+    ~TemporaryArea();
+
+    // True for a path below the directory.
+    bool Contains(const std::string &path) const;
+
+  private:
+    std::string path_;
+};
+
+} // namespace tool
