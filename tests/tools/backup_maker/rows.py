@@ -24,10 +24,12 @@ from .randomness import Randomness
 MARK_MODIFIED, MARK_CHANGED, MARK_BIRTH, MARK_SIZE, MARK_INODE = (0x71A1A1A1 + step for step in range(5))
 MARK_DIGEST, MARK_KEY = b"\xd1" * 20, b"\xe1" * 40
 # Lengths of the paths, chosen for the averages of real manifests; a domain's root has the empty path.
-PATH_LENGTHS = (40, 56, 72, 88, 104, 120)
+PATH_LENGTHS = (28, 32, 36, 40, 48, 72)
 # The application domains that the rows are spread over: as many as on a device in use.
 DOMAINS = 200
 DIRECTORIES_PERCENT = 12
+# Of the files of a plain backup; all files of an encrypted one have a key.
+KEYS_PERCENT = 20
 # Below this a number would take fewer bytes than its mark.
 SMALLEST_NUMBER = 1 << 16
 
@@ -35,16 +37,18 @@ SMALLEST_NUMBER = 1 << 16
 class Template:
     """The archive of one shape of row."""
 
-    def __init__(self, kind: str, path_length: int, with_digest: bool, protection: int) -> None:
+    def __init__(self, kind: str, path_length: int, with_digest: bool, with_key: bool, protection: int) -> None:
         is_file = kind == FILE
         entry = Entry("", "P" * path_length, kind, 0o644 if is_file else 0o755, MARK_BIRTH, MARK_MODIFIED,
                       MARK_CHANGED, MARK_INODE, size=MARK_SIZE if is_file else 0, protection=protection)
-        key = struct.pack("<I", protection) + MARK_KEY if is_file else None
+        key = struct.pack("<I", protection) + MARK_KEY if is_file and with_key else None
         blob = archive.encode(Stored(entry, "", MARK_DIGEST if with_digest and is_file else None, key))
         marks = {"modified": pack(MARK_MODIFIED), "changed": pack(MARK_CHANGED), "birth": pack(MARK_BIRTH),
                  "inode": pack(MARK_INODE), "path": entry.path.encode()}
         if is_file:
-            marks |= {"size": pack(MARK_SIZE), "key": MARK_KEY}
+            marks["size"] = pack(MARK_SIZE)
+        if key is not None:
+            marks["key"] = MARK_KEY
         if is_file and with_digest:
             marks["digest"] = MARK_DIGEST
         if not path_length:
@@ -83,7 +87,7 @@ class RowsMaker:
         self._options = options
         self._randomness = Randomness(options.seed)
         self._device = make_device(self._randomness)
-        self._templates: dict[tuple[str, int, bool, int], Template] = {}
+        self._templates: dict[tuple[str, int, bool, bool, int], Template] = {}
         self._counts = {FILE: 0, DIRECTORY: 0}
         self._domains: set[str] = set()
         self._total_size = 0
@@ -105,7 +109,7 @@ class RowsMaker:
         previous = None
         for index in range(count):
             number = index * DOMAINS // count
-            domain = f"AppDomain-com.example.program{number:04}"
+            domain = f"AppDomain-com.example.app{number:03}"
             self._domains.add(domain)
             yield self._row(domain, index, is_root=number != previous)
             previous = number
@@ -115,7 +119,7 @@ class RowsMaker:
         first, second, size, inode, pick = struct.unpack(">IIIII", raw[:20])
         kind = DIRECTORY if is_root or pick % 100 < DIRECTORIES_PERCENT else FILE
         length = 0 if is_root else PATH_LENGTHS[pick // 100 % len(PATH_LENGTHS)]
-        path = "" if is_root else f"Library/Caches/{index // 50:06}/{index:07}".ljust(length - 4, "x") + ".bin"
+        path = "" if is_root else f"Documents/{index // 50:06}/{index:07}".ljust(length - 4, "x") + ".bin"
         modified = self._device.date - first % 100_000_000
         size = 0 if kind == DIRECTORY else SMALLEST_NUMBER + size % 1_000_000
         self._counts[kind] += 1
@@ -129,8 +133,9 @@ class RowsMaker:
 
     def _template(self, kind: str, path_length: int, pick: int) -> Template:
         with_digest = pick // 1000 % 10 < 7
+        with_key = self._options.encrypted or pick // 100_000 % 100 < KEYS_PERCENT
         protection = 1 + pick // 10_000 % 4 if kind == FILE else 0
-        key = (kind, path_length, with_digest, protection)
+        key = (kind, path_length, with_digest, with_key, protection)
         if key not in self._templates:
             self._templates[key] = Template(*key)
         return self._templates[key]
