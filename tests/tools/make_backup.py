@@ -7,13 +7,14 @@
     make_backup.py OUT --tree none --size-of-one 1073741824
     make_backup.py OUT --rows 500000
 
-The same options always give the same bytes. Iteration counts default to a device's, whose ten million take some seconds;
-tests should ask for fewer. OUT must not exist. The expectations go to OUT.expectations.json ("backup" and "entries").
+The same options always give the same bytes. Iteration counts default to a device's, whose ten million take some
+seconds; tests should ask for fewer. OUT must not exist. The expectations go to OUT.expectations.json ("backup" and "entries").
 """
 
 from __future__ import annotations
 
 import argparse
+import dataclasses
 import sys
 from pathlib import Path
 
@@ -89,7 +90,7 @@ def make_options(arguments: argparse.Namespace) -> Options:
     for name in ("output", "expectations", "encrypted", "password_file", "hostile"):
         del values[name]
     options = Options(password=read_password(arguments), **values)
-    options = Options(**{**vars(options), "hostile": hostile_names(arguments.hostile, options)})
+    options = dataclasses.replace(options, hostile=hostile_names(arguments.hostile, options))
     check(options)
     return options
 
@@ -118,8 +119,8 @@ def main() -> int:
         options = make_options(arguments)
         if arguments.output.exists():
             raise ValueError(f"{arguments.output} exists already")
-        maker = BackupMaker(options) if options.rows is None else rows.RowsMaker(options)
-        maker.make(arguments.output, arguments.expectations or expectations_path(arguments.output))
+        make = BackupMaker(options).make if options.rows is None else rows.RowsMaker(options).make
+        make(arguments.output, arguments.expectations or expectations_path(arguments.output))
     except (OSError, ValueError) as error:
         print(f"make_backup.py: {error}", file=sys.stderr)
         return 1

@@ -1,7 +1,7 @@
 """The keyed archive that a row of Manifest.db holds, written as devices write it.
 
-References are the property list's own UID values, the encryption key is a mutable-data object whose class chain is three
-deep, the digest is bare data, and the record's keys stand in the order in which devices write them.
+References are the property list's own UID values, the encryption key is a mutable-data object whose class chain is
+three deep, the digest is bare data, and the record's keys stand in the order in which devices write them.
 """
 
 from __future__ import annotations

@@ -60,7 +60,9 @@ class BackupMaker:
 
 
 def open_sink(options: Options, output: Path, date: int) -> Sink:
-    return ZipSink(output, date, options.deflated) if options.zipped else DirectorySink(output)
+    if options.zipped:
+        return ZipSink(output, date, options.deflated)
+    return DirectorySink(output)
 
 
 def write_database(sink: Sink, rows: Iterable[database.Row], options: Options, manifest_key: bytes) -> None:

@@ -30,7 +30,7 @@ def stored_name(identifier: str, binary_manifest: bool) -> str:
 
 def has_safe_name(identifier: str) -> bool:
     """Whether a content can be stored under the ID at all, and only inside the backup."""
-    return len(identifier) > 2 and "/" not in identifier and not identifier.startswith(".")
+    return len(identifier) >= 2 and "/" not in identifier and not identifier.startswith(".")
 
 
 class Encryptor:
@@ -65,7 +65,8 @@ def hashed(chunks: Iterator[bytes], update: Callable[[bytes], None]) -> Iterator
 
 # How stored bytes are broken; such contents are small, so they may be gathered.
 BREAKERS: dict[str, Callable[[bytes], bytes]] = {
-    "stored-truncated": lambda whole: whole[:len(whole) // 2],
+    # At the end of a block, where only the padding or the size can tell.
+    "stored-truncated": lambda whole: whole[:len(whole) // 2 // BLOCK * BLOCK],
     "cipher-ragged": lambda whole: whole[:-5],
     "stored-changed": lambda whole: whole[:-1] + bytes([whole[-1] ^ 0x01]),
 }

@@ -1,8 +1,8 @@
 """Manifest.db, the SQLite manifest, with the same bytes wherever it is made.
 
-SQLite stamps its own version and a count of changes into the file's header. Both are overwritten, so that another build
-of SQLite gives the same file; secure_delete keeps remains of moved cells out of it, which builds differ in. What is left
-to SQLite is how its trees split their pages: that has been stable for years, but no promise covers it.
+SQLite stamps its own version and a count of changes into the file's header. Both are overwritten, so that another
+build of SQLite gives the same file; secure_delete keeps remains of moved cells out of it, which builds differ in. What
+is left to SQLite is how its trees split their pages: no promise covers that.
 """
 
 from __future__ import annotations

@@ -75,9 +75,9 @@ class KeyBagMaker:
     def _header(self) -> bytes:
         options = self._options
         records = [
-            record("VERS", options.keybag_version), record("TYPE", TYPE_BACKUP), record("UUID", self._octets("uuid", 16)),
-            record("HMCK", self._octets("hmck", 40)), record("WRAP", 0), record("SALT", self._octets("salt", 20)),
-            record("ITER", options.iterations),
+            record("VERS", options.keybag_version), record("TYPE", TYPE_BACKUP),
+            record("UUID", self._octets("uuid", 16)), record("HMCK", self._octets("hmck", 40)), record("WRAP", 0),
+            record("SALT", self._octets("salt", 20)), record("ITER", options.iterations),
         ]
         if not options.without_dpwt:
             records.append(record("DPWT", 1))

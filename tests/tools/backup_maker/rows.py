@@ -1,8 +1,8 @@
 """Backups that are nothing but a large manifest, for measuring how fast one opens.
 
-Building every row through the property-list library would take minutes. Rows of one shape differ in a few fields of fixed
-width only, so one archive of each shape is built properly, with marks in place of those fields, and the marks are then
-overwritten row by row.
+Building every row through the property-list library would take minutes. Rows of one shape differ in a few fields of
+fixed width only, so one archive of each shape is built properly, with marks in place of those fields, and the marks are
+then overwritten row by row.
 """
 
 from __future__ import annotations

@@ -7,7 +7,7 @@ import socket
 import time
 import zipfile
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import AbstractContextManager, contextmanager
 from pathlib import Path
 from typing import BinaryIO, Protocol
 
@@ -19,7 +19,7 @@ COMPRESSION_LEVEL = 6
 class Sink(Protocol):
     """A place for named files."""
 
-    def writer(self, name: str, size_hint: int = 0) -> contextmanager[BinaryIO]: ...
+    def writer(self, name: str, size_hint: int = 0) -> AbstractContextManager[BinaryIO]: ...
 
     def obstruct(self, name: str, kind: str) -> None:
         """Puts something that is no regular file where a stored file is expected."""

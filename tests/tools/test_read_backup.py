@@ -1,0 +1,165 @@
+#!/usr/bin/python3
+"""Tests of read_backup.py beyond what the round trips of the generator show: extraction, and finding damage."""
+
+from __future__ import annotations
+
+import hashlib
+import json
+import os
+import plistlib
+import shutil
+import sqlite3
+import subprocess
+import unittest
+from pathlib import Path
+from typing import Any
+
+from backup_reader.keys import KeyBag
+from tool_testing import PASSWORD, ToolTest, plain_backup, run_tool
+
+
+class Extraction(ToolTest):
+    def extract(self, backup: Path) -> tuple[Path, list[str]]:
+        result = self.read(backup, "--extract", str(self.folder / "out"))
+        return self.folder / "out", result.stderr.splitlines()
+
+    def assert_extracted(self, backup: Path) -> None:
+        root, failures = self.extract(backup)
+        self.assertEqual(failures, [])
+        for entry in self.expectations(backup)["entries"]:
+            path = root / entry["domain"] / entry["path"]
+            if entry["type"] == "symlink":
+                self.assertEqual(os.readlink(path), entry["target"])
+                continue
+            status = path.lstat()
+            self.assertEqual((status.st_mode & 0o6777, int(status.st_mtime)),
+                             (entry["mode"] & 0o777, entry["modified"]))
+            if entry["type"] == "file":
+                self.assertEqual(hashlib.sha256(path.read_bytes()).hexdigest(), entry["sha256"])
+
+    def test_plain(self) -> None:
+        self.assert_extracted(plain_backup())
+
+    def test_encrypted_zip(self) -> None:
+        self.assert_extracted(self.make("encrypted.zip", "--zip", *self.encrypted("--device-bound")))
+
+    def test_binary_manifest(self) -> None:
+        self.assert_extracted(self.make("old", "--version", "2.4"))
+
+    def test_traps_stay_inside(self) -> None:
+        backup = self.make("traps", "--hostile", "all")
+        root, failures = self.extract(backup)
+        self.assertEqual({path.name for path in self.folder.iterdir()},
+                         {"password", "traps", "traps.expectations.json", root.name})
+        text = "\n".join(failures)
+        for reason in ("unsafe name", "unsafe stored name", "in its way is no directory", "is no regular file"):
+            self.assertIn(reason, text)
+        self.assertFalse(any(path.name.startswith("escape") and "way later" not in str(path)
+                             for path in root.rglob("*")))
+
+
+class Damage(ToolTest):
+    """The generator breaks contents in ways that it knows; here they are broken from outside."""
+
+    def setUp(self) -> None:
+        super().setUp()
+        self.backup = self.folder / "copy"
+        shutil.copytree(plain_backup(), self.backup)
+        shutil.copy(plain_backup().with_name("plain.expectations.json"), self.folder / "copy.expectations.json")
+
+    def problems(self) -> list[str]:
+        lines = self.read(self.backup, "--json").stdout.splitlines()
+        return [entry["problem"] for entry in map(json.loads, lines) if entry["problem"]]
+
+    def stored(self, with_digest: bool) -> Path:
+        entry = next(entry for entry in self.expectations(self.backup)["entries"]
+                     if entry["type"] == "file" and entry["size"] > 100 and bool(entry["digest"]) == with_digest)
+        return self.backup / entry["fileID"][:2] / entry["fileID"]
+
+    def test_a_changed_byte(self) -> None:
+        path = self.stored(with_digest=True)
+        data = bytearray(path.read_bytes())
+        data[50] ^= 1
+        path.write_bytes(data)
+        self.assertEqual(self.problems(), ["the digest does not match"])
+
+    def test_a_missing_byte(self) -> None:
+        path = self.stored(with_digest=False)
+        size = path.stat().st_size
+        os.truncate(path, size - 1)
+        self.assertEqual(self.problems(), [f"{size - 1} bytes instead of {size}"])
+
+    def test_a_broken_record(self) -> None:
+        connection = sqlite3.connect(self.backup / "Manifest.db")
+        with connection:
+            connection.execute("UPDATE Files SET file = x'00' WHERE rowid = 5")
+        connection.close()
+        result = self.read(self.backup)
+        self.assertEqual(result.returncode, 2)
+        self.assertIn("Manifest.db cannot be read", result.stderr)
+
+    def test_references_as_dictionaries(self) -> None:
+        """Not every writer uses UID values."""
+        connection = sqlite3.connect(self.backup / "Manifest.db")
+        with connection:
+            rows = connection.execute("SELECT fileID, file FROM Files").fetchall()
+            for file_id, blob in rows:
+                values = (plistlib.dumps(without_uids(plistlib.loads(blob)), fmt=plistlib.FMT_BINARY), file_id)
+                connection.execute("UPDATE Files SET file = ? WHERE fileID = ?", values)
+        connection.close()
+        self.assert_reads_as_expected(self.backup)
+
+
+def without_uids(value: Any) -> Any:
+    if isinstance(value, plistlib.UID):
+        return {"CF$UID": value.data}
+    if isinstance(value, dict):
+        return {key: without_uids(item) for key, item in value.items()}
+    if isinstance(value, list):
+        return [without_uids(item) for item in value]
+    return value
+
+
+class Passwords(ToolTest):
+    def assert_refused(self, backup: Path, password: str | None, message: str) -> None:
+        arguments: list[str | Path] = []
+        if password is not None:
+            (self.folder / "other").write_text(password, encoding="utf-8")
+            arguments = ["--password-file", self.folder / "other"]
+        result = run_tool("read_backup.py", backup, *arguments)
+        self.assertEqual((result.returncode, result.stdout), (2, ""))
+        self.assertIn(message, result.stderr)
+
+    def test_wrong_and_missing(self) -> None:
+        backup = self.make("encrypted", *self.encrypted())
+        self.assert_refused(backup, "wrong", "wrong password?")
+        self.assert_refused(backup, None, "a password is needed")
+
+    def test_one_too_many(self) -> None:
+        self.assert_refused(plain_backup(), "password", "the backup is not encrypted")
+
+    def test_openssl_agrees_about_the_cipher(self) -> None:
+        """The generator and this reader use the same library, so a third party looks at one content."""
+        backup = self.make("encrypted", *self.encrypted())
+        values = plistlib.loads((backup / "Manifest.plist").read_bytes())
+        keybag = KeyBag(values["BackupKeyBag"], PASSWORD.encode())
+        command = ["openssl", "enc", "-d", "-aes-256-cbc", "-K", keybag.unlock(values["ManifestKey"]).hex(), "-iv",
+                   "0" * 32, "-in", str(backup / "Manifest.db")]
+        database = subprocess.run(command, capture_output=True, check=True).stdout
+        self.assertTrue(database.startswith(b"SQLite format 3\0"))
+        self.assertEqual(len(database) % 4096, 0)
+
+
+class Unreadable(ToolTest):
+    def test_what_is_no_backup(self) -> None:
+        (self.folder / "empty").mkdir()
+        (self.folder / "text").write_text("no archive")
+        for name, message in (("empty", "cannot open 'Manifest.plist'"), ("text", "neither a directory nor a zip"),
+                              ("missing", "neither a directory nor a zip")):
+            result = run_tool("read_backup.py", self.folder / name)
+            self.assertEqual(result.returncode, 2)
+            self.assertIn(message, result.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
