@@ -34,15 +34,15 @@ enum : CFTypeID {
 extern const CFRuntimeClass kAllocatorClass;
 extern const CFRuntimeClass kNullClass;
 extern const CFRuntimeClass kStringClass;
-extern const CFRuntimeClass kDataClass __attribute__((weak));
-extern const CFRuntimeClass kArrayClass __attribute__((weak));
-extern const CFRuntimeClass kDictionaryClass __attribute__((weak));
-extern const CFRuntimeClass kBooleanClass __attribute__((weak));
-extern const CFRuntimeClass kNumberClass __attribute__((weak));
-extern const CFRuntimeClass kDateClass __attribute__((weak));
-extern const CFRuntimeClass kUUIDClass __attribute__((weak));
-extern const CFRuntimeClass kErrorClass __attribute__((weak));
-extern const CFRuntimeClass kKeyedArchiverUIDClass __attribute__((weak));
+extern const CFRuntimeClass kDataClass;
+extern const CFRuntimeClass kArrayClass;
+extern const CFRuntimeClass kDictionaryClass;
+extern const CFRuntimeClass kBooleanClass;
+extern const CFRuntimeClass kNumberClass;
+extern const CFRuntimeClass kDateClass;
+extern const CFRuntimeClass kUUIDClass;
+extern const CFRuntimeClass kErrorClass;
+extern const CFRuntimeClass kKeyedArchiverUIDClass;
 
 // The header's second word, from the top: 32 bits of reference count, 8 bits that mark
 // a live object (so that most uses of freed memory are noticed), 8 bits for the type's
@@ -80,6 +80,9 @@ inline std::uint8_t flagsOf(CFTypeRef cf) noexcept {
 // Replaces those bits. Not atomic with regard to reference counting: only before an
 // object is shared, or on a mutable object, which one thread uses at a time.
 void setFlags(CFTypeRef cf, std::uint8_t flags) noexcept;
+
+// Makes an object immortal, before it is shared; one that already is stays untouched.
+void makeImmortal(CFTypeRef cf) noexcept;
 
 // Ends the process with "function: message" on standard error: a programming error.
 [[noreturn]] void fatal(const char *function, const char *message) noexcept;

@@ -8,8 +8,7 @@
 #define COREFOUNDATION_CFRUNTIME_H
 
 #include <CoreFoundation/CFBase.h>
-
-typedef const struct __CFDictionary *CFDictionaryRef;
+#include <CoreFoundation/CFDictionary.h>
 
 /* The first two words of every object. Opaque: only the runtime reads them. */
 typedef struct __CFRuntimeBase {
