@@ -2,8 +2,8 @@
 
 #include "corefoundation/CFInternal.hpp"
 #include "corefoundation/Checks.hpp"
+#include "corefoundation/ContentHash.hpp"
 #include "corefoundation/Description.hpp"
-#include "corefoundation/Hash.hpp"
 
 #include <cstring>
 
@@ -172,7 +172,7 @@ Boolean equalData(CFTypeRef cf1, CFTypeRef cf2) {
 
 CFHashCode hashData(CFTypeRef cf) {
     const auto *data = static_cast<CFDataRef>(cf);
-    return HashBytes(bytesOf(data), data->length);
+    return hashBytes(bytesOf(data), static_cast<std::size_t>(data->length));
 }
 
 CFStringRef describeData(CFTypeRef cf, CFDictionaryRef) {

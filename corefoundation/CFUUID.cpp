@@ -2,8 +2,8 @@
 
 #include "corefoundation/CFInternal.hpp"
 #include "corefoundation/Checks.hpp"
+#include "corefoundation/ContentHash.hpp"
 #include "corefoundation/Description.hpp"
-#include "corefoundation/Hash.hpp"
 
 #include <CoreFoundation/CFString.h>
 
@@ -123,7 +123,7 @@ Boolean equalUUIDs(CFTypeRef cf1, CFTypeRef cf2) {
 }
 
 CFHashCode hashUUID(CFTypeRef cf) {
-    return HashBytes(arrayOf(static_cast<CFUUIDRef>(cf)->bytes).data(), kByteCount);
+    return hashBytes(arrayOf(static_cast<CFUUIDRef>(cf)->bytes).data(), kByteCount);
 }
 
 CFStringRef describeUUID(CFTypeRef cf, CFDictionaryRef) {

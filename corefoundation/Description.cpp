@@ -12,9 +12,9 @@ namespace CFInternal {
 namespace {
 
 // Deeper nesting than a reader follows; each level indents all that it holds anew.
-constexpr std::size_t kMaximumDepth = 32;
+constexpr std::size_t kMaximumDepth = 16;
 // Some hundred kilobytes of text.
-constexpr std::size_t kMaximumValues = 10000;
+constexpr std::size_t kMaximumValues = 5000;
 
 struct Progress {
     std::array<CFTypeRef, kMaximumDepth> containers;
@@ -82,13 +82,13 @@ std::string addressText(const void *value) {
 
 std::string indented(const std::string &text) {
     std::string result;
-    for (const char c : text) {
-        result += c;
-        if (c == '\n') {
-            result += "    ";
-        }
+    std::size_t start = 0;
+    for (std::size_t end = text.find('\n'); end != std::string::npos;
+         end = text.find('\n', start)) {
+        result.append(text, start, end + 1 - start).append("    ");
+        start = end + 1;
     }
-    return result;
+    return result.append(text, start, std::string::npos);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-#include "corefoundation/Hash.hpp"
+#include "corefoundation/ContentHash.hpp"
+#include "corefoundation/MixHash.hpp"
 #include "corefoundation/plist/BinaryLeaf.hpp"
 #include "corefoundation/plist/Graph.hpp"
 #include "corefoundation/plist/NumberTable.hpp"
@@ -18,7 +19,7 @@ namespace {
 class BinaryWriter {
   public:
     std::uint32_t Add(CFTypeRef object) {
-        const std::size_t hash = MixHash(reinterpret_cast<std::uintptr_t>(object));
+        const std::size_t hash = mixHash(reinterpret_cast<std::uintptr_t>(object));
         const std::uint32_t known = byAddress_.Find(
             hash, [&](std::uint32_t number) { return items_[number].object == object; });
         if (known != NumberTable::kNone) {
@@ -72,7 +73,8 @@ class BinaryWriter {
         const std::size_t start = leaves_.size();
         AppendLeaf(leaves_, leaf);
         const std::size_t length = leaves_.size() - start;
-        const std::size_t hash = HashBytes(leaves_.data() + start, static_cast<CFIndex>(length));
+        const std::size_t hash =
+            hashBytes(leaves_.data() + start, static_cast<std::size_t>(length));
         const std::uint32_t known = byContent_.Find(hash, [&](std::uint32_t number) {
             const Item &item = items_[number];
             return item.length == length &&
