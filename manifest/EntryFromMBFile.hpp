@@ -10,7 +10,7 @@ namespace Kelvane {
 
 // What KVManifestEntryCreateFromMBFileData does, for readers of whole databases: the
 // record is bytes of any owner (not kept), the loading function a shared handle, and
-// the three strings are retained as they are, so entries can share one domain. Null,
+// immutable strings are shared with their other owners, so entries can share one domain. Null,
 // with a line in the log, when the record is no valid one.
 EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fileID,
                                        CFStringRef domain, CFStringRef relativePath, int flags,

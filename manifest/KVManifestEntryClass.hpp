@@ -81,6 +81,9 @@ EntryPointer AllocateEntry(CFAllocatorRef allocator);
 // Sets domain and path (given path included) and forgets the texts made from the old
 // ones. Null reads as empty; mutable strings are copied.
 void SetEntryPath(KVManifestEntryClass &entry, CFStringRef domain, CFStringRef relativePath);
+// What KVManifestEntryCreateCopy does, with a loading function that many copies share.
+EntryPointer CopyEntry(CFAllocatorRef allocator, const KVManifestEntryClass &source,
+                       FileLoader loader);
 
 // The class with that code in data from outside. Throws std::invalid_argument,
 // "invalid protection class code", for 5 and above.

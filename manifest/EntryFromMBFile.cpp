@@ -1,0 +1,138 @@
+#include "manifest/EntryFromMBFile.hpp"
+
+#include "Kelvane/SharedState.hpp"
+#include "MB/File.hpp"
+#include "ZK/keyed_unarchiver.hpp"
+#include "archive/FastMBFile.hpp"
+#include "support/cf/CF.hpp"
+#include "support/zk/Log.hpp"
+
+#include <exception>
+#include <stdexcept>
+
+namespace {
+
+using Kelvane::EntryPointer;
+using Kelvane::MBFileView;
+
+// What a record adds to an entry, from the record as a whole or as a view.
+template <class Record>
+void fillNumbers(KVManifestEntryClass &entry, const Record &record) {
+    entry.protectionClass =
+        Kelvane::ProtectionClassFromCode(static_cast<std::uint32_t>(record.ProtectionClass));
+    entry.mode = static_cast<std::uint16_t>(record.Mode);
+    entry.uid = record.UserID;
+    entry.gid = record.GroupID;
+    entry.lastModified = Kelvane::AbsoluteTimeFromUnix(record.LastModified);
+    entry.lastStatusChange = Kelvane::AbsoluteTimeFromUnix(record.LastStatusChange);
+    entry.birth = Kelvane::AbsoluteTimeFromUnix(record.Birth);
+    entry.size = record.Size;
+    entry.inode = record.InodeNumber;
+}
+
+void fillText(CF::Pointer<CFStringRef> &field, const MBFileView::Text &text) {
+    if (!text.bytes.empty()) {
+        field = CF::Adopt(CFStringCreateWithBytes(
+            kCFAllocatorDefault, text.bytes.data(), static_cast<CFIndex>(text.bytes.size()),
+            text.utf16 ? kCFStringEncodingUTF16BE : kCFStringEncodingASCII, false));
+    }
+}
+
+void fillData(CF::Pointer<CFDataRef> &field, std::span<const std::uint8_t> bytes) {
+    if (!bytes.empty()) {
+        field = CF::Adopt(CFDataCreate(kCFAllocatorDefault, bytes.data(),
+                                       static_cast<CFIndex>(bytes.size())));
+    }
+}
+
+void fill(KVManifestEntryClass &entry, const MBFileView &record) {
+    fillNumbers(entry, record);
+    fillText(entry.target, record.Target);
+    fillData(entry.dataHash, record.Digest);
+    fillData(entry.encryptionData, record.EncryptionKey);
+}
+
+void fill(KVManifestEntryClass &entry, const MB::File &record) {
+    fillNumbers(entry, record);
+    if (!record.Target.IsEmpty()) {
+        entry.target = record.Target.get();
+    }
+    if (!record.Digest.IsEmpty()) {
+        entry.dataHash = record.Digest.get();
+    }
+    if (!record.EncryptionKey.IsEmpty()) {
+        entry.encryptionData = record.EncryptionKey.get();
+    }
+    if (record.ExtendedAttributes.GetCount() > 0) {
+        entry.properties = CF::Adopt(
+            CFDictionaryCreateCopy(kCFAllocatorDefault, record.ExtendedAttributes.get()));
+    }
+}
+
+MB::File decodeGenerally(std::span<const std::uint8_t> bytes) {
+    const auto data = CF::Data::Adopt(
+        CFDataCreateWithBytesNoCopy(kCFAllocatorDefault, bytes.data(),
+                                    static_cast<CFIndex>(bytes.size()), kCFAllocatorNull));
+    const auto archive = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(data);
+    auto record = ZK::extract_keyed_archive<MB::File>(archive);
+    if (!record) {
+        throw std::invalid_argument("The archive's root object is no MBFile");
+    }
+    return *std::move(record);
+}
+
+// Most records have the usual shape, and opening a backup decodes one for every row.
+void fillFromBytes(KVManifestEntryClass &entry, std::span<const std::uint8_t> bytes) {
+    MBFileView view;
+    if (Kelvane::DecodeMBFile(bytes, view)) {
+        fill(entry, view);
+    } else {
+        fill(entry, decodeGenerally(bytes));
+    }
+}
+
+void logFailure(const char *text) {
+    ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelBadRecord,
+                CFSTR("Failed to deserialize MBFile: %s"), text);
+}
+
+} // namespace
+
+namespace Kelvane {
+
+EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fileID,
+                                       CFStringRef domain, CFStringRef relativePath, int flags,
+                                       std::span<const std::uint8_t> record,
+                                       const FileLoader &loader) {
+    auto entry = AllocateEntry(allocator);
+    KVManifestEntryClass &body = *entry.get();
+    try {
+        fillFromBytes(body, record);
+    } catch (const std::exception &exception) {
+        logFailure(exception.what());
+        return nullptr;
+    }
+    SetEntryPath(body, domain, relativePath);
+    if (fileID != nullptr) {
+        body.fileID = CF::Adopt(CFStringCreateCopy(kCFAllocatorDefault, fileID));
+    }
+    body.fileType = static_cast<std::uint8_t>(flags);
+    body.getFileFunc = loader;
+    if (ZLLogIsEnabled(kZLLogLevelDetail)) {
+        ZLLogDomain(GetLogDomain(), kZLLogLevelDetail, CFSTR("Created manifest entry %@"),
+                    entry.get());
+    }
+    return entry;
+}
+
+} // namespace Kelvane
+
+KVManifestEntryClass *
+KVManifestEntryCreateFromMBFileData(CFAllocatorRef allocator, CFStringRef fileID,
+                                    CFStringRef domain, CFStringRef relativePath, int flags,
+                                    CFDataRef mbfileData, const KVGetFileFunction &getFileFunc) {
+    return Kelvane::CreateEntryFromMBFileData(allocator, fileID, domain, relativePath, flags,
+                                              CF::Data(mbfileData).GetBytes(),
+                                              Kelvane::ShareFileLoader(getFileFunc))
+        .detach();
+}
