@@ -1,7 +1,8 @@
 #include "archive/FastMBFile.hpp"
 
-#include "support/zk/BinaryPlist.hpp"
+#include "archive/SmallPlist.hpp"
 
+#include <array>
 #include <cstddef>
 #include <limits>
 #include <string_view>
@@ -10,21 +11,50 @@ namespace Kelvane {
 
 namespace {
 
-using ZK::bplist::Bytes;
-using ZK::bplist::Document;
-using ZK::bplist::Object;
-using ZK::bplist::Type;
+using Bytes = SmallPlist::Bytes;
+using Item = SmallPlist::Item;
 
-// Devices put eight objects at most into a record's table (the null object, the
-// record, path, target, digest, key and its class, attributes, the record's class).
-// With a bound, any document is handled in a bounded time, and none that the general
-// parser would find too large is accepted here.
-constexpr std::uint64_t kMaxTableObjects = 16;
+// Devices put nine objects at most into a record's table (the null object, the record,
+// path, target, digest, key and its class, attributes, the record's class).
+constexpr std::uint32_t kMaxTableEntries = 16;
 // The longest class chain that devices write has three names.
-constexpr std::uint64_t kMaxClassNames = 4;
+constexpr std::uint32_t kMaxClassNames = 4;
 constexpr std::int64_t kArchiveVersion = 100000;
 
-// The fields of the record; each may occur once.
+// A short text as it lies in a document, to compare names eight bytes at a time.
+struct Name {
+    std::uint32_t length = 0;
+    std::array<std::uint64_t, 3> words{};
+
+    constexpr explicit Name(std::string_view text)
+        : length(static_cast<std::uint32_t>(text.size())) {
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            words[i / 8] |= std::uint64_t{static_cast<unsigned char>(text[i])} << (56 - i % 8 * 8);
+        }
+    }
+    bool operator==(const Item &text) const noexcept {
+        return text.count == length && SmallPlist::Word(text, 0) == words[0] &&
+               (length <= 8 || SmallPlist::Word(text, 1) == words[1]) &&
+               (length <= 16 || SmallPlist::Word(text, 2) == words[2]);
+    }
+};
+
+constexpr Name kArchiverKey("$archiver");
+constexpr Name kVersionKey("$version");
+constexpr Name kTopKey("$top");
+constexpr Name kObjectsKey("$objects");
+constexpr Name kRootKey("root");
+constexpr Name kUIDKey("CF$UID");
+constexpr Name kClassKey("$class");
+constexpr Name kClassNameKey("$classname");
+constexpr Name kClassesKey("$classes");
+constexpr Name kWrappedDataKey("NS.data");
+constexpr Name kArchiverName("NSKeyedArchiver");
+constexpr Name kNullName("$null");
+constexpr Name kDataName("NSData");
+constexpr Name kMutableDataName("NSMutableData");
+
+// The fields of the record.
 enum class Field : std::uint8_t {
     Class,
     RelativePath,
@@ -42,396 +72,362 @@ enum class Field : std::uint8_t {
     InodeNumber,
     ProtectionClass,
     Flags,
-    Unknown
 };
+constexpr std::size_t kFieldCount = 16;
 // The first of those that are numbers.
 constexpr Field kFirstNumber = Field::Mode;
 
-Field ifIs(std::string_view key, std::string_view name, Field field) {
-    return key == name ? field : Field::Unknown;
-}
+// In the order of Field.
+constexpr std::array<Name, kFieldCount> kFieldNames = {
+    Name("$class"),       Name("RelativePath"),     Name("Target"),
+    Name("Digest"),       Name("EncryptionKey"),    Name("ExtendedAttributes"),
+    Name("Mode"),         Name("UserID"),           Name("GroupID"),
+    Name("LastModified"), Name("LastStatusChange"), Name("Birth"),
+    Name("Size"),         Name("InodeNumber"),      Name("ProtectionClass"),
+    Name("Flags"),
+};
 
-// The length nearly tells the fields apart.
-Field fieldOfSix(std::string_view key) {
-    switch (key[0]) {
-    case 'U':
-        return ifIs(key, "UserID", Field::UserID);
-    case 'D':
-        return ifIs(key, "Digest", Field::Digest);
-    case 'T':
-        return ifIs(key, "Target", Field::Target);
-    default:
-        return ifIs(key, "$class", Field::Class);
+// The first eight bytes tell the fields apart. The multiplier spreads them over the
+// slots without a collision, which the table's construction checks.
+constexpr std::size_t kSlotCount = 64;
+constexpr std::uint64_t kSlotMultiplier = 0x1027C4D1C386BBC5;
+constexpr std::size_t slotOf(std::uint64_t firstWord) { return firstWord * kSlotMultiplier >> 58; }
+constexpr std::array<std::uint8_t, kSlotCount> makeSlots() {
+    std::array<std::uint8_t, kSlotCount> slots{};
+    for (std::size_t i = 0; i < kFieldCount; ++i) {
+        slots[slotOf(kFieldNames[i].words[0])] = static_cast<std::uint8_t>(i);
     }
+    return slots;
 }
-
-Field fieldOf(std::string_view key) {
-    switch (key.size()) {
-    case 4:
-        return key[0] == 'M' ? ifIs(key, "Mode", Field::Mode) : ifIs(key, "Size", Field::Size);
-    case 5:
-        return key[0] == 'B' ? ifIs(key, "Birth", Field::Birth) : ifIs(key, "Flags", Field::Flags);
-    case 6:
-        return fieldOfSix(key);
-    case 7:
-        return ifIs(key, "GroupID", Field::GroupID);
-    case 11:
-        return ifIs(key, "InodeNumber", Field::InodeNumber);
-    case 12:
-        return key[0] == 'R' ? ifIs(key, "RelativePath", Field::RelativePath)
-                             : ifIs(key, "LastModified", Field::LastModified);
-    case 13:
-        return ifIs(key, "EncryptionKey", Field::EncryptionKey);
-    case 15:
-        return ifIs(key, "ProtectionClass", Field::ProtectionClass);
-    case 16:
-        return ifIs(key, "LastStatusChange", Field::LastStatusChange);
-    case 18:
-        return ifIs(key, "ExtendedAttributes", Field::ExtendedAttributes);
-    default:
-        return Field::Unknown;
-    }
-}
-
-// Whether every surrogate has its other half: the codec's texts are then what the
-// view's are.
-bool isWellFormed(const Object &string) {
-    for (std::size_t i = 0; i < string.count; ++i) {
-        const char16_t unit = string.Unit(i);
-        if (unit < 0xD800 || unit > 0xDFFF) {
-            continue;
-        }
-        const bool leads = unit < 0xDC00 && i + 1 < string.count;
-        if (!leads || (string.Unit(i + 1) & 0xFC00) != 0xDC00) {
+constexpr auto kSlots = makeSlots();
+constexpr bool slotsAreUnique() {
+    for (std::size_t i = 0; i < kFieldCount; ++i) {
+        if (kSlots[slotOf(kFieldNames[i].words[0])] != i) {
             return false;
         }
-        ++i;
+    }
+    return true;
+}
+static_assert(slotsAreUnique(), "choose another multiplier");
+
+// One object of the table, as far as records use it.
+struct TableEntry {
+    enum class Kind : std::uint8_t { Ascii, Utf16, Data, WrappedData, Class };
+    Kind kind;
+    bool isDataClass;          // Class: one that wraps data
+    std::uint32_t classNumber; // WrappedData
+    Bytes bytes;               // texts and data
+};
+
+// Whether every surrogate has its other half: only then do the text's bytes mean the
+// same to every reader.
+bool isWellFormed(Bytes text) {
+    const auto unit = [text](std::size_t i) {
+        return ZK::bplist::detail::LoadFixed<std::uint16_t>(text.data() + i);
+    };
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+        if ((unit(i) & 0xF800) != 0xD800) {
+            continue;
+        }
+        const bool leads = (unit(i) & 0xFC00) == 0xD800 && i + 2 < text.size();
+        if (!leads || (unit(i + 2) & 0xFC00) != 0xDC00) {
+            return false;
+        }
+        i += 2;
     }
     return true;
 }
 
-// A signed integer of at most 64 bits.
-bool integerOf(const Object &object, std::int64_t &value) {
-    if (object.type != Type::Integer || object.payload.size() > 8) {
-        return false;
-    }
-    value = static_cast<std::int64_t>(object.Integer().low);
-    return true;
-}
-
-bool isText(const Object &object, std::string_view text) {
-    return object.type == Type::AsciiString && object.Text() == text;
-}
-
-// Reads one archive. Every operation answers whether the archive is still of the
-// usual shape; the first no ends the reading.
+// Reads one archive. Every step answers whether the archive is still of the usual
+// shape; the first no ends the reading.
 class Reader {
   public:
     explicit Reader(MBFileView &view) : view_(view) {}
 
-    bool Read(Bytes bytes) {
-        Object root;
-        return document_.Open(bytes) && document_.ObjectAt(document_.RootIndex(), root) &&
-               ReadArchive(root) && ReadTable() && ReadRecord();
+    bool Read(Bytes archive) {
+        return plist_.Open(archive) && ReadArchive() && ReadTable() && ReadRecord() &&
+               SetReferenced() && SetNumbers();
     }
 
   private:
-    bool ReadArchive(const Object &root);
-    bool ReadTop(const Object &top);
+    bool ReadArchive();
+    bool ReadTop(std::uint32_t number);
     bool ReadTable();
-    bool ReadTableEntry(const Object &entry);
+    bool ReadEntry(std::uint32_t number, TableEntry &entry);
+    bool ReadObject(const Item &object, TableEntry &entry);
+    bool ReadClass(std::uint32_t name, std::uint32_t chain, TableEntry &entry);
+    bool ReadWrappedData(std::uint32_t data, std::uint32_t archivedClass, TableEntry &entry);
     bool ReadRecord();
-    bool ReadField(Field field, const Object &value);
-    bool ReadReference(const Object &value, std::uint64_t &number);
-    bool Referenced(Field field, std::uint64_t number);
-    void SetNumber(Field field, std::int64_t value);
-    bool SetText(MBFileView::Text &text, const Object &string);
-    bool SetData(std::span<const std::uint8_t> &data, const Object &object);
-    bool IsClass(const Object &object, std::string_view &name);
-    bool IsClassChain(const Object &chain);
-    bool IsDataWrapper(const Object &object, Bytes &data);
-    bool Entry(std::uint64_t number, Object &object);
+    bool ReadField(std::uint32_t key, std::uint32_t value);
+    bool ReadReference(std::uint32_t number, std::uint32_t &entry);
+    bool ReadName(std::uint32_t number, Item &name);
+    bool SetReferenced();
+    bool SetText(Field field, MBFileView::Text &text);
+    bool SetData(Field field, Bytes &data);
+    bool SetNumbers();
+    const TableEntry *EntryOf(Field field);
+    bool Has(Field field) const { return (seen_ >> static_cast<unsigned>(field) & 1) != 0; }
 
-    Document document_;
-    Object table_;
-    Object record_;
-    std::uint64_t rootNumber_ = 0;
+    SmallPlist plist_;
+    Item table_;
+    std::uint32_t recordNumber_ = 0;
+    unsigned seen_ = 0; // a bit for each field
+    // The record's values in the order of Field: numbers, or numbers of table entries.
+    std::array<std::int64_t, kFieldCount> values_;
+    std::array<TableEntry, kMaxTableEntries> entries_;
     MBFileView &view_;
 };
 
-bool Reader::Entry(std::uint64_t number, Object &object) {
-    return number < table_.count && bool(document_.MemberObject(table_, number, object));
-}
-
-bool Reader::ReadArchive(const Object &root) {
-    constexpr std::uint64_t kKeys = 4;
-    if (root.type != Type::Dictionary || root.count != kKeys) {
+bool Reader::ReadArchive() {
+    constexpr std::uint32_t kPairs = 4;
+    Item archive;
+    if (!plist_.Dictionary(plist_.Root(), archive) || archive.count != kPairs) {
         return false;
     }
     // Each of the four is there once when all four are there.
-    unsigned seen = 0;
-    for (std::uint64_t i = 0; i < kKeys; ++i) {
-        Object key;
-        Object value;
-        if (!document_.MemberObject(root, i, key) ||
-            !document_.MemberObject(root, kKeys + i, value)) {
+    unsigned found = 0;
+    for (std::uint32_t i = 0; i < kPairs; ++i) {
+        const std::uint32_t value = archive.content[kPairs + i];
+        Item key;
+        Item name;
+        std::int64_t version = 0;
+        if (!plist_.Ascii(archive.content[i], key)) {
             return false;
         }
-        std::int64_t version = 0;
-        if (isText(key, "$objects") && value.type == Type::Array) {
-            table_ = value;
-            seen |= 1;
-        } else if (isText(key, "$top") && ReadTop(value)) {
-            seen |= 2;
-        } else if (isText(key, "$archiver") && isText(value, "NSKeyedArchiver")) {
-            seen |= 4;
-        } else if (isText(key, "$version") && integerOf(value, version) &&
+        if (kObjectsKey == key && plist_.Array(value, table_)) {
+            found |= 1;
+        } else if (kTopKey == key && ReadTop(value)) {
+            found |= 2;
+        } else if (kArchiverKey == key && plist_.Ascii(value, name) && kArchiverName == name) {
+            found |= 4;
+        } else if (kVersionKey == key && plist_.Integer(value, version) &&
                    version == kArchiveVersion) {
-            seen |= 8;
+            found |= 8;
         }
     }
-    return seen == 15 && table_.count <= kMaxTableObjects;
+    return found == 15;
 }
 
-bool Reader::ReadTop(const Object &top) {
-    Object key;
-    Object root;
-    return top.type == Type::Dictionary && top.count == 1 && document_.MemberObject(top, 0, key) &&
-           isText(key, "root") && document_.MemberObject(top, 1, root) &&
-           ReadReference(root, rootNumber_) && rootNumber_ != 0;
+bool Reader::ReadTop(std::uint32_t number) {
+    Item top;
+    Item key;
+    return plist_.Dictionary(number, top) && top.count == 1 && plist_.Ascii(top.content[0], key) &&
+           kRootKey == key && ReadReference(top.content[1], recordNumber_) && recordNumber_ != 0;
 }
 
 // A UID value, or the dictionary {"CF$UID": number} that we write ourselves.
-bool Reader::ReadReference(const Object &value, std::uint64_t &number) {
-    if (value.type == Type::Uid) {
-        std::uint32_t uid = 0;
-        const bool valid(value.Uid(uid));
-        number = uid;
-        return valid;
+bool Reader::ReadReference(std::uint32_t number, std::uint32_t &entry) {
+    if (plist_.Uid(number, entry)) {
+        return true;
     }
-    Object key;
-    Object object;
-    std::int64_t integer = 0;
-    if (value.type != Type::Dictionary || value.count != 1 ||
-        !document_.MemberObject(value, 0, key) || !isText(key, "CF$UID") ||
-        !document_.MemberObject(value, 1, object) || !integerOf(object, integer) || integer < 0 ||
-        integer > std::numeric_limits<std::int32_t>::max()) {
+    Item object;
+    Item key;
+    std::int64_t value = 0;
+    if (!plist_.Dictionary(number, object) || object.count != 1 ||
+        !plist_.Ascii(object.content[0], key) || !(kUIDKey == key) ||
+        !plist_.Integer(object.content[1], value)) {
         return false;
     }
-    number = static_cast<std::uint64_t>(integer);
-    return true;
+    entry = static_cast<std::uint32_t>(value);
+    return value >= 0 && value <= std::numeric_limits<std::int32_t>::max();
+}
+
+bool Reader::ReadName(std::uint32_t number, Item &name) {
+    return plist_.Ascii(number, name) && ZK::bplist::IsAscii(name.Content());
 }
 
 // Every entry must be an object of the usual kinds even if nothing refers to it: the
-// general parser would reject the document for a bad one.
+// general parser would refuse the document for a bad one.
 bool Reader::ReadTable() {
-    Object entry;
-    if (!Entry(0, entry) || !isText(entry, "$null") || !Entry(rootNumber_, record_) ||
-        record_.type != Type::Dictionary) {
+    Item null;
+    if (table_.count > kMaxTableEntries || recordNumber_ >= table_.count ||
+        !plist_.Ascii(table_.content[0], null) || !(kNullName == null)) {
         return false;
     }
-    for (std::uint64_t number = 1; number < table_.count; ++number) {
-        if (number != rootNumber_ && !(Entry(number, entry) && ReadTableEntry(entry))) {
+    for (std::uint32_t i = 1; i < table_.count; ++i) {
+        if (i != recordNumber_ && !ReadEntry(table_.content[i], entries_[i])) {
             return false;
         }
     }
     return true;
 }
 
-bool Reader::ReadTableEntry(const Object &entry) {
-    MBFileView::Text text;
-    Bytes data;
-    std::string_view name;
-    switch (entry.type) {
-    case Type::AsciiString:
-    case Type::Utf16String:
-        return SetText(text, entry);
-    case Type::Data:
+bool Reader::ReadEntry(std::uint32_t number, TableEntry &entry) {
+    Item item;
+    if (plist_.Ascii(number, item)) {
+        entry = {TableEntry::Kind::Ascii, false, 0, item.Content()};
+        return ZK::bplist::IsAscii(entry.bytes);
+    }
+    if (plist_.Data(number, item)) {
+        entry = {TableEntry::Kind::Data, false, 0, item.Content()};
         return true;
-    case Type::Dictionary:
-        return IsClass(entry, name) || IsDataWrapper(entry, data);
-    default:
-        return false;
     }
+    if (plist_.Dictionary(number, item)) {
+        return ReadObject(item, entry);
+    }
+    if (plist_.Utf16(number, item)) {
+        entry = {TableEntry::Kind::Utf16, false, 0, item.Content(2)};
+        return isWellFormed(entry.bytes);
+    }
+    return false;
 }
 
-// {"$classname": name, "$classes": [names]}.
-bool Reader::IsClass(const Object &object, std::string_view &name) {
-    if (object.type != Type::Dictionary || object.count != 2) {
+// A class dictionary or a data wrapper, two pairs in either order.
+bool Reader::ReadObject(const Item &object, TableEntry &entry) {
+    Item first;
+    Item second;
+    if (object.count != 2 || !plist_.Ascii(object.content[0], first) ||
+        !plist_.Ascii(object.content[1], second)) {
         return false;
     }
-    bool hasName = false;
-    bool hasChain = false;
-    for (std::uint64_t i = 0; i < 2; ++i) {
-        Object key;
-        Object value;
-        if (!document_.MemberObject(object, i, key) ||
-            !document_.MemberObject(object, 2 + i, value)) {
-            return false;
-        }
-        if (isText(key, "$classname") && value.type == Type::AsciiString &&
-            IsAscii(value.payload)) {
-            name = value.Text();
-            hasName = true;
-        } else if (isText(key, "$classes")) {
-            hasChain = IsClassChain(value);
-        }
+    const std::uint32_t firstValue = object.content[2];
+    const std::uint32_t secondValue = object.content[3];
+    if (kClassNameKey == first && kClassesKey == second) {
+        return ReadClass(firstValue, secondValue, entry);
     }
-    return hasName && hasChain;
+    if (kClassesKey == first && kClassNameKey == second) {
+        return ReadClass(secondValue, firstValue, entry);
+    }
+    if (kWrappedDataKey == first && kClassKey == second) {
+        return ReadWrappedData(firstValue, secondValue, entry);
+    }
+    return kClassKey == first && kWrappedDataKey == second &&
+           ReadWrappedData(secondValue, firstValue, entry);
 }
 
-bool Reader::IsClassChain(const Object &chain) {
-    if (chain.type != Type::Array || chain.count > kMaxClassNames) {
+// A name and the names of the class chain.
+bool Reader::ReadClass(std::uint32_t name, std::uint32_t chain, TableEntry &entry) {
+    Item className;
+    Item names;
+    if (!ReadName(name, className) || !plist_.Array(chain, names) || names.count > kMaxClassNames) {
         return false;
     }
-    for (std::uint64_t i = 0; i < chain.count; ++i) {
-        Object name;
-        if (!document_.MemberObject(chain, i, name) || name.type != Type::AsciiString ||
-            !IsAscii(name.payload)) {
+    for (std::uint32_t i = 0; i < names.count; ++i) {
+        Item ancestor;
+        if (!ReadName(names.content[i], ancestor)) {
             return false;
         }
     }
+    const bool isDataClass = kDataName == className || kMutableDataName == className;
+    entry = {TableEntry::Kind::Class, isDataClass, 0, {}};
     return true;
 }
 
-// {"NS.data": data, "$class": NSData or NSMutableData}.
-bool Reader::IsDataWrapper(const Object &object, Bytes &data) {
-    if (object.type != Type::Dictionary || object.count != 2) {
+// The class may come later in the table, so it is looked at when the data is used.
+bool Reader::ReadWrappedData(std::uint32_t data, std::uint32_t archivedClass, TableEntry &entry) {
+    Item content;
+    entry = {TableEntry::Kind::WrappedData, false, 0, {}};
+    if (!plist_.Data(data, content) || !ReadReference(archivedClass, entry.classNumber)) {
         return false;
     }
-    bool hasData = false;
-    bool hasClass = false;
-    for (std::uint64_t i = 0; i < 2; ++i) {
-        Object key;
-        Object value;
-        if (!document_.MemberObject(object, i, key) ||
-            !document_.MemberObject(object, 2 + i, value)) {
-            return false;
-        }
-        std::uint64_t number = 0;
-        Object archivedClass;
-        std::string_view name;
-        if (isText(key, "NS.data") && value.type == Type::Data) {
-            data = value.payload;
-            hasData = true;
-        } else if (isText(key, "$class") && ReadReference(value, number) &&
-                   Entry(number, archivedClass) && IsClass(archivedClass, name)) {
-            hasClass = name == "NSMutableData" || name == "NSData";
-        }
-    }
-    return hasData && hasClass;
+    entry.bytes = content.Content();
+    return true;
 }
 
 bool Reader::ReadRecord() {
-    unsigned seen = 0;
-    for (std::uint64_t i = 0; i < record_.count; ++i) {
-        Object key;
-        Object value;
-        if (!document_.MemberObject(record_, i, key) || key.type != Type::AsciiString ||
-            !document_.MemberObject(record_, record_.count + i, value)) {
-            return false;
-        }
-        const Field field = fieldOf(key.Text());
-        const unsigned bit = 1u << static_cast<unsigned>(field);
-        if (field == Field::Unknown || (seen & bit) != 0 || !ReadField(field, value)) {
-            return false;
-        }
-        seen |= bit;
-    }
-    return true;
-}
-
-bool Reader::ReadField(Field field, const Object &value) {
-    if (field >= kFirstNumber) {
-        std::int64_t number = 0;
-        if (!integerOf(value, number)) {
-            return false;
-        }
-        SetNumber(field, number);
-        return true;
-    }
-    std::uint64_t number = 0;
-    return ReadReference(value, number) && Referenced(field, number);
-}
-
-// The null object leaves a field absent; a record without a class is not usual.
-bool Reader::Referenced(Field field, std::uint64_t number) {
-    if (number == 0) {
-        return field != Field::Class;
-    }
-    Object object;
-    std::string_view name;
-    if (!Entry(number, object)) {
+    Item record;
+    if (!plist_.Dictionary(table_.content[recordNumber_], record)) {
         return false;
     }
-    switch (field) {
-    case Field::RelativePath:
-        return SetText(view_.RelativePath, object);
-    case Field::Target:
-        return SetText(view_.Target, object);
-    case Field::Digest:
-        return SetData(view_.Digest, object);
-    case Field::EncryptionKey:
-        return SetData(view_.EncryptionKey, object);
-    case Field::ExtendedAttributes:
+    for (std::uint32_t i = 0; i < record.count; ++i) {
+        if (!ReadField(record.content[i], record.content[record.count + i])) {
+            return false;
+        }
+    }
+    return Has(Field::Class);
+}
+
+bool Reader::ReadField(std::uint32_t key, std::uint32_t value) {
+    Item name;
+    if (!plist_.Ascii(key, name)) {
+        return false;
+    }
+    const std::size_t field = kSlots[slotOf(SmallPlist::Word(name, 0))];
+    const unsigned bit = 1u << field;
+    if (!(kFieldNames[field] == name) || (seen_ & bit) != 0) {
+        return false;
+    }
+    seen_ |= bit;
+    if (field >= static_cast<std::size_t>(kFirstNumber)) {
+        return plist_.Integer(value, values_[field]);
+    }
+    std::uint32_t entry = 0;
+    const bool valid = ReadReference(value, entry);
+    values_[field] = entry;
+    return valid;
+}
+
+// The entry of the table that a field refers to; null when it refers to none that is
+// of use. The record itself is none.
+const TableEntry *Reader::EntryOf(Field field) {
+    const auto number = static_cast<std::uint64_t>(values_[static_cast<std::size_t>(field)]);
+    const bool valid = number > 0 && number < table_.count && number != recordNumber_;
+    return valid ? &entries_[number] : nullptr;
+}
+
+bool Reader::SetReferenced() {
+    const TableEntry *const recordClass = EntryOf(Field::Class);
+    if (recordClass == nullptr || recordClass->kind != TableEntry::Kind::Class) {
+        return false;
+    }
+    if (Has(Field::ExtendedAttributes)) {
         // Devices refer to plain data here, which is no dictionary: no attributes.
-        return object.type == Type::Data;
-    default:
-        return IsClass(object, name);
+        const TableEntry *const attributes = EntryOf(Field::ExtendedAttributes);
+        if (attributes == nullptr || attributes->kind != TableEntry::Kind::Data) {
+            return false;
+        }
     }
+    return SetText(Field::RelativePath, view_.RelativePath) &&
+           SetText(Field::Target, view_.Target) && SetData(Field::Digest, view_.Digest) &&
+           SetData(Field::EncryptionKey, view_.EncryptionKey);
 }
 
-// Numbers are cut to the field's size, as the codec cuts them.
-void Reader::SetNumber(Field field, std::int64_t value) {
-    switch (field) {
-    case Field::Mode:
-        view_.Mode = static_cast<std::int32_t>(value);
-        break;
-    case Field::UserID:
-        view_.UserID = static_cast<std::uint32_t>(value);
-        break;
-    case Field::GroupID:
-        view_.GroupID = static_cast<std::uint32_t>(value);
-        break;
-    case Field::LastModified:
-        view_.LastModified = value;
-        break;
-    case Field::LastStatusChange:
-        view_.LastStatusChange = value;
-        break;
-    case Field::Birth:
-        view_.Birth = value;
-        break;
-    case Field::Size:
-        view_.Size = value;
-        break;
-    case Field::InodeNumber:
-        view_.InodeNumber = static_cast<std::uint64_t>(value);
-        break;
-    case Field::ProtectionClass:
-        view_.ProtectionClass = static_cast<std::int32_t>(value);
-        break;
-    default:
-        break; // Flags are not kept.
+bool Reader::SetText(Field field, MBFileView::Text &text) {
+    if (!Has(field)) {
+        return true;
     }
-}
-
-bool Reader::SetText(MBFileView::Text &text, const Object &string) {
-    const bool utf16 = string.type == Type::Utf16String;
-    if (utf16 ? !isWellFormed(string)
-              : string.type != Type::AsciiString || !IsAscii(string.payload)) {
+    const TableEntry *const entry = EntryOf(field);
+    if (entry == nullptr ||
+        (entry->kind != TableEntry::Kind::Ascii && entry->kind != TableEntry::Kind::Utf16)) {
         return false;
     }
-    text = {string.payload, utf16};
+    text = {entry->bytes, entry->kind == TableEntry::Kind::Utf16};
     return true;
 }
 
-bool Reader::SetData(std::span<const std::uint8_t> &data, const Object &object) {
-    if (object.type == Type::Data) {
-        data = object.payload;
+bool Reader::SetData(Field field, Bytes &data) {
+    if (!Has(field)) {
         return true;
     }
-    return IsDataWrapper(object, data);
+    const TableEntry *const entry = EntryOf(field);
+    if (entry == nullptr) {
+        return false;
+    }
+    data = entry->bytes;
+    if (entry->kind == TableEntry::Kind::Data) {
+        return true;
+    }
+    const std::uint32_t number = entry->classNumber;
+    return entry->kind == TableEntry::Kind::WrappedData && number > 0 && number < table_.count &&
+           number != recordNumber_ && entries_[number].kind == TableEntry::Kind::Class &&
+           entries_[number].isDataClass;
+}
+
+// Numbers are cut to the field's size, as the general codec cuts them.
+bool Reader::SetNumbers() {
+    const auto number = [this](Field field) {
+        return Has(field) ? values_[static_cast<std::size_t>(field)] : 0;
+    };
+    view_.Mode = static_cast<std::int32_t>(number(Field::Mode));
+    view_.UserID = static_cast<std::uint32_t>(number(Field::UserID));
+    view_.GroupID = static_cast<std::uint32_t>(number(Field::GroupID));
+    view_.LastModified = number(Field::LastModified);
+    view_.LastStatusChange = number(Field::LastStatusChange);
+    view_.Birth = number(Field::Birth);
+    view_.Size = number(Field::Size);
+    view_.InodeNumber = static_cast<std::uint64_t>(number(Field::InodeNumber));
+    view_.ProtectionClass = static_cast<std::int32_t>(number(Field::ProtectionClass));
+    return true;
 }
 
 } // namespace

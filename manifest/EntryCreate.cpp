@@ -43,8 +43,7 @@ void adoptContent(KVManifestEntryClass &entry, const KVFileClass *file) {
     const auto hash = KVFileGetHash(file);
     const ZK::filesystem::path path(CF::String::GetUTF8(KVFileGetLocalPath(file)));
     Kelvane::LocalError cause;
-    entry.file =
-        CF::Adopt(Kelvane::FileManager::CopyCachedFileReference(path, hash, cause.out()));
+    entry.file = CF::Adopt(Kelvane::FileManager::CopyCachedFileReference(path, hash, cause.out()));
     if (!entry.file) {
         throw Kelvane::Error(
             kKVErrorCachedFileAccess, cause.get(),

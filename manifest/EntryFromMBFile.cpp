@@ -40,8 +40,8 @@ void fillText(CF::Pointer<CFStringRef> &field, const MBFileView::Text &text) {
 
 void fillData(CF::Pointer<CFDataRef> &field, std::span<const std::uint8_t> bytes) {
     if (!bytes.empty()) {
-        field = CF::Adopt(CFDataCreate(kCFAllocatorDefault, bytes.data(),
-                                       static_cast<CFIndex>(bytes.size())));
+        field = CF::Adopt(
+            CFDataCreate(kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size())));
     }
 }
 
@@ -64,15 +64,14 @@ void fill(KVManifestEntryClass &entry, const MB::File &record) {
         entry.encryptionData = record.EncryptionKey.get();
     }
     if (record.ExtendedAttributes.GetCount() > 0) {
-        entry.properties = CF::Adopt(
-            CFDictionaryCreateCopy(kCFAllocatorDefault, record.ExtendedAttributes.get()));
+        entry.properties =
+            CF::Adopt(CFDictionaryCreateCopy(kCFAllocatorDefault, record.ExtendedAttributes.get()));
     }
 }
 
 MB::File decodeGenerally(std::span<const std::uint8_t> bytes) {
-    const auto data = CF::Data::Adopt(
-        CFDataCreateWithBytesNoCopy(kCFAllocatorDefault, bytes.data(),
-                                    static_cast<CFIndex>(bytes.size()), kCFAllocatorNull));
+    const auto data = CF::Data::Adopt(CFDataCreateWithBytesNoCopy(
+        kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()), kCFAllocatorNull));
     const auto archive = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(data);
     auto record = ZK::extract_keyed_archive<MB::File>(archive);
     if (!record) {
@@ -127,10 +126,11 @@ EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fil
 
 } // namespace Kelvane
 
-KVManifestEntryClass *
-KVManifestEntryCreateFromMBFileData(CFAllocatorRef allocator, CFStringRef fileID,
-                                    CFStringRef domain, CFStringRef relativePath, int flags,
-                                    CFDataRef mbfileData, const KVGetFileFunction &getFileFunc) {
+KVManifestEntryClass *KVManifestEntryCreateFromMBFileData(CFAllocatorRef allocator,
+                                                          CFStringRef fileID, CFStringRef domain,
+                                                          CFStringRef relativePath, int flags,
+                                                          CFDataRef mbfileData,
+                                                          const KVGetFileFunction &getFileFunc) {
     return Kelvane::CreateEntryFromMBFileData(allocator, fileID, domain, relativePath, flags,
                                               CF::Data(mbfileData).GetBytes(),
                                               Kelvane::ShareFileLoader(getFileFunc))

@@ -85,9 +85,9 @@ CFStringRef KVManifestEntryGetDeviceFilename(const KVManifestEntryClass *entry) 
 
 CFStringRef KVManifestEntryGetDomainPathPair(const KVManifestEntryClass *entry) {
     if (!entry->domainPathPair) {
-        entry->domainPathPair = CF::Adopt(
-            CFStringCreateWithFormat(kCFAllocatorDefault, nullptr, CFSTR("%@-%@"),
-                                     entry->domain.get(), entry->relativePath.get()));
+        entry->domainPathPair =
+            CF::Adopt(CFStringCreateWithFormat(kCFAllocatorDefault, nullptr, CFSTR("%@-%@"),
+                                               entry->domain.get(), entry->relativePath.get()));
     }
     return entry->domainPathPair.get();
 }

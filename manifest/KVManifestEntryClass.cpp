@@ -97,8 +97,8 @@ EntryPointer AllocateEntry(CFAllocatorRef allocator) {
 void SetEntryPath(KVManifestEntryClass &entry, CFStringRef domain, CFStringRef relativePath) {
     // A copy of an immutable string is the string itself.
     const auto immutable = [](CFStringRef string) {
-        return CF::Adopt(CFStringCreateCopy(kCFAllocatorDefault,
-                                            string == nullptr ? EmptyString() : string));
+        return CF::Adopt(
+            CFStringCreateCopy(kCFAllocatorDefault, string == nullptr ? EmptyString() : string));
     };
     entry.domain = immutable(domain);
     entry.relativePath = immutable(relativePath);
