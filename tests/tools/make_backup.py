@@ -8,7 +8,8 @@
     make_backup.py OUT --rows 500000
 
 The same options always give the same bytes. Iteration counts default to a device's, whose ten million take some
-seconds; tests should ask for fewer. OUT must not exist. The expectations go to OUT.expectations.json ("backup" and "entries").
+seconds; tests should ask for fewer. OUT must not exist. The expectations ("backup" and "entries") go beside it, to
+OUT.expectations.json without any ".zip".
 """
 
 from __future__ import annotations

@@ -13,6 +13,8 @@ from collections import Counter
 from pathlib import Path
 from typing import Any
 
+from backup_maker import mbdb
+from backup_maker.model import Entry, FILE, Stored
 from backup_reader.keys import parse_blocks, parse_records
 from tool_testing import ToolTest, plain_backup, run_tool, tree_of
 
@@ -239,6 +241,17 @@ class RecordForm(ToolTest):
     def test_blobs_are_as_long_as_a_device_s(self) -> None:
         [(shortest, longest)] = query(plain_backup(), "SELECT MIN(LENGTH(file)), MAX(LENGTH(file)) FROM Files")
         self.assertTrue(412 <= shortest and longest <= 1850, (shortest, longest))
+
+
+class BinaryManifestForm(unittest.TestCase):
+    def test_a_record_written_out_by_hand(self) -> None:
+        entry = Entry("Dom", "a/b", FILE, 0o644, birth=0x03, modified=0x02, changed=0x01, inode=0x1122, uid=501,
+                      gid=502, size=0x10, protection=4, attributes={"n": b"v!"})
+        expected = (
+            "0003 446f6d  0003 612f62  ffff  0002 d1d2  ffff  81a4  0000000000001122  000001f5  000001f6"
+            "00000001  00000002  00000003  0000000000000010  04  01  0001 6e  0002 7621")
+        self.assertEqual(mbdb.encode([Stored(entry, "", digest=b"\xd1\xd2")]),
+                         b"mbdb\x05\x00" + bytes.fromhex(expected))
 
 
 class Contents(ToolTest):
