@@ -16,9 +16,10 @@ Boolean CFErrorDomainAndCodeMatch(CFErrorRef error, CFStringRef domain, CFIndex 
 // Sets every pair of source in destination; a null source does nothing.
 void CFDictionarySetValues(CFMutableDictionaryRef destination, CFDictionaryRef source);
 // The text as a new NUL-terminated C string that the caller frees with free(); null
-// for null, or when the text has no form in the encoding.
+// for null, when the text has no form in the encoding, and when it holds a NUL itself.
 char *CFStringCopyCString(CFStringRef string, CFStringEncoding encoding);
-// The bytes of the text in UTF-8, without a terminator; null for null.
+// The bytes of the text in UTF-8, without a terminator; null for null. Lone surrogates,
+// which have no UTF-8 form, become U+FFFD.
 CFDataRef CFDataCreateFromUTF8String(CFAllocatorRef allocator, CFStringRef string);
 // The text whose UTF-8 bytes the data holds; null for null and for bytes that are not UTF-8.
 CFStringRef CFDataCopyUTF8String(CFDataRef data);
