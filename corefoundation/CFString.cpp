@@ -125,6 +125,10 @@ CFStringRef createExternal(CFAllocatorRef allocator, const TextView &text, bool 
 
 CFStringRef createFromBytes(CFAllocatorRef allocator, Bytes bytes, CFStringEncoding encoding,
                             bool external) {
+    // The hot path: no mark to look for, since the marks are not ASCII.
+    if (isByteOriented(encoding) && isASCII(bytes.data(), bytes.size())) {
+        return createNarrow(allocator, bytes.data(), static_cast<CFIndex>(bytes.size()));
+    }
     auto found = Encoding::find(encoding);
     if (!found) {
         return nullptr;
@@ -132,17 +136,12 @@ CFStringRef createFromBytes(CFAllocatorRef allocator, Bytes bytes, CFStringEncod
     if (external) {
         consumeByteOrderMark(bytes, *found);
     }
-    if (found->isByteOriented() && isASCII(bytes.data(), bytes.size())) {
-        return createNarrow(allocator, bytes.data(), static_cast<CFIndex>(bytes.size()));
-    }
     return createDecoded(allocator, bytes, *found);
 }
 
 CFStringRef createFromBytesNoCopy(CFAllocatorRef allocator, Bytes bytes, CFStringEncoding encoding,
                                   bool external, bool terminated, CFAllocatorRef deallocator) {
-    const auto found = Encoding::find(encoding);
-    const bool usable = found && found->isByteOriented() && isASCII(bytes.data(), bytes.size());
-    if (usable) {
+    if (isByteOriented(encoding) && isASCII(bytes.data(), bytes.size())) {
         return createExternal(allocator, narrowView(bytes.data(), bytes.size()), terminated,
                               deallocator);
     }
@@ -159,8 +158,7 @@ bool isUsable(const void *pointer, CFIndex count) {
 
 // The bytes of a C string, or nothing when there is none in that encoding.
 std::optional<Bytes> cStringBytes(const char *cStr, CFStringEncoding encoding) {
-    const auto found = Encoding::find(encoding);
-    if (cStr == nullptr || !found || !found->isByteOriented()) {
+    if (cStr == nullptr || !isByteOriented(encoding)) {
         return std::nullopt;
     }
     return Bytes(reinterpret_cast<const std::uint8_t *>(cStr), std::strlen(cStr));

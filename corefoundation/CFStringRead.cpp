@@ -212,8 +212,7 @@ Boolean CFStringGetCString(CFStringRef theString, char *buffer, CFIndex bufferSi
 
 const char *CFStringGetCStringPtr(CFStringRef theString, CFStringEncoding encoding) {
     const TextView text = textOf(theString, __func__);
-    const auto found = Encoding::find(encoding);
-    if (!found || !found->isByteOriented() || text.wide || hasNUL(text)) {
+    if (!isByteOriented(encoding) || text.wide || hasNUL(text)) {
         return nullptr;
     }
     if ((flagsOf(theString) & kStringMutable) != 0) {

@@ -33,7 +33,7 @@ std::uint64_t multiplyFold(std::uint64_t a, std::uint64_t b) noexcept {
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
-// Eight units from position i as one word, the missing ones of the last word as zero.
+// A word made of the eight units from position i on, and one made of 1 to 7 units.
 struct ByteWords {
     const std::uint8_t *bytes;
     std::uint64_t whole(std::size_t i) const {
@@ -41,44 +41,46 @@ struct ByteWords {
         std::memcpy(&word, bytes + i, sizeof(word));
         return word;
     }
-    std::uint64_t partial(std::size_t i, std::size_t count) const {
-        std::uint64_t word = 0;
-        std::memcpy(&word, bytes + i, count);
-        return word;
-    }
+    std::uint8_t unit(std::size_t i) const { return bytes[i]; }
 };
 
 // The same words from ASCII text stored wide.
 struct NarrowingWords {
     const UniChar *units;
-    std::uint64_t whole(std::size_t i) const { return partial(i, 8); }
-    std::uint64_t partial(std::size_t i, std::size_t count) const {
-        std::array<std::uint8_t, 8> bytes{};
-        for (std::size_t k = 0; k < count; ++k) {
-            bytes[k] = static_cast<std::uint8_t>(units[i + k]);
+    std::uint64_t whole(std::size_t i) const {
+        std::array<std::uint8_t, 8> bytes;
+        for (std::size_t k = 0; k < bytes.size(); ++k) {
+            bytes[k] = unit(i + k);
         }
-        std::uint64_t word;
-        std::memcpy(&word, bytes.data(), sizeof(word));
-        return word;
+        return ByteWords{bytes.data()}.whole(0);
     }
+    std::uint8_t unit(std::size_t i) const { return static_cast<std::uint8_t>(units[i]); }
 };
+
+template <class Words>
+std::uint64_t shortWord(Words words, std::size_t size) noexcept {
+    std::uint64_t word = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        word = word << 8 | words.unit(i);
+    }
+    return word;
+}
 
 template <class Words>
 CFHashCode hashWords(Words words, std::size_t size) noexcept {
     const auto &secret = secretOfProcess().words;
     std::uint64_t state = secret[0];
-    std::size_t i = 0;
-    for (; size - i >= 16; i += 16) {
-        state = multiplyFold(words.whole(i) ^ secret[1], words.whole(i + 8) ^ state);
-    }
     std::uint64_t first = 0;
     std::uint64_t second = 0;
-    if (size - i >= 8) {
-        first = words.whole(i);
-        i += 8;
-    }
-    if (size - i > 0) {
-        second = words.partial(i, size - i);
+    if (size < 8) {
+        first = shortWord(words, size);
+    } else {
+        for (std::size_t i = 0; size - i > 16; i += 16) {
+            state = multiplyFold(words.whole(i) ^ secret[1], words.whole(i + 8) ^ state);
+        }
+        // The last words may overlap the ones before: cheaper than a partial word.
+        first = words.whole(size < 16 ? 0 : size - 16);
+        second = words.whole(size - 8);
     }
     state = multiplyFold(first ^ secret[2], second ^ state);
     return multiplyFold(state ^ secret[3], size ^ secret[1]);

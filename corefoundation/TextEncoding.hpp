@@ -31,6 +31,12 @@ struct Encoding {
     bool isByteOriented() const { return form < Form::UTF16; }
 };
 
+// Whether the encoding's units are bytes, of which those below 0x80 are ASCII.
+constexpr bool isByteOriented(CFStringEncoding encoding) noexcept {
+    return encoding == kCFStringEncodingUTF8 || encoding == kCFStringEncodingASCII ||
+           encoding == kCFStringEncodingISOLatin1 || encoding == kCFStringEncodingMacRoman;
+}
+
 inline constexpr bool kHostBigEndian = std::endian::native == std::endian::big;
 
 // One step of decoding. An ill-formed sequence has a length too: the part that a decoder

@@ -57,17 +57,24 @@ inline TextView narrowView(const void *ascii, std::size_t length) {
 inline bool isASCII(const std::uint8_t *bytes, std::size_t length) noexcept {
     constexpr std::uint64_t highBits = 0x8080808080808080;
     std::uint64_t seen = 0;
-    std::uint64_t words[4];
-    for (; length >= sizeof(words); bytes += sizeof(words), length -= sizeof(words)) {
-        std::memcpy(words, bytes, sizeof(words));
-        seen |= words[0] | words[1] | words[2] | words[3];
+    const auto wordAt = [bytes](std::size_t i) {
+        std::uint64_t word;
+        std::memcpy(&word, bytes + i, sizeof(word));
+        return word;
+    };
+    std::size_t i = 0;
+    for (; length - i >= 32; i += 32) {
+        seen |= wordAt(i) | wordAt(i + 8) | wordAt(i + 16) | wordAt(i + 24);
     }
-    for (; length >= sizeof(words[0]); bytes += sizeof(words[0]), length -= sizeof(words[0])) {
-        std::memcpy(words, bytes, sizeof(words[0]));
-        seen |= words[0];
+    for (; length - i >= 8; i += 8) {
+        seen |= wordAt(i);
     }
-    for (; length > 0; ++bytes, --length) {
-        seen |= *bytes;
+    if (length >= 8) {
+        seen |= wordAt(length - 8); // the rest, and some bytes again
+        i = length;
+    }
+    for (; i < length; ++i) {
+        seen |= bytes[i];
     }
     return (seen & highBits) == 0;
 }
