@@ -40,7 +40,7 @@ CFComparisonResult CompareTens(const void *a, const void *b, void *) {
     return x == y ? 0 : (x < y ? -1 : 1);
 }
 
-CF::Pointer<CFArrayRef> Objects2(CFTypeRef first, CFTypeRef second) {
+CF::Pointer<CFArrayRef> ArrayOf(CFTypeRef first, CFTypeRef second) {
     const void *values[] = {first, second};
     return Adopt(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks));
 }
@@ -63,7 +63,7 @@ const CFArrayCallBacks countingCallBacks = {
 
 TEST(CFArray, RetainsItsObjects) {
     const auto object = Data("value");
-    const auto array = Objects2(object.get(), object.get());
+    const auto array = ArrayOf(object.get(), object.get());
     EXPECT_EQ(CFGetRetainCount(object.get()), 3);
     EXPECT_EQ(CFArrayGetCount(array.get()), 2);
     EXPECT_EQ(CFArrayGetValueAtIndex(array.get(), 1), object.get());
@@ -71,7 +71,7 @@ TEST(CFArray, RetainsItsObjects) {
 
 TEST(CFArray, ReleasesItsObjectsWhenItGoes) {
     const auto object = Data("value");
-    { const auto array = Objects2(object.get(), object.get()); }
+    { const auto array = ArrayOf(object.get(), object.get()); }
     EXPECT_EQ(CFGetRetainCount(object.get()), 1);
 }
 
@@ -111,7 +111,7 @@ TEST(CFArray, ImmutableKeepsACopyOfTheCallBacksBehindItsValues) {
 }
 
 TEST(CFArray, CopyOfAnImmutableArrayIsTheSameObject) {
-    const auto array = Objects2(kCFBooleanTrue, kCFBooleanFalse);
+    const auto array = ArrayOf(kCFBooleanTrue, kCFBooleanFalse);
     EXPECT_EQ(Adopt(CFArrayCreateCopy(nullptr, array.get())).get(), array.get());
 }
 
@@ -138,11 +138,11 @@ TEST(CFArray, EmptyMutableCopyWorks) {
 }
 
 TEST(CFArray, IsEqualWhenItsValuesAre) {
-    const auto a = Objects2(Data("a").get(), Integer(1).get());
-    const auto b = Objects2(Data("a").get(), Integer(1).get());
+    const auto a = ArrayOf(Data("a").get(), Integer(1).get());
+    const auto b = ArrayOf(Data("a").get(), Integer(1).get());
     EXPECT_TRUE(CFEqual(a.get(), b.get()));
     EXPECT_EQ(CFHash(a.get()), CFHash(b.get()));
-    EXPECT_FALSE(CFEqual(a.get(), Objects2(Data("a").get(), Integer(2).get()).get()));
+    EXPECT_FALSE(CFEqual(a.get(), ArrayOf(Data("a").get(), Integer(2).get()).get()));
 }
 
 TEST(CFArray, OfWordsIsNotEqualToOneOfObjects) {
@@ -164,7 +164,7 @@ TEST(CFArray, CountsAndFindsValuesInARange) {
 }
 
 TEST(CFArray, FindsObjectsByEquality) {
-    const auto array = Objects2(Data("a").get(), Data("b").get());
+    const auto array = ArrayOf(Data("a").get(), Data("b").get());
     EXPECT_EQ(CFArrayGetFirstIndexOfValue(array.get(), All(array.get()), Data("b").get()), 1);
 }
 
@@ -297,15 +297,15 @@ TEST(CFArray, SurvivesAComparatorThatContradictsItself) {
 }
 
 TEST(CFArray, DescribesItsValuesOnLines) {
-    const auto inner = Objects2(CFSTR("two words"), kCFBooleanTrue);
-    EXPECT_EQ(Description(Objects2(CFSTR("word"), inner.get()).get()),
+    const auto inner = ArrayOf(CFSTR("two words"), kCFBooleanTrue);
+    EXPECT_EQ(Description(ArrayOf(CFSTR("word"), inner.get()).get()),
               "(\n    word,\n    (\n        \"two words\",\n        true\n    )\n)");
     EXPECT_EQ(Description(Words({}).get()), "(\n)");
     EXPECT_EQ(Description(Words({0x1f}).get()), "(\n    <0x1f>\n)");
 }
 
 TEST(CFArray, DescribesTextThatCouldBeMisreadEscaped) {
-    EXPECT_EQ(Description(Objects2(CFSTR("a\nb\t\"\\"), CFSTR("\x01")).get()),
+    EXPECT_EQ(Description(ArrayOf(CFSTR("a\nb\t\"\\"), CFSTR("\x01")).get()),
               "(\n    \"a\\nb\\t\\\"\\\\\",\n    \"\\U0001\"\n)");
 }
 
@@ -317,9 +317,9 @@ TEST(CFArray, DescribesAnArrayThatHoldsItself) {
 }
 
 TEST(CFArray, BoundsTheDescriptionOfSharedNestedArrays) {
-    CF::Pointer<CFArrayRef> array = Objects2(kCFBooleanTrue, kCFBooleanTrue);
+    CF::Pointer<CFArrayRef> array = ArrayOf(kCFBooleanTrue, kCFBooleanTrue);
     for (int depth = 0; depth < 200; ++depth) {
-        array = Objects2(array.get(), array.get());
+        array = ArrayOf(array.get(), array.get());
     }
     const std::string text = Description(array.get());
     EXPECT_NE(text.find("(...)"), std::string::npos);
@@ -358,7 +358,7 @@ TEST(CFArrayDeathTest, RefusesIndexesOutside) {
 }
 
 TEST(CFArrayDeathTest, RefusesToChangeAnImmutableArray) {
-    const auto array = Objects2(kCFBooleanTrue, kCFBooleanTrue);
+    const auto array = ArrayOf(kCFBooleanTrue, kCFBooleanTrue);
     auto *changed = const_cast<CFMutableArrayRef>(array.get());
     EXPECT_DEATH(CFArrayAppendValue(changed, kCFBooleanTrue), "immutable array");
 }
