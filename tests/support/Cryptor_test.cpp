@@ -165,7 +165,7 @@ TEST(Cryptor, RefusesTruncatedCiphertextAtEveryLength) {
 TEST(Cryptor, RefusesWrongPadding) {
     // Plaintext whose last byte, read as padding, is impossible: 17 and 0.
     Bytes block = Pattern(32);
-    for (const std::uint8_t last : {17, 0}) {
+    for (const std::uint8_t last : {std::uint8_t{17}, std::uint8_t{0}}) {
         block.back() = last;
         Bytes encrypted = encrypt(block);
         encrypted.resize(32); // drops the block of real padding
