@@ -147,6 +147,8 @@ class KV_VISIBLE KeyBag {
     // 0 to 3; backups have 1.
     std::uint32_t GetType() const noexcept { return type_; }
     const ManifestInfo &GetManifestInfo() const noexcept { return info_; }
+    // All records in the blob's order; what is secret in them is wrapped.
+    const std::vector<Record> &GetRecords() const noexcept { return records_; }
     const ClassKeys &GetClassKeys() const noexcept { return classKeys_; }
     // Borrowed; null when the keybag has no open key of the class.
     const UnlockedKey *FindClassKey(std::uint32_t protectionClass) const noexcept;
@@ -161,9 +163,9 @@ class KV_VISIBLE KeyBag {
     // that follow it, up to the end.
     void parseNextBlock(const UUIDBytes &uuid, RecordPosition position, RecordPosition end,
                         std::vector<Block> &blocks) const;
-    // The value of the UUID record at the position. Code 17: "Missing UUID field" when the
-    // record has another tag or the position is the end, "Invalid UUID field" when the
-    // value is not 16 bytes.
+    // The value of the UUID record at the position among GetRecords(). Code 17: "Missing UUID
+    // field" when the record has another tag or the position is the end, "Invalid UUID field" when
+    // the value is not 16 bytes.
     UUIDBytes getUUID(RecordPosition position) const;
     // A field of N bytes (16, 20 or 40). Code 17: "Missing %s field", "Invalid %s field".
     template <std::size_t N>

@@ -1,11 +1,11 @@
 // Runs the scripts in tests/tools and turns hexadecimal text into bytes.
 #pragma once
 
+#include "tests/support/RunCommand.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -39,26 +39,20 @@ inline std::string toHex(std::span<const std::uint8_t> bytes) {
     return text;
 }
 
-// What a shell command prints; a test failure when it does not exit with 0.
-inline std::string outputOf(const std::string &command) {
-    std::FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        ADD_FAILURE() << "cannot run " << command;
-        return {};
-    }
-    std::string output;
-    char buffer[4096];
-    for (std::size_t got; (got = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-        output.append(buffer, got);
-    }
-    EXPECT_EQ(pclose(pipe), 0) << command;
-    return output;
+// What a command prints; a test failure when it does not exit with 0.
+inline std::string outputOf(const std::vector<std::string> &command) {
+    const auto result = testing_support::RunCommand(command);
+    EXPECT_EQ(result.status, 0) << command.front() << ": " << result.errors;
+    return result.output;
 }
 
 // Runs a script of tests/tools with the system's Python, which has the packages needed.
-inline std::string outputOfTool(const std::string &script, const std::string &arguments) {
-    return outputOf("/usr/bin/python3 '" KELVANE_SOURCE_DIR "/tests/tools/" + script + "' " +
-                    arguments);
+inline std::string outputOfTool(const std::string &script,
+                                const std::vector<std::string> &arguments) {
+    std::vector<std::string> command = {"/usr/bin/python3",
+                                        KELVANE_SOURCE_DIR "/tests/tools/" + script};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return outputOf(command);
 }
 
 } // namespace oracle

@@ -99,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(Hash, PBKDF2, testing::Values(kSHA1, kSHA256, kSHA512),
 
 TEST_P(PBKDF2, AgreesWithHashlibOnRandomInputs) {
     std::istringstream cases(
-        oracle::outputOfTool("pbkdf2_oracle.py", std::string(GetParam().name) + " 20260801 300"));
+        oracle::outputOfTool("pbkdf2_oracle.py", {GetParam().name, "20260801", "300"}));
     int count = 0;
     std::string password, salt, result;
     for (std::uint32_t iterations; cases >> password >> salt >> iterations >> result; ++count) {
