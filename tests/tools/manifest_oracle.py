@@ -130,23 +130,29 @@ def read_database(path):
 def describe_record(blob):
     archive = plistlib.loads(blob)
     objects = archive["$objects"]
-    record = objects[archive["$top"]["root"].data]
+    record = follow(archive["$top"]["root"], objects)
     parts = []
     for name in sorted(set(record) - {"$class"}):
-        value = record[name]
-        if isinstance(value, plistlib.UID):
-            value = objects[value.data]
-        parts.append(f"{name}={describe_value(value, objects)}")
-    parts.append(objects[record["$class"].data]["$classname"])
+        parts.append(f"{name}={describe_value(follow(record[name], objects), objects)}")
+    parts.append(follow(record["$class"], objects)["$classname"])
     return " ".join(parts)
+
+
+def follow(value, objects):
+    """The object that a reference of either form leads to; any other value as it is."""
+    if isinstance(value, plistlib.UID):
+        return objects[value.data]
+    if isinstance(value, dict) and set(value) == {"CF$UID"}:
+        return objects[value["CF$UID"]]
+    return value
 
 
 def describe_value(value, objects):
     if isinstance(value, bytes):
         return value.hex()
     if isinstance(value, dict) and "NS.keys" in value:
-        keys = [objects[key.data] for key in value["NS.keys"]]
-        members = [describe_value(objects[item.data], objects) for item in value["NS.objects"]]
+        keys = [follow(key, objects) for key in value["NS.keys"]]
+        members = [describe_value(follow(item, objects), objects) for item in value["NS.objects"]]
         return "{" + ",".join(f"{key}:{member}" for key, member in sorted(zip(keys, members))) + "}"
     if isinstance(value, dict) and "NS.data" in value:
         return value["NS.data"].hex()
