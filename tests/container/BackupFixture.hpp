@@ -101,7 +101,10 @@ inline Opened OpenSample(const std::string &sample) {
 // A copy of a sample directory that a test may spoil.
 class BackupCopy {
   public:
-    explicit BackupCopy(const std::string &sample) { copyTree(SamplePath(sample), root()); }
+    explicit BackupCopy(const std::string &sample) {
+        const auto result = testing_support::RunCommand({"cp", "-r", SamplePath(sample), root()});
+        EXPECT_EQ(result.status, 0) << result.errors;
+    }
     std::string root() const { return (directory_ / "backup").string(); }
     std::string file(const std::string &name) const { return root() + "/" + name; }
 
@@ -141,18 +144,6 @@ class BackupCopy {
     const testing_support::TemporaryDirectory &directory() const { return directory_; }
 
   private:
-    static void copyTree(const fs::path &from, const fs::path &to) {
-        fs::create_directories(to);
-        for (const auto &item : fs::directory_iterator(from)) {
-            const fs::path target = to / item.path().filename();
-            if (fs::is_directory(item.path())) {
-                copyTree(item.path(), target);
-            } else {
-                fs::copy_file(item.path(), target);
-            }
-        }
-    }
-
     testing_support::TemporaryDirectory directory_;
 };
 
