@@ -102,16 +102,18 @@ CFIndex skipWhitespace(const TextView &text) {
 
 bool isDigit(UniChar unit) { return unit >= '0' && unit <= '9'; }
 
-// The characters at the start that a decimal number may consist of.
-std::string numberPrefix(const TextView &text) {
-    std::string prefix;
-    CFIndex i = skipWhitespace(text);
-    if (i < text.length && text.at(i) == '+') {
-        ++i;
-    } else if (i < text.length && text.at(i) == '-') {
-        prefix = "-";
+// Passes over a sign; true when it was a minus.
+bool acceptSign(const TextView &text, CFIndex &i) {
+    const bool negative = i < text.length && text.at(i) == '-';
+    if (negative || (i < text.length && text.at(i) == '+')) {
         ++i;
     }
+    return negative;
+}
+
+// The characters from i on that a decimal number without sign may consist of.
+std::string numberCharacters(const TextView &text, CFIndex i) {
+    std::string characters;
     for (; i < text.length; ++i) {
         const UniChar unit = text.at(i);
         const bool accepted = isDigit(unit) || unit == '.' || unit == 'e' || unit == 'E' ||
@@ -119,18 +121,16 @@ std::string numberPrefix(const TextView &text) {
         if (!accepted) {
             break;
         }
-        prefix += static_cast<char>(unit);
+        characters += static_cast<char>(unit);
     }
-    return prefix;
+    return characters;
 }
 
-// A sign must be followed by a number, not by another sign.
 bool startsNumber(const std::string &text) {
-    const std::size_t start = text.empty() || text[0] != '-' ? 0 : 1;
-    const auto digitAt = [&](std::size_t i) {
+    const auto digitAt = [&text](std::size_t i) {
         return i < text.size() && isDigit(static_cast<UniChar>(text[i]));
     };
-    return digitAt(start) || (start < text.size() && text[start] == '.' && digitAt(start + 1));
+    return digitAt(0) || (!text.empty() && text[0] == '.' && digitAt(1));
 }
 
 } // namespace
@@ -239,10 +239,7 @@ CFIndex CFStringGetMaximumSizeOfFileSystemRepresentation(CFStringRef string) {
 SInt32 CFStringGetIntValue(CFStringRef str) {
     const TextView text = textOf(str, __func__);
     CFIndex i = skipWhitespace(text);
-    const bool negative = i < text.length && text.at(i) == '-';
-    if (negative || (i < text.length && text.at(i) == '+')) {
-        ++i;
-    }
+    const bool negative = acceptSign(text, i);
     constexpr std::int64_t limit = std::int64_t{1} << 31;
     std::int64_t value = 0;
     for (; i < text.length && isDigit(text.at(i)); ++i) {
@@ -252,9 +249,13 @@ SInt32 CFStringGetIntValue(CFStringRef str) {
 }
 
 double CFStringGetDoubleValue(CFStringRef str) {
-    const std::string prefix = numberPrefix(textOf(str, __func__));
-    if (!startsNumber(prefix)) {
+    const TextView text = textOf(str, __func__);
+    CFIndex i = skipWhitespace(text);
+    const bool negative = acceptSign(text, i);
+    const std::string number = numberCharacters(text, i);
+    if (!startsNumber(number)) {
         return 0;
     }
-    return strtod_l(prefix.c_str(), nullptr, cLocale());
+    const double value = strtod_l(number.c_str(), nullptr, cLocale());
+    return negative ? -value : value;
 }

@@ -7,13 +7,16 @@
 #include "corefoundation/TextEncoding.hpp"
 
 #include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <string>
 
 namespace CFInternal {
 
 namespace {
+
+// Wider fields than anyone lays out, and more digits than any number has: a width or
+// precision that went wrong must not take the memory of the process.
+constexpr int kMaxFieldWidth = 1 << 20;
 
 // A fetched argument. Integers are kept sign-extended and cut to size when shown.
 struct Argument {
@@ -124,18 +127,19 @@ class Writer {
         return arguments_[static_cast<std::size_t>(index)];
     }
 
-    // The piece with its "*" replaced by their arguments.
+    // The piece with its "*" replaced by their arguments and a bounded width.
     FormatPiece resolve(FormatPiece piece) const {
         if (piece.widthArgument != kNoArgument) {
             const std::int64_t width = argument(piece.widthArgument).integer;
             piece.leftAligned = piece.leftAligned || width < 0;
-            piece.width =
-                static_cast<int>(std::min<std::int64_t>(width < 0 ? -width : width, INT_MAX));
+            piece.width = static_cast<int>(
+                std::min<std::int64_t>(width < 0 ? -width : width, kMaxFieldWidth));
         }
         if (piece.precisionArgument != kNoArgument) {
             piece.precision = static_cast<int>(
                 std::max<std::int64_t>(argument(piece.precisionArgument).integer, kNoPrecision));
         }
+        piece.width = std::min(piece.width, kMaxFieldWidth);
         return piece;
     }
 
@@ -201,11 +205,12 @@ class Writer {
     void printNumber(const FormatPiece &piece, const char *modifier, Number value) {
         const std::string format = printfFormat(piece, modifier);
         const CLocaleScope numbersWithPoint;
+        const int precision = std::min(piece.precision, kMaxFieldWidth);
         char shortText[128];
         const int size = std::snprintf(shortText, sizeof(shortText), format.c_str(), piece.width,
-                                       piece.precision, value);
+                                       precision, value);
         if (size < 0) {
-            return; // longer than printf can count
+            fatal("CFStringCreateWithFormat", "out of memory");
         }
         const auto length = static_cast<std::size_t>(size);
         if (length < sizeof(shortText)) {
@@ -213,8 +218,8 @@ class Writer {
             return;
         }
         std::string longText(length + 1, '\0');
-        std::snprintf(longText.data(), longText.size(), format.c_str(), piece.width,
-                      piece.precision, value);
+        std::snprintf(longText.data(), longText.size(), format.c_str(), piece.width, precision,
+                      value);
         output_.append(narrowView(longText.data(), length));
     }
 

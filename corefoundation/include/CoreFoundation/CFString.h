@@ -165,7 +165,8 @@ CF_EXPORT CFArrayRef CFStringCreateArrayBySeparatingStrings(CFAllocatorRef alloc
  *   %%           a per cent sign
  *
  * Flags (- + space # 0), width and precision (also *) mean what they mean to printf;
- * for %@ and %S both count UTF-16 units. Arguments may be given by position (%2$@, %*1$d)
+ * for %@ and %S both count UTF-16 units. A width, and a number of digits, beyond 1048576
+ * counts as that. Arguments may be given by position (%2$@, %*1$d)
  * up to position 256. %n and other unknown conversions are copied as they stand and take
  * no argument. formatOptions is handed to the objects' description callbacks and may be null.
  */
