@@ -32,6 +32,13 @@ int main() {
     return again && again->RelativePath == record.RelativePath ? 0 : 1;
 }
 CODE
+# The program that the README shows, over the sample that it names.
+root=$(cd "$here/../.." && pwd)
+sed -n '/^```cpp$/,/^```$/p' "$root/README.md" | sed -e '/^```/d' -e "s|/var/tmp/my-application|$prefix/store|" >"$prefix/readme.cpp"
+"$cxx" -std=c++20 "$prefix/readme.cpp" "${flags[@]}" -lKelvane -lKelvaneCF -lboost_filesystem -o "$prefix/readme_host"
+size=$(cd "$root" && "$prefix/readme_host" | wc -c)
+[ "$size" -eq 17 ] || { echo "the README's program printed $size bytes, not 17" >&2; exit 1; }
+
 "$cxx" -std=c++20 "$prefix/host.cpp" "${flags[@]}" -lKelvane -lKelvaneCF -lboost_filesystem -o "$prefix/cxx_host"
 "$prefix/cxx_host"
 "$prefix/c_host" || [ $? -eq 2 ]
