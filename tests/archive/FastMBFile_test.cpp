@@ -4,6 +4,7 @@
 #include "archive/FastMBFile.hpp"
 
 #include "DeviceRecords.hpp"
+#include "SameRecord.hpp"
 #include "ZK/keyed_archiver.hpp"
 #include "ZK/keyed_unarchiver.hpp"
 
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <random>
 
 using namespace ArchiveTest;
@@ -41,37 +43,6 @@ std::optional<MB::File> decodeGenerally(const Octets &blob) {
     }
 }
 
-std::u16string unitsOf(const Kelvane::MBFileView::Text &text) {
-    std::u16string units;
-    const std::size_t width = text.utf16 ? 2 : 1;
-    for (std::size_t i = 0; i < text.bytes.size(); i += width) {
-        units.push_back(static_cast<char16_t>(text.utf16 ? text.bytes[i] << 8 | text.bytes[i + 1]
-                                                         : text.bytes[i]));
-    }
-    return units;
-}
-
-std::u16string unitsOf(const CF::String &string) {
-    std::u16string units(static_cast<std::size_t>(string.GetLength()), 0);
-    if (!units.empty()) {
-        CFStringGetCharacters(string.get(), CFRangeMake(0, string.GetLength()),
-                              reinterpret_cast<UniChar *>(units.data()));
-    }
-    return units;
-}
-
-bool equal(const Kelvane::MBFileView &view, const MB::File &file) {
-    return unitsOf(view.RelativePath) == unitsOf(file.RelativePath) &&
-           unitsOf(view.Target) == unitsOf(file.Target) &&
-           std::ranges::equal(view.Digest, file.Digest.GetBytes()) &&
-           std::ranges::equal(view.EncryptionKey, file.EncryptionKey.GetBytes()) &&
-           view.Mode == file.Mode && view.UserID == file.UserID && view.GroupID == file.GroupID &&
-           view.LastModified == file.LastModified &&
-           view.LastStatusChange == file.LastStatusChange && view.Birth == file.Birth &&
-           view.Size == file.Size && view.InodeNumber == file.InodeNumber &&
-           view.ProtectionClass == file.ProtectionClass && file.ExtendedAttributes.IsNull();
-}
-
 bool isHandled(const Octets &blob) {
     const ExactCopy copy(blob);
     Kelvane::MBFileView view;
@@ -93,7 +64,7 @@ struct Tally {
         }
         ++handled;
         const auto file = decodeGenerally(blob);
-        if (!file || !equal(view, *file)) {
+        if (!file || !SameRecord(view, *file)) {
             ++disagreements;
         }
     }
@@ -133,7 +104,7 @@ TEST(FastMBFile, ReadsWhatTheRecordSays) {
     for (const DeviceRecord &record : MakeDeviceRecords(400, 2)) {
         Kelvane::MBFileView view;
         if (Kelvane::DecodeMBFile(record.blob, view)) {
-            EXPECT_TRUE(equal(view, record.expected));
+            EXPECT_TRUE(SameRecord(view, record.expected));
         }
     }
 }
@@ -143,7 +114,7 @@ TEST(FastMBFile, HandlesTheRecordsThatWeWrite) {
         const Octets blob = archiveOf(file);
         Kelvane::MBFileView view;
         ASSERT_TRUE(Kelvane::DecodeMBFile(blob, view));
-        EXPECT_TRUE(equal(view, file));
+        EXPECT_TRUE(SameRecord(view, file));
     }
 }
 
