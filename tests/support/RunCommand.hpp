@@ -37,7 +37,9 @@ using ScratchFile = std::unique_ptr<std::FILE, CloseFile>;
 // for each other.
 inline ScratchFile MakeScratchFile(std::string_view content = {}) {
     ScratchFile file(std::tmpfile());
-    if (!file || std::fwrite(content.data(), 1, content.size(), file.get()) != content.size() ||
+    // An empty view may have no address, which fwrite must not be given.
+    const char *const bytes = content.empty() ? "" : content.data();
+    if (!file || std::fwrite(bytes, 1, content.size(), file.get()) != content.size() ||
         std::fflush(file.get()) != 0) {
         throw std::system_error(errno, std::generic_category(), "scratch file");
     }
