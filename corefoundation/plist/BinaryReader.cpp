@@ -7,7 +7,9 @@
 #include <CoreFoundation/CFNumber.h>
 #include <CoreFoundation/CFString.h>
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <memory_resource>
 #include <vector>
 
 namespace CFInternal::PropertyList {
@@ -36,6 +38,18 @@ void Require(bplist::Status status) {
     ThrowCorruptAt(bplist::Reason(status.fault), status.offset);
 }
 
+// Releases an object that no other thread has seen yet, or that is never freed: not a
+// locked instruction for each of them, which would be a good part of the whole work.
+void ReleaseUnshared(CFTypeRef object) {
+    std::uint64_t &info = const_cast<CFRuntimeBase *>(baseOf(object))->_cfinfoa;
+    const std::uint64_t count = info >> 32;
+    if (count > 1 && count < kImmortalCount) {
+        info -= kOneReference;
+    } else {
+        CFRelease(object);
+    }
+}
+
 bool IsContainer(Type type) { return type == Type::Array || type == Type::Dictionary; }
 
 class BinaryReader {
@@ -48,13 +62,14 @@ class BinaryReader {
                            bytes.size() - bplist::kTrailerSize + 8);
         }
         slots_.resize(static_cast<std::size_t>(document_.ObjectCount()));
+        members_.reserve(kMembersAtOnce);
     }
     BinaryReader(const BinaryReader &) = delete;
     BinaryReader &operator=(const BinaryReader &) = delete;
     ~BinaryReader() {
         for (const Slot &slot : slots_) {
             if (slot.object != nullptr && slot.object != InProgress()) {
-                CFRelease(slot.object);
+                ReleaseUnshared(slot.object);
             }
         }
     }
@@ -69,6 +84,9 @@ class BinaryReader {
     }
 
   private:
+    // Room for the members of the containers that are open at a time in small documents.
+    static constexpr std::size_t kMembersAtOnce = 128;
+
     // An object by its number: made once, then shared.
     struct Slot {
         CFTypeRef object = nullptr;
@@ -238,15 +256,14 @@ class BinaryReader {
     }
 
     Owned<> MakeAscii(const Object &object) const {
+        Owned<CFStringRef> string(CFStringCreateWithBytes(
+            allocator_, object.payload.data(), static_cast<CFIndex>(object.payload.size()),
+            kCFStringEncodingASCII, false));
         // Which characters bytes from 0x80 on were meant to be, nothing says.
-        if (!bplist::IsAscii(object.payload)) {
+        if (!string && !bplist::IsAscii(object.payload)) {
             ThrowCorruptAt("an ASCII string has bytes beyond ASCII", object.offset);
         }
-        return MakeString(allocator_,
-                          Own(CFStringCreateWithBytes(allocator_, object.payload.data(),
-                                                      static_cast<CFIndex>(object.payload.size()),
-                                                      kCFStringEncodingASCII, false)),
-                          mutability_.leaves);
+        return MakeString(allocator_, Own(string.release()), mutability_.leaves);
     }
 
     // Unit by unit, since unpaired surrogates are kept as they are.
@@ -275,9 +292,13 @@ class BinaryReader {
     Mutability mutability_;
     bplist::Document document_;
     std::uint64_t budget_;
-    std::vector<Slot> slots_;
+    // Small documents, which come by the hundred thousand, are read without allocating
+    // anything but their objects.
+    std::array<std::byte, 4096> buffer_;
+    std::pmr::monotonic_buffer_resource pool_{buffer_.data(), buffer_.size()};
+    std::pmr::vector<Slot> slots_{&pool_};
     // Members of the containers being read, innermost last; owned by the slots.
-    std::vector<const void *> members_;
+    std::pmr::vector<const void *> members_{&pool_};
     std::vector<UniChar> units_;
 };
 

@@ -145,17 +145,18 @@ template <class Unsigned>
 
 // A big-endian unsigned integer of 0 to 8 bytes that are known to be there.
 [[nodiscard]] inline std::uint64_t Load(const std::uint8_t *bytes, std::size_t width) noexcept {
-    switch (width) {
-    case 1:
+    // The widths in use, the most frequent first.
+    if (width == 1) {
         return *bytes;
-    case 2:
+    }
+    if (width == 2) {
         return LoadFixed<std::uint16_t>(bytes);
-    case 4:
+    }
+    if (width == 4) {
         return LoadFixed<std::uint32_t>(bytes);
-    case 8:
+    }
+    if (width == 8) {
         return LoadFixed<std::uint64_t>(bytes);
-    default:
-        break;
     }
     std::uint64_t value = 0;
     for (std::size_t i = 0; i < width; ++i) {
@@ -172,19 +173,16 @@ class Region {
 
     [[nodiscard]] std::uint64_t size() const noexcept { return bytes_.size(); }
 
-    // The count elements of elementSize bytes (1 or more) at the offset; false when
-    // they are not all there. The division keeps huge counts from overflowing.
+    // The count elements of elementSize bytes at the offset; false when they are not all
+    // there.
     [[nodiscard]] bool Take(std::uint64_t offset, std::uint64_t count, std::uint64_t elementSize,
                             Bytes &out) const noexcept {
-        if (offset > bytes_.size()) {
+        std::uint64_t length = 0;
+        if (__builtin_mul_overflow(count, elementSize, &length) || offset > bytes_.size() ||
+            length > bytes_.size() - offset) {
             return false;
         }
-        const std::uint64_t left = bytes_.size() - offset;
-        if (elementSize == 1 ? count > left : count > left / elementSize) {
-            return false;
-        }
-        out = bytes_.subspan(static_cast<std::size_t>(offset),
-                             static_cast<std::size_t>(count * elementSize));
+        out = bytes_.subspan(static_cast<std::size_t>(offset), static_cast<std::size_t>(length));
         return true;
     }
 
@@ -353,7 +351,7 @@ class Document {
 
     // Where an object begins: between the header and the offset table.
     Status OffsetOf(std::uint64_t index, std::uint64_t &offset) const noexcept;
-    // The object with that number.
+    // The object with that number. After a fault, object is not to be used.
     Status ObjectAt(std::uint64_t index, Object &object) const noexcept;
 
     // The number of the object at a position of a container, below ObjectCount().
@@ -444,7 +442,6 @@ inline Status Document::OffsetOf(std::uint64_t index, std::uint64_t &offset) con
 }
 
 inline Status Document::ObjectAt(std::uint64_t index, Object &object) const noexcept {
-    object = Object();
     if (const Status status = OffsetOf(index, object.offset); !status) {
         return status;
     }
@@ -472,6 +469,8 @@ inline Status Document::ObjectAt(std::uint64_t index, Object &object) const noex
 }
 
 inline Status Document::DecodeSimple(Object &object, unsigned low) const noexcept {
+    object.count = 0;
+    object.payload = {};
     switch (low) {
     case 0x0:
         object.type = Type::Null;
@@ -558,12 +557,13 @@ inline std::uint64_t Document::ElementSize(Type type) const noexcept {
 
 inline Status Document::Member(const Object &container, std::uint64_t position,
                                std::uint64_t &index) const noexcept {
-    // Other types have no members, whatever their payload.
-    if (container.type < Type::Array || position >= container.payload.size() / referenceWidth_) {
+    // Other types have no members, whatever their payload. The payload is a whole number of
+    // references, so the first comparison also keeps the product from overflowing.
+    if (container.type < Type::Array || position >= container.payload.size() ||
+        position * referenceWidth_ >= container.payload.size()) {
         return {Fault::PositionOutOfRange, container.offset};
     }
-    const std::uint64_t at = position * referenceWidth_;
-    index = detail::Load(container.payload.data() + at, referenceWidth_);
+    index = detail::Load(container.payload.data() + position * referenceWidth_, referenceWidth_);
     if (index >= objectCount_) {
         return {Fault::ReferenceOutOfRange, container.offset};
     }
