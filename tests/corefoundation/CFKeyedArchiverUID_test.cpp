@@ -1,4 +1,4 @@
-#include "Objects.hpp"
+#include "tests/corefoundation/Objects.hpp"
 
 #include <CoreFoundation/CFKeyedArchiverUID.h>
 
