@@ -35,6 +35,23 @@ KVManifestEntryClass *EntryAt(CFArrayRef entries, CFIndex index) {
         const_cast<void *>(CFArrayGetValueAtIndex(entries, index)));
 }
 
+// Compares "domain-path" of both. Making these texts for all entries would take more
+// time and memory than the entries themselves, and the domains alone mostly decide.
+CFComparisonResult CompareDomainsAndPaths(const void *first, const void *second, void *) {
+    const auto *const a = static_cast<const KVManifestEntryClass *>(first);
+    const auto *const b = static_cast<const KVManifestEntryClass *>(second);
+    CFStringRef domainA = KVManifestEntryGetDomain(a);
+    CFStringRef domainB = KVManifestEntryGetDomain(b);
+    if (domainA == domainB || CFEqual(domainA, domainB)) {
+        return CFStringCompare(KVManifestEntryGetPath(a), KVManifestEntryGetPath(b), 0);
+    }
+    if (CFStringHasPrefix(domainA, domainB) || CFStringHasPrefix(domainB, domainA)) {
+        return CFStringCompare(KVManifestEntryGetDomainPathPair(a),
+                               KVManifestEntryGetDomainPathPair(b), 0);
+    }
+    return CFStringCompare(domainA, domainB, 0);
+}
+
 } // namespace
 
 namespace Kelvane {
@@ -58,14 +75,8 @@ KVManifestClass *CreateManifest(CFAllocatorRef allocator, const ManifestContents
 
 CF::Array CopySortedEntries(KVManifestClass *manifest) {
     const auto sorted = CF::Array::MutableCopy(manifest->entries.get());
-    CFArraySortValues(
-        const_cast<CFMutableArrayRef>(sorted.get()), CFRangeMake(0, sorted.GetCount()),
-        [](const void *a, const void *b, void *) {
-            return CFStringCompare(
-                KVManifestEntryGetDomainPathPair(static_cast<const KVManifestEntryClass *>(a)),
-                KVManifestEntryGetDomainPathPair(static_cast<const KVManifestEntryClass *>(b)), 0);
-        },
-        nullptr);
+    CFArraySortValues(const_cast<CFMutableArrayRef>(sorted.get()),
+                      CFRangeMake(0, sorted.GetCount()), CompareDomainsAndPaths, nullptr);
     return sorted;
 }
 

@@ -9,6 +9,9 @@ namespace Kelvane {
 
 namespace {
 
+// 64 MiB instead of 2, for as long as the database is open: the indexes are filled in
+// random order, and pages that do not fit are written to the log again and again.
+constexpr const char *kCachePragma = "PRAGMA cache_size=-65536;";
 constexpr const char *kInsertRow = "INSERT OR REPLACE INTO Files "
                                    "(fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)";
 
@@ -55,7 +58,10 @@ ManifestRowWriter::ManifestRowWriter(ManifestDB &database)
 ManifestRowWriter::~ManifestRowWriter() = default;
 
 void ManifestRowWriter::Begin() {
-    WithDatabaseErrors([&] { transaction_ = std::make_unique<SQLite::Transaction>(database_); });
+    WithDatabaseErrors([&] {
+        database_.exec(kCachePragma);
+        transaction_ = std::make_unique<SQLite::Transaction>(database_);
+    });
 }
 
 void ManifestRowWriter::Commit() {

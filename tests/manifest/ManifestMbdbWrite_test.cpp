@@ -84,6 +84,17 @@ TEST(ManifestMbdbWrite, SortsByDomainAndPathInCodeUnits) {
     EXPECT_THAT(lines[6], HasSubstr(R"("b" "\uff41")"));
 }
 
+TEST(ManifestMbdbWrite, SortsTheJoinedTextsNotTheDomainsFirst) {
+    // "D-a-x" precedes "D-b", though the domain "D-a" follows "D".
+    const auto lines = Written(MakeManifest(
+        {MakeEntry("D", "b"), MakeEntry("D-a", "x"), MakeEntry("D", "A"), MakeEntry("D!", "z")}));
+    ASSERT_EQ(lines.size(), 5U);
+    EXPECT_THAT(lines[1], HasSubstr(R"("D!" "z")"));
+    EXPECT_THAT(lines[2], HasSubstr(R"("D" "A")"));
+    EXPECT_THAT(lines[3], HasSubstr(R"("D-a" "x")"));
+    EXPECT_THAT(lines[4], HasSubstr(R"("D" "b")"));
+}
+
 TEST(ManifestMbdbWrite, LeavesTheManifestInItsOrder) {
     const auto manifest = ManifestOfPaths({"b", "a"});
     Write(manifest);
