@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <new>
 #include <thread>
 
 namespace {
@@ -258,6 +259,20 @@ TEST(ManifestEncryption, CopiesAreIndependent) {
         EXPECT_EQ(encryption->GetManifestKey(), oracle.key("manifest"));
         EXPECT_EQ(encryption->UnlockKey(oracle.lockedFileKey(7)), oracle.key("file"));
     }
+}
+
+TEST(ManifestEncryption, OverwritesTheManifestKeyWhenItGoes) {
+    const OracleKeyBag oracle({"--classes", "4"});
+    alignas(ManifestEncryption) std::array<std::uint8_t, sizeof(ManifestEncryption)> memory{};
+    auto *encryption = ::new (memory.data()) ManifestEncryption(oracle.manifestPlist(), kPassword);
+    const Key expected = oracle.key("manifest");
+    const auto holdsKey = [&] {
+        return std::search(memory.begin(), memory.end(), expected.begin(), expected.end()) !=
+               memory.end();
+    };
+    EXPECT_TRUE(holdsKey());
+    encryption->~ManifestEncryption();
+    EXPECT_FALSE(holdsKey());
 }
 
 TEST(ManifestEncryption, WorksOnSeveralThreads) {

@@ -1,5 +1,6 @@
 #include "KeyBagFixture.hpp"
 
+#include <new>
 #include <stdexcept>
 
 namespace {
@@ -81,6 +82,19 @@ TEST_F(UnlockedKey, RefusesAWrappedKeyAsTheKey) {
 TEST_F(UnlockedKey, IgnoresOtherBitsOfTheWrapFlags) {
     locked.wrap |= 0xFFFFFFFC;
     EXPECT_EQ(KeyBag::UnlockedKey(locked, oracle.key("kek"), std::nullopt).key, oracle.classKey(2));
+}
+
+TEST_F(UnlockedKey, OverwritesTheKeyWhenItGoes) {
+    alignas(KeyBag::UnlockedKey) std::array<std::uint8_t, sizeof(KeyBag::UnlockedKey)> memory{};
+    auto *key = ::new (memory.data()) KeyBag::UnlockedKey(locked, oracle.key("kek"), std::nullopt);
+    const Key expected = oracle.classKey(2);
+    const auto holdsKey = [&] {
+        return std::search(memory.begin(), memory.end(), expected.begin(), expected.end()) !=
+               memory.end();
+    };
+    EXPECT_TRUE(holdsKey());
+    key->~UnlockedKey();
+    EXPECT_FALSE(holdsKey());
 }
 
 // 40 bytes are no whole number of cipher blocks.
