@@ -48,6 +48,17 @@ bool isUnderPassword(const KeyBag::LockedKey &key) noexcept {
     return (key.wrap & KeyBag::kWrappedUnderPassword) != 0;
 }
 
+// For when no class key was opened, so that a wrong password went unnoticed. The device's
+// wrap lies beneath the password's, whose integrity check works without the device's key.
+void verifyPassword(const std::vector<KeyBag::LockedKey> &lockedKeys, const KeyBag::Key &kek) {
+    const auto bound = std::find_if(lockedKeys.begin(), lockedKeys.end(), isUnderPassword);
+    if (bound != lockedKeys.end()) {
+        KeyBag::LockedKey outer = *bound;
+        outer.wrap = KeyBag::kWrappedUnderPassword;
+        unlock(outer, kek);
+    }
+}
+
 } // namespace
 
 // Delegates first, so that the destructor runs, and wipes, when a step below throws.
@@ -118,17 +129,6 @@ void KeyBag::unlockClassKeys(const std::vector<LockedKey> &lockedKeys, const Key
     }
     if (!passwordTried) {
         verifyPassword(lockedKeys, kek);
-    }
-}
-
-// No class key opened, so a wrong password went unnoticed. The device's wrap lies beneath
-// the password's, whose integrity check therefore works without the device's key.
-void KeyBag::verifyPassword(const std::vector<LockedKey> &lockedKeys, const Key &kek) const {
-    const auto bound = std::find_if(lockedKeys.begin(), lockedKeys.end(), isUnderPassword);
-    if (bound != lockedKeys.end()) {
-        LockedKey outer = *bound;
-        outer.wrap = kWrappedUnderPassword;
-        unlock(outer, kek);
     }
 }
 

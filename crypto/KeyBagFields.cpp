@@ -46,10 +46,12 @@ template KV_VISIBLE std::array<std::uint8_t, 20> KeyBag::getSequence<20>(const B
 template KV_VISIBLE std::array<std::uint8_t, 40> KeyBag::getSequence<40>(const Block &,
                                                                          const char *);
 
-template <>
-KV_VISIBLE unsigned int KeyBag::getScalar<unsigned int>(const Block &block, const char *tag) {
-    return Kelvane::keybag::ReadBigEndian32(fieldOf(block, tag, sizeof(std::uint32_t)));
+template <class Integer>
+Integer KeyBag::getScalar(const Block &block, const char *tag) {
+    static_assert(sizeof(Integer) == sizeof(std::uint32_t));
+    return Kelvane::keybag::ReadBigEndian32(fieldOf(block, tag, sizeof(Integer)));
 }
+template KV_VISIBLE unsigned int KeyBag::getScalar<unsigned int>(const Block &, const char *);
 
 KeyBag::ManifestInfo::ManifestInfo(const Block &block)
     : uuid(getSequence<16>(block, kUUIDTag)), hmck(getSequence<40>(block, "HMCK")),

@@ -176,10 +176,10 @@ class KV_VISIBLE KeyBag {
 
   private:
     KeyBag() = default;
-    void readHeader();
-    std::vector<LockedKey> readBlocks();
-    void unlockClassKeys(const std::vector<LockedKey> &lockedKeys, const Key &kek);
-    void verifyPassword(const std::vector<LockedKey> &lockedKeys, const Key &kek) const;
+    [[gnu::visibility("hidden")]] void readHeader();
+    [[gnu::visibility("hidden")]] std::vector<LockedKey> readBlocks();
+    [[gnu::visibility("hidden")]] void unlockClassKeys(const std::vector<LockedKey> &lockedKeys,
+                                                       const Key &kek);
 
     std::vector<std::uint8_t> password_; // empty once parsed
     std::uint32_t version_ = 0;

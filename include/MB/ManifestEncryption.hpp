@@ -98,7 +98,7 @@ class KV_VISIBLE ManifestEncryption {
   private:
     ManifestEncryption() = default;
     // The open key of the class; throws code 17, "Missing key class %u".
-    const Key &classKey(std::uint32_t protectionClass) const;
+    [[gnu::visibility("hidden")]] const Key &classKey(std::uint32_t protectionClass) const;
 
     std::optional<KeyBag> keyBag_; // engaged once the constructor has opened it
     Key manifestKey_{};
