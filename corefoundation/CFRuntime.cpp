@@ -13,6 +13,10 @@ namespace {
 
 using namespace CFInternal;
 
+// No object is larger than this many bytes: a bigger size is a length that went wrong, and
+// is refused before the allocator sees it.
+constexpr CFIndex kMaxExtraBytes = CFIndex{1} << 39;
+
 // A process registers a handful of classes; the bound keeps lookup one indexed load.
 constexpr std::size_t kMaxClasses = 1024;
 using Slot = std::atomic<const CFRuntimeClass *>;
@@ -56,7 +60,7 @@ void setFlags(CFTypeRef cf, std::uint8_t flags) noexcept {
 void *allocateInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
                        std::uint8_t flags) noexcept {
     constexpr auto header = static_cast<CFIndex>(sizeof(CFRuntimeBase));
-    if (extraBytes < 0 || extraBytes > INT64_MAX - header) {
+    if (extraBytes < 0 || extraBytes > kMaxExtraBytes) {
         return nullptr;
     }
     const bool plain = isMallocAllocator(allocator);
