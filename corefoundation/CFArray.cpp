@@ -75,12 +75,17 @@ __CFArray *allocateArray(CFAllocatorRef allocator, CFIndex size, const CFArrayCa
 
 const void *retainValue(CFArrayRef array, const void *value) {
     const auto retain = array->callBacks->retain;
+    if (retain == retainObject) {
+        return CFRetain(value);
+    }
     return retain == nullptr ? value : retain(CFGetAllocator(array), value);
 }
 
 void releaseValue(CFArrayRef array, const void *value) {
     const auto release = array->callBacks->release;
-    if (release != nullptr) {
+    if (release == releaseObject) {
+        CFRelease(value);
+    } else if (release != nullptr) {
         release(CFGetAllocator(array), value);
     }
 }

@@ -22,7 +22,7 @@ inline constexpr unsigned kMaxDepth = 512;
 // Values in a property list, a shared one counted wherever it stands: a traversal
 // that knows nothing of sharing (comparing, describing, writing XML) takes that many
 // steps. The largest lists in use have some hundred thousand.
-inline constexpr std::uint32_t kMaxValues = std::uint32_t{1} << 24;
+inline constexpr std::uint32_t kMaxValues = std::uint32_t{1} << 22;
 // Bytes of an XML document, read or written: the parser takes an int.
 inline constexpr std::size_t kMaxXMLSize = 0x7FFFFFFF;
 

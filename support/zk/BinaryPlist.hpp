@@ -342,8 +342,7 @@ class Document {
     // bytes must outlive it. On failure *this is not to be used.
     Status Open(Bytes bytes) noexcept;
 
-    // At least 1; every object has an entry of the offset table, so there are never
-    // more objects than bytes.
+    // At least 1, and less than the document has bytes.
     [[nodiscard]] std::uint64_t ObjectCount() const noexcept { return objectCount_; }
     // Below ObjectCount().
     [[nodiscard]] std::uint64_t RootIndex() const noexcept { return rootIndex_; }
@@ -391,7 +390,7 @@ inline Status Document::Open(Bytes bytes) noexcept {
     if (bytes.size() < kMinDocumentSize) {
         return {Fault::TooShort, bytes.size()};
     }
-    // Version 0x, whatever x is; other versions are other formats.
+    // Version 0x, whatever x is.
     if (bytes[6] != '0') {
         return {Fault::UnknownVersion, 6};
     }

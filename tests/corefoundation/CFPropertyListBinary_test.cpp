@@ -282,7 +282,7 @@ TEST(BinaryHostile, BoundsDepthThroughSharedContainers) {
 TEST(BinaryHostile, BoundsWhatSharedContainersExpandTo) {
     EXPECT_TRUE(Read(DoublingArrays(20)).root);
     EXPECT_EQ(Read(DoublingArrays(60)).fault,
-              Corrupt("Shared objects make more than 16777216 values (offset 183)."));
+              Corrupt("Shared objects make more than 4194304 values (offset 193)."));
 }
 
 TEST(BinaryHostile, RefusesOverlappingObjects) {
@@ -301,16 +301,16 @@ TEST(BinaryHostile, RefusesOverlappingObjects) {
 }
 
 TEST(BinaryHostile, RefusesMoreObjectsThanTheLimit) {
-    const std::uint64_t tooMany = (std::uint64_t{1} << 24) + 1;
+    const std::uint64_t tooMany = (std::uint64_t{1} << 22) + 1;
     Octets document = SingleObject({0x09});
     const Octets trailer(document.end() - 32, document.end());
     document.resize(9);
     document.resize(9 + tooMany, 8);
     document.insert(document.end(), trailer.begin(), trailer.end());
-    document[document.size() - 32 + 12] = 1;
+    document[document.size() - 32 + 13] = 0x40;
     document[document.size() - 32 + 15] = 1;
     EXPECT_EQ(Read(document).fault,
-              Corrupt("The document has more than 16777216 objects (offset 16777234)."));
+              Corrupt("The document has more than 4194304 objects (offset 4194322)."));
 }
 
 TEST(BinaryWrite, SmallestIntegers) {
@@ -435,7 +435,7 @@ TEST(BinaryWrite, BoundsWhatSharedContainersExpandTo) {
         shared = Array({shared.get(), shared.get()});
     }
     EXPECT_EQ(Write(shared.get(), kCFPropertyListBinaryFormat_v1_0).fault,
-              Unwritable("The property list has more than 16777216 values."));
+              Unwritable("The property list has more than 4194304 values."));
 }
 
 TEST(BinaryWrite, RefusesTheOldTextFormatAndUnknownOnes) {

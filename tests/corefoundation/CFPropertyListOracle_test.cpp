@@ -14,7 +14,7 @@ using testing_support::RunCommand;
 
 namespace {
 
-constexpr int kDocuments = 150;
+constexpr int kDocuments = 80;
 constexpr CFPropertyListFormat kXML = kCFPropertyListXMLFormat_v1_0;
 constexpr CFPropertyListFormat kBinary = kCFPropertyListBinaryFormat_v1_0;
 

@@ -16,8 +16,9 @@
  * binary document, the line in an XML document, the type in an object graph.
  *
  * Limits, so that no document can exhaust the process: containers nest at most 512
- * deep in either format, and an XML document is at most 2^31-1 bytes long. A
- * binary document may name one object many times; it is made once and shared.
+ * deep in either format, a list has at most 2^22 (4,194,304) values, dictionary keys
+ * included, and an XML document is at most 2^31-1 bytes long. A binary document may name
+ * one object many times; it is made once and shared, but counts wherever it stands.
  *
  * Threads. All functions may be called from any thread; the objects handed in must
  * not be changed meanwhile.
@@ -76,7 +77,8 @@ enum {
  *
  * Returns a new reference to the root object, null on failure. Of a dictionary key
  * that is given twice, the first value holds. In XML a dictionary of the single
- * key CF$UID with an integer from 0 to 2^32-1 becomes a UID.
+ * key CF$UID with an integer from 0 to 2^32-1 becomes a UID. A null object inside a
+ * binary document, which some programs write, becomes kCFNull; it cannot be written.
  */
 CF_EXPORT CFPropertyListRef CFPropertyListCreateWithData(CFAllocatorRef allocator, CFDataRef data,
                                                          CFOptionFlags options,
