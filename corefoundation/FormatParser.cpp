@@ -60,7 +60,11 @@ ArgumentKind kindOf(char conversion, Modifier modifier) {
 
 class Parser {
   public:
-    explicit Parser(const TextView &format) : format_(format) {}
+    explicit Parser(const TextView &format) : format_(format) {
+        // Enough for most formats to grow neither.
+        result_.pieces.reserve(8);
+        result_.arguments.reserve(8);
+    }
 
     ParsedFormat parse() {
         CFIndex literalStart = 0;

@@ -7,7 +7,9 @@
 #include "corefoundation/TextEncoding.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <iterator>
 #include <string>
 
 namespace CFInternal {
@@ -171,9 +173,11 @@ class Writer {
         switch (piece.conversion) {
         case 'd':
         case 'i':
-            printNumber(piece, "ll", signedValue(value.integer, piece.modifier));
+            writeDecimal(piece, signedValue(value.integer, piece.modifier));
             break;
         case 'u':
+            writeDecimal(piece, unsignedValue(value.integer, piece.modifier));
+            break;
         case 'o':
         case 'x':
         case 'X':
@@ -186,6 +190,19 @@ class Writer {
                 printNumber(piece, "", value.real);
             }
         }
+    }
+
+    // Most numbers are plain decimals, which need no C format.
+    template <class Integer>
+    void writeDecimal(const FormatPiece &piece, Integer value) {
+        const bool plain = !piece.plus && !piece.space && !piece.zero && !piece.alternate;
+        if (!plain || piece.precision != kNoPrecision) {
+            printNumber(piece, "ll", value);
+            return;
+        }
+        char text[24];
+        const auto result = std::to_chars(std::begin(text), std::end(text), value);
+        writePadded(piece, narrowView(text, static_cast<std::size_t>(result.ptr - text)));
     }
 
     // A C format for the same conversion: "%-+ #0*.*lld".

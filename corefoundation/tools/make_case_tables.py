@@ -37,9 +37,16 @@ def ranges(mapping):
 def write_ranges(out, name, mapping):
     rows = ranges(mapping)
     out.write(f"constexpr std::array<CaseRange, {len(rows)}> {name} = {{{{\n")
-    for first, last, step, delta in rows:
-        out.write(f"    {{0x{first:04X}, 0x{last:04X}, {step}, {delta}}},\n")
-    out.write("}};\n\n")
+    write_cells(out, [f"{{0x{first:04X}, 0x{last:04X}, {step}, {delta}}}"
+                      for first, last, step, delta in rows])
+    out.write("\n")
+
+
+def write_cells(out, cells):
+    """Three to a line, and the end of the table."""
+    for i in range(0, len(cells), 3):
+        out.write("    " + " ".join(cell + "," for cell in cells[i:i + 3]) + "\n")
+    out.write("}};\n")
 
 
 def main():
@@ -51,10 +58,8 @@ def main():
     special = [c for c in range(0x10000)
                if not 0xD800 <= c < 0xE000 and len(chr(c).upper()) > 1]
     out.write(f"constexpr std::array<SpecialUppercase, {len(special)}> kSpecialUppercase = {{{{\n")
-    for c in special:
-        units = ", ".join(f"0x{ord(u):04X}" for u in chr(c).upper())
-        out.write(f"    {{0x{c:04X}, {{{units}}}}},\n")
-    out.write("}};\n")
+    units = [", ".join(f"0x{ord(u):04X}" for u in chr(c).upper()) for c in special]
+    write_cells(out, [f"{{0x{c:04X}, {{{u}}}}}" for c, u in zip(special, units)])
 
 
 main()

@@ -88,7 +88,8 @@ CF_INLINE CFRange CFRangeMake(CFIndex location, CFIndex length) {
 
 /* Type identifier of an object. Null is a programming error and aborts. */
 CF_EXPORT CFTypeID CFGetTypeID(CFTypeRef cf);
-/* A new string naming the type ("CFString"); the caller releases it. */
+/* A new string naming the type ("CFString"); the caller releases it. Null for an
+ * identifier that is none. */
 CF_EXPORT CFStringRef CFCopyTypeIDDescription(CFTypeID typeID);
 /* Adds a reference and returns its argument. Null aborts. */
 CF_EXPORT CFTypeRef CFRetain(CFTypeRef cf);
@@ -97,9 +98,11 @@ CF_EXPORT CFTypeRef CFRetain(CFTypeRef cf);
 CF_EXPORT void CFRelease(CFTypeRef cf);
 /* The number of references; a large constant for objects that are never freed. */
 CF_EXPORT CFIndex CFGetRetainCount(CFTypeRef cf);
-/* True when both are the same object, or of one type whose equality says so. */
+/* True when both are the same object, or of one type whose equality says so. Null
+ * aborts. */
 CF_EXPORT Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2);
-/* Equal objects have equal hashes, unless the type has no hash callback (address). */
+/* Equal objects have equal hashes, unless the type has no hash callback (address).
+ * Hashes of content differ from run to run, so they are not to be stored. */
 CF_EXPORT CFHashCode CFHash(CFTypeRef cf);
 /* A new string describing the object: the type's formatting description, its
  * debug description when there is none, else "<CFType 0x...>". */
