@@ -156,9 +156,9 @@ KV_EXPORT KVManifestEntryClass *
 KVManifestEntryCreateFromManifestData(CFAllocatorRef allocator, CFDataRef data, CFIndex offset,
                                       CFIndex *nextOffset, const KVGetFileFunction &getFileFunc);
 
-/* The key of the entry's content: unwrapped on first success and remembered. Empty
- * without an error: the entry has no key. Error 22, "Failed to unlock file key for
- * entry", with the cause underneath: the key cannot be unwrapped. */
+/* The key of the entry's content, unwrapped on first success and remembered. Empty with
+ * *error left alone (so start it at null): the entry has no key. Empty with error 22,
+ * "Failed to unlock file key for entry", the cause underneath: it cannot be unwrapped. */
 KV_EXPORT_CXX std::optional<std::array<uint8_t, 32>>
 KVManifestEntryGetUnlockedFileKey(const KVManifestEntryClass *entry,
                                   const MB::ManifestEncryption &encryption, CFErrorRef *error);
