@@ -41,13 +41,9 @@ FileRef throughEntryKey(const KVBackupContainerClass &container, const KVManifes
     return copy;
 }
 
-FileRef copyFileForPath(const KVBackupContainerClass &container, CFStringRef domain,
-                        CFStringRef relativePath, CFErrorRef *error) {
-    KVManifestEntryClass *entry =
-        KVBackupContainerGetEntryForPath(&container, domain, relativePath);
-    if (entry == nullptr) {
-        throw Error(kKVErrorNoSuchItem, nullptr, CFSTR("File not in backup"));
-    }
+// The content in readable form.
+FileRef copyFileForEntry(const KVBackupContainerClass &container, const KVManifestEntryClass *entry,
+                         CFErrorRef *error) {
     KVFileClass *file = KVManifestEntryGetFile(entry, error);
     if (file == nullptr) {
         return {};
@@ -56,6 +52,16 @@ FileRef copyFileForPath(const KVBackupContainerClass &container, CFStringRef dom
         return throughEntryKey(container, entry, file, Crypt::Decrypt, error);
     }
     return retain(file);
+}
+
+FileRef copyFileForPath(const KVBackupContainerClass &container, CFStringRef domain,
+                        CFStringRef relativePath, CFErrorRef *error) {
+    const KVManifestEntryClass *entry =
+        KVBackupContainerGetEntryForPath(&container, domain, relativePath);
+    if (entry == nullptr) {
+        throw Error(kKVErrorNoSuchItem, nullptr, CFSTR("File not in backup"));
+    }
+    return copyFileForEntry(container, entry, error);
 }
 
 FileRef fileFromData(const CF::Data &data, CFStringRef failure, const CF::Error &cause) {
@@ -159,6 +165,14 @@ KVFileClass *KVBackupContainerCopyFileForPath(const KVBackupContainerClass *cont
                                               CFErrorRef *error) {
     return Kelvane::AtBoundary(error, static_cast<KVFileClass *>(nullptr), [&] {
         return Kelvane::copyFileForPath(*container, domain, relativePath, error).detach();
+    });
+}
+
+KVFileClass *KVBackupContainerCopyFileForEntry(const KVBackupContainerClass *container,
+                                               const KVManifestEntryClass *entry,
+                                               CFErrorRef *error) {
+    return Kelvane::AtBoundary(error, static_cast<KVFileClass *>(nullptr), [&] {
+        return Kelvane::copyFileForEntry(*container, entry, error).detach();
     });
 }
 

@@ -164,6 +164,13 @@ KV_EXPORT KVFileClass *KVBackupContainerCopyFileForPath(const KVBackupContainerC
                                                         CFStringRef domain,
                                                         CFStringRef relativePath,
                                                         CFErrorRef *error);
+/* The same for an entry of the container's manifest. A row of a database may carry any
+ * file ID, and by path only those are found whose ID is that of their path: this reaches
+ * the others too, and cannot reach another entry that took the ID. Fails as above, but for
+ * code 5. */
+KV_EXPORT KVFileClass *KVBackupContainerCopyFileForEntry(const KVBackupContainerClass *container,
+                                                         const KVManifestEntryClass *entry,
+                                                         CFErrorRef *error);
 /* The content as it lies in a backup under the stored name: the manifest and metadata are
  * written anew, content of an encrypted backup stays encrypted, content added from outside
  * to one is encrypted on reading. The caller releases it. Null on failure: code 1 "Failed

@@ -1,20 +1,38 @@
 #include "Commands.hpp"
 #include "Content.hpp"
+#include "Diagnostics.hpp"
+#include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
+#include "KVManifest.h"
+#include "Kelvane/Error.hpp"
 #include "Output.hpp"
-
-#include <unistd.h>
 
 namespace tool {
 
-int RunCat(const Container &container, const CatOptions &options) {
+namespace {
+
+Entry *findEntry(const Container &container, const CatOptions &options) {
     const CF::String domain = ArgumentText(options.domain);
     const CF::String path = ArgumentText(options.path);
-    const FileReference file = OpenContent(container, domain.get(), path.get());
-    ReadContent(file, [](std::span<const std::uint8_t> bytes) {
-        WriteAll(STDOUT_FILENO, bytes, "Standard output");
-    });
-    return kDone;
+    Entry *entry = KVManifestGetEntryMatchingPath(KVBackupContainerGetManifest(container.get()),
+                                                  domain.get(), path.get());
+    if (entry == nullptr) {
+        throw Failure(Kelvane::Error(kKVErrorNoSuchItem, nullptr, CFSTR("File not in backup")));
+    }
+    return entry;
+}
+
+} // namespace
+
+int RunCat(const Container &container, const TemporaryArea &area, const CatOptions &options) {
+    Entry *entry = findEntry(container, options);
+    const Content content(container, entry, area);
+    content.Read(&WriteOutput);
+    const std::string deviation = content.Deviation();
+    if (!deviation.empty()) {
+        PrintMessage(FullPath(entry) + ": the content is damaged: " + deviation);
+    }
+    return deviation.empty() ? kDone : kFailed;
 }
 
 } // namespace tool

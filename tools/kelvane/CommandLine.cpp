@@ -1,12 +1,14 @@
 #include "CommandLine.hpp"
 
+#include "Diagnostics.hpp"
 #include "ExitStatus.hpp"
 #include "Kelvane.h"
+#include "Output.hpp"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
-#include <iostream>
+#include <sstream>
 #include <string>
 
 namespace tool {
@@ -35,16 +37,31 @@ class Parser {
     CommandLine Parse(int argc, char **argv) {
         try {
             app_.parse(argc, argv);
-        } catch (const CLI::ParseError &stop) {
-            // Help and version are stops too, with status 0.
-            const int status = app_.exit(stop, std::cout, std::cerr);
-            std::cout.flush();
-            std::exit(status == 0 ? kDone : kUsage);
+        } catch (const CLI::Success &stop) {
+            std::exit(showHelp(stop));
+        } catch (const CLI::ParseError &error) {
+            PrintMessage(error.what());
+            PrintMessage("see 'kelvane --help' and 'kelvane COMMAND --help'");
+            std::exit(kUsage);
         }
         return result_;
     }
 
   private:
+    // Or the version.
+    int showHelp(const CLI::Success &stop) {
+        std::ostringstream text;
+        app_.exit(stop, text, text);
+        try {
+            Print(text.str());
+            FlushOutput();
+            return kDone;
+        } catch (const Failure &failure) {
+            failure.Print();
+            return failure.Status();
+        }
+    }
+
     CLI::App *addCommand(const char *name, const char *description) {
         CLI::App *command = app_.add_subcommand(name, description);
         command->footer(kFooter);
@@ -57,7 +74,7 @@ class Parser {
             ->add_option("--temp", result_.backup.temporaryParent,
                          "Keep temporary files below DIR instead of $TMPDIR")
             ->type_name("DIR");
-        command->add_flag("-v", result_.verbosity, "Show the log; -vv shows all of it");
+        command->add_flag("-v,--verbose", result_.verbosity, "Show the log; -vv shows all of it");
         return command;
     }
 
@@ -76,7 +93,8 @@ class Parser {
     void addList() {
         CLI::App *command = addCommand("ls", "List the domains, or what a directory of one holds");
         addDomainAndPath(command, list_.domain, list_.path);
-        command->add_flag("-R,--recursive", list_.recursive, "Everything at PATH and below it");
+        command->add_flag("-R,--recursive", list_.recursive,
+                          "Everything at PATH and below it; without DOMAIN, of every domain");
         command->add_flag("-l,--long", list_.detailed, "Mode, owner, size and time too");
         command
             ->add_flag("--all", list_.all, "Every entry of every domain, in the manifest's order")

@@ -28,7 +28,7 @@ struct CatOptions {
     std::string domain;
     std::string path;
 };
-int RunCat(const Container &container, const CatOptions &options);
+int RunCat(const Container &container, const TemporaryArea &area, const CatOptions &options);
 
 struct ExtractOptions {
     std::optional<std::string> domain;

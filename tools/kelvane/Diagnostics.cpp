@@ -1,6 +1,6 @@
 #include "Diagnostics.hpp"
 
-#include "ExitStatus.hpp"
+#include "Interruption.hpp"
 #include "KVError.h"
 #include "KVLog.h"
 #include "Quoting.hpp"
@@ -24,6 +24,9 @@ std::string codeOf(const CF::Error &error) {
 }
 
 std::string describe(const CF::Error &error) {
+    if (!error) {
+        return "Unknown Error";
+    }
     const std::string reason = error.GetFailureReason().GetUTF8();
     std::string text = error.GetDescription().GetUTF8();
     if (!reason.empty()) {
@@ -32,7 +35,17 @@ std::string describe(const CF::Error &error) {
     return text + " " + codeOf(error);
 }
 
+std::function<void()> &beforeMessage() {
+    static std::function<void()> call;
+    return call;
+}
+
 void printLine(const std::string &prefix, std::string_view text) {
+    // What fails because a signal already cleaned up is not worth a message.
+    const Interruption::Hold hold;
+    if (beforeMessage()) {
+        beforeMessage()();
+    }
     // Names from a backup may hold anything; a message is one line and no terminal command.
     const std::string line = prefix + EscapeControls(text) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
@@ -65,23 +78,18 @@ void logToStandardError(CFStringRef, int, CFStringRef text, CFErrorRef error, vo
 
 } // namespace
 
-void Failure::Print() const {
+void Failure::Print() const { printAfter(""); }
+
+void Failure::PrintFor(std::string_view name) const { printAfter(std::string(name) + ": "); }
+
+void Failure::printAfter(const std::string &prefix) const {
     if (message_.empty()) {
-        PrintError(error_);
+        PrintMessage(prefix + describe(error_));
+        printCauses(error_.GetUnderlying());
     } else {
-        PrintFailure(message_, error_);
+        PrintMessage(prefix + message_);
+        printCauses(error_);
     }
-}
-
-void Failure::PrintFor(std::string_view name) const {
-    PrintFailure(std::string(name) + ": " + (message_.empty() ? "failed" : message_), error_);
-}
-
-int Failure::Status() const {
-    if (status_ >= 0) {
-        return status_;
-    }
-    return IsPasswordError(error_) ? kPassword : kFailed;
 }
 
 Failure Failure::WithStatus(int status) && {
@@ -94,21 +102,9 @@ CF::Error SystemError() {
         CFErrorCreate(kCFAllocatorDefault, kCFErrorDomainPOSIX, errno, nullptr));
 }
 
+void SetBeforeMessage(std::function<void()> call) { beforeMessage() = std::move(call); }
+
 void PrintMessage(std::string_view message) { printLine("kelvane: ", message); }
-
-void PrintError(const CF::Error &error) {
-    if (!error) {
-        PrintMessage("Unknown Error");
-        return;
-    }
-    PrintMessage(describe(error));
-    printCauses(error.GetUnderlying());
-}
-
-void PrintFailure(std::string_view message, const CF::Error &cause) {
-    PrintMessage(message);
-    printCauses(cause);
-}
 
 bool IsPasswordError(const CF::Error &error) {
     return anyInChain(error, [](CFIndex code) {

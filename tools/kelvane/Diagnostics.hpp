@@ -1,9 +1,10 @@
 // Messages to standard error.
 #pragma once
 
+#include "ExitStatus.hpp"
 #include "support/cf/Error.hpp"
 
-#include <stdexcept>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -18,28 +19,31 @@ class Failure {
     explicit Failure(std::string message, CF::Error cause = nullptr)
         : message_(std::move(message)), error_(std::move(cause)) {}
 
+    // "kelvane: DESCRIPTION: REASON (code N)" or "kelvane: MESSAGE", then a line for each error
+    // underneath.
     void Print() const;
     // The same as the failure of one of many things, which the name tells apart.
     void PrintFor(std::string_view name) const;
-    int Status() const;
+    int Status() const noexcept { return status_; }
     // Says that status is to be returned whatever the error is.
     Failure WithStatus(int status) &&;
 
   private:
+    void printAfter(const std::string &prefix) const;
+
     std::string message_;
     CF::Error error_;
-    int status_ = -1;
+    int status_ = kFailed;
 };
 
 // The error that errno names; call it before anything can change errno.
 CF::Error SystemError();
 
+// Called before each message; for what has to leave the terminal's line first.
+void SetBeforeMessage(std::function<void()> call);
+
 // "kelvane: MESSAGE" on one line.
 void PrintMessage(std::string_view message);
-// "kelvane: DESCRIPTION: REASON (code N)", then the errors underneath.
-void PrintError(const CF::Error &error);
-// "kelvane: MESSAGE", then the error and those underneath, each as a cause.
-void PrintFailure(std::string_view message, const CF::Error &cause);
 
 // The password is missing, wrong, or was given for a plain backup.
 bool IsPasswordError(const CF::Error &error);

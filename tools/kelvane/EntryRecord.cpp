@@ -1,10 +1,8 @@
 #include "EntryRecord.hpp"
 
+#include "JSON.hpp"
 #include "support/cf/Data.hpp"
-#include "support/cf/Date.hpp"
 #include "support/cf/String.hpp"
-
-#include <nlohmann/json.hpp>
 
 #include <array>
 #include <cmath>
@@ -23,23 +21,22 @@ std::string toHex(const CF::Data &data) {
     return text;
 }
 
-std::int64_t unixSeconds(CFDateRef date) {
-    const auto owned = CF::Date::Adopt(date);
-    return std::llround(std::floor(owned.GetAbsoluteTime() + kCFAbsoluteTimeIntervalSince1970));
-}
-
 void readAttributes(const KVManifestEntryClass *entry, EntryRecord &record) {
     CFDateRef birth = nullptr;
     CFDateRef modified = nullptr;
     CFDateRef changed = nullptr;
     KVManifestEntryCopyFilesystemAttributes(entry, &record.mode, &record.uid, &record.gid, &birth,
                                             &modified, &changed);
-    record.birth = unixSeconds(birth);
-    record.modified = unixSeconds(modified);
-    record.changed = unixSeconds(changed);
+    record.birth = UnixSeconds(CF::Date::Adopt(birth));
+    record.modified = UnixSeconds(CF::Date::Adopt(modified));
+    record.changed = UnixSeconds(CF::Date::Adopt(changed));
 }
 
 } // namespace
+
+std::int64_t UnixSeconds(const CF::Date &date) {
+    return std::llround(std::floor(date.GetAbsoluteTime() + kCFAbsoluteTimeIntervalSince1970));
+}
 
 EntryType TypeOf(const KVManifestEntryClass *entry) {
     if (KVManifestEntryIsFile(entry)) {
@@ -90,7 +87,7 @@ std::string FullPath(const KVManifestEntryClass *entry) {
 }
 
 std::string ToJSON(const EntryRecord &record) {
-    nlohmann::ordered_json json;
+    JSON json;
     json["fileID"] = record.fileID;
     json["domain"] = record.domain;
     json["path"] = record.path;
@@ -105,8 +102,8 @@ std::string ToJSON(const EntryRecord &record) {
     json["size"] = record.size;
     json["protectionClass"] = record.protectionClass;
     json["hasKey"] = record.hasKey;
-    json["digest"] = record.digest ? nlohmann::ordered_json(*record.digest) : nullptr;
-    return json.dump();
+    json["digest"] = record.digest ? JSON(*record.digest) : nullptr;
+    return Serialize(json);
 }
 
 std::string ModeText(const EntryRecord &record) {

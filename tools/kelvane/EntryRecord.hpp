@@ -2,6 +2,7 @@
 #pragma once
 
 #include "KVManifestEntry.h"
+#include "support/cf/Date.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -29,6 +30,8 @@ struct EntryRecord {
     bool hasKey = false;
     std::optional<std::string> digest; // hexadecimal
 };
+
+std::int64_t UnixSeconds(const CF::Date &date);
 
 EntryType TypeOf(const KVManifestEntryClass *entry);
 // "file", "directory", "symlink" or "other".

@@ -8,8 +8,8 @@
 #include "ProgressBar.hpp"
 #include "Selection.hpp"
 
-#include <cstdio>
-#include <unistd.h>
+#include <algorithm>
+#include <functional>
 #include <vector>
 
 namespace tool {
@@ -74,7 +74,6 @@ class Extraction {
             step(entry);
             return true;
         } catch (const Failure &failure) {
-            bar_.Hide();
             failure.PrintFor(FullPath(entry));
             ++failed_;
             return false;
@@ -99,23 +98,38 @@ class Extraction {
         }
     }
 
+    // Everything of the domain lies below its root, which therefore is a directory.
+    static TreePath pathOf(const EntryRecord &record) {
+        if (record.path.empty() && record.type != EntryType::Directory) {
+            throw Failure("What is no directory has the place of its domain's root");
+        }
+        return SplitTreePath(record.domain, record.path);
+    }
+
     void extractFile(Entry *entry) {
         const EntryRecord record = Describe(entry);
-        const TreePath path = SplitTreePath(record.domain, record.path);
+        const TreePath path = pathOf(record);
         tree_.CheckVacant(path);
-        const FileReference file =
-            OpenContent(container_, KVManifestEntryGetDomain(entry), KVManifestEntryGetPath(entry));
-        const Unpacked unpacked(area_, file);
+        const Content content(container_, entry, area_);
         tree_.WriteFile(path, attributesOf(record), [&](int fd) {
-            ReadContent(file, [&](std::span<const std::uint8_t> bytes) {
-                WriteAll(fd, bytes, "The file");
+            content.Read([&](std::span<const std::uint8_t> bytes) {
+                WriteFileBytes(fd, bytes);
                 bar_.Advance(static_cast<std::int64_t>(bytes.size()));
             });
         });
+        reportDeviation(entry, content.Deviation());
+    }
+
+    // The file stays: it is all that there is of it.
+    void reportDeviation(Entry *entry, const std::string &deviation) {
+        if (!deviation.empty()) {
+            PrintMessage(FullPath(entry) + ": extracted, but damaged: " + deviation);
+            ++damaged_;
+        }
     }
 
     void extractLink(const EntryRecord &record) {
-        const TreePath path = SplitTreePath(record.domain, record.path);
+        const TreePath path = pathOf(record);
         if (record.target.find('\0') != std::string::npos) {
             throw Failure("The link's target holds a NUL");
         }
@@ -123,44 +137,32 @@ class Extraction {
         tree_.MakeLink(path, record.target, attributesOf(record));
     }
 
-    // What a zip was unpacked to is not needed once it has been copied, and would fill the
-    // temporary directory with the whole backup.
-    class Unpacked {
-      public:
-        Unpacked(const TemporaryArea &area, const FileReference &file)
-            : path_(CF::String::GetUTF8(KVFileGetLocalPath(file.get()))),
-              ours_(area.Contains(path_)) {}
-        Unpacked(const Unpacked &) = delete;
-        Unpacked &operator=(const Unpacked &) = delete;
-        ~Unpacked() {
-            if (ours_) {
-                unlink(path_.c_str());
-            }
-        }
-
-      private:
-        std::string path_;
-        bool ours_;
-    };
-
     // Deepest first: those above must still be passable.
     void finishDirectories() {
-        for (auto entry = directories_.rbegin(); entry != directories_.rend(); ++entry) {
-            attempt(*entry, [this](Entry *directory) {
+        std::ranges::stable_sort(directories_, std::greater{}, [](Entry *directory) {
+            const std::string path = CF::String::GetUTF8(KVManifestEntryGetPath(directory));
+            return path.empty() ? -1 : std::ranges::count(path, '/');
+        });
+        for (Entry *entry : directories_) {
+            attempt(entry, [this](Entry *directory) {
                 const EntryRecord record = Describe(directory);
-                tree_.FinishDirectory(SplitTreePath(record.domain, record.path),
-                                      attributesOf(record));
+                tree_.FinishDirectory(pathOf(record), attributesOf(record));
             });
         }
     }
 
     int report() {
-        bar_.Hide();
         const long total = entries_.GetCount();
-        const std::string done =
+        std::string text =
             std::to_string(total - failed_) + " of " + std::to_string(total) + " entries extracted";
-        PrintMessage(failed_ == 0 ? done : done + ", " + std::to_string(failed_) + " failed");
-        return failed_ == 0 ? kDone : kFailed;
+        if (failed_ > 0) {
+            text += ", " + std::to_string(failed_) + " failed";
+        }
+        if (damaged_ > 0) {
+            text += ", " + std::to_string(damaged_) + " damaged";
+        }
+        PrintMessage(text);
+        return failed_ + damaged_ == 0 ? kDone : kFailed;
     }
 
     const Container &container_;
@@ -170,6 +172,7 @@ class Extraction {
     ProgressBar bar_;
     std::vector<Entry *> directories_;
     long failed_ = 0;
+    long damaged_ = 0;
 };
 
 } // namespace

@@ -1,14 +1,13 @@
 #include "Commands.hpp"
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
+#include "JSON.hpp"
 #include "KVManifest.h"
 #include "Output.hpp"
 #include "Quoting.hpp"
 #include "Selection.hpp"
 #include "Units.hpp"
 #include "support/cf/CF.hpp"
-
-#include <nlohmann/json.hpp>
 
 #include <array>
 #include <cstdio>
@@ -40,13 +39,16 @@ Metadata readMetadata(const Container &container) {
     return metadata;
 }
 
+JSON orNull(const CF::String &value) { return value.IsEmpty() ? JSON() : JSON(value.GetUTF8()); }
+
 // Info.plist speaks to users; where it is missing, the device's own record says the same.
-std::string text(const Metadata &metadata, CFStringRef infoKey, CFStringRef lockdownKey) {
+JSON text(const Metadata &metadata, CFStringRef infoKey, CFStringRef lockdownKey) {
     const auto value = metadata.info.Get<CF::String>(infoKey);
-    return (value ? value : metadata.lockdown.Get<CF::String>(lockdownKey)).GetUTF8();
+    return orNull(value ? value : metadata.lockdown.Get<CF::String>(lockdownKey));
 }
 
-std::string backupDate(const Metadata &metadata) {
+// Unix seconds.
+JSON backupDate(const Metadata &metadata) {
     for (const auto &[dictionary, key] :
          std::initializer_list<std::pair<CF::Dictionary, CFStringRef>>{
              {metadata.info, CFSTR("Last Backup Date")},
@@ -54,11 +56,10 @@ std::string backupDate(const Metadata &metadata) {
              {metadata.manifest, CFSTR("Date")}}) {
         const auto date = dictionary.Get<CF::Date>(key);
         if (date) {
-            return DateText(static_cast<std::int64_t>(
-                std::floor(date.GetAbsoluteTime() + kCFAbsoluteTimeIntervalSince1970)));
+            return UnixSeconds(date);
         }
     }
-    return {};
+    return nullptr;
 }
 
 Counts countEntries(const CF::Array &entries) {
@@ -72,12 +73,12 @@ Counts countEntries(const CF::Array &entries) {
     return counts;
 }
 
-nlohmann::ordered_json gather(const Container &container) {
+JSON gather(const Container &container) {
     const Metadata metadata = readMetadata(container);
     KVManifestClass *manifest = KVBackupContainerGetManifest(container.get());
     const auto domains = CF::Array::Adopt(KVManifestCopyDomainsList(manifest));
     const Counts counts = countEntries(AllEntries(container));
-    nlohmann::ordered_json json;
+    JSON json;
     json["deviceName"] = text(metadata, CFSTR("Device Name"), CFSTR("DeviceName"));
     json["deviceType"] = text(metadata, CFSTR("Product Type"), CFSTR("ProductType"));
     json["osVersion"] = text(metadata, CFSTR("Product Version"), CFSTR("ProductVersion"));
@@ -85,7 +86,7 @@ nlohmann::ordered_json gather(const Container &container) {
     json["serialNumber"] = text(metadata, CFSTR("Serial Number"), CFSTR("SerialNumber"));
     json["uniqueIdentifier"] = text(metadata, CFSTR("Unique Identifier"), CFSTR("UniqueDeviceID"));
     json["date"] = backupDate(metadata);
-    json["formatVersion"] = metadata.status.Get<CF::String>(CFSTR("Version")).GetUTF8();
+    json["formatVersion"] = orNull(metadata.status.Get<CF::String>(CFSTR("Version")));
     json["encrypted"] = KVBackupContainerIsEncrypted(container.get()) != 0;
     json["domains"] = domains.GetCount();
     json["files"] = counts.files;
@@ -112,15 +113,20 @@ constexpr std::array<std::pair<const char *, const char *>, 14> kLabels = {{
     {"totalSize", "Total size"},
 }};
 
-std::string valueText(const std::string &key, const nlohmann::ordered_json &value) {
+std::string valueText(const std::string &key, const JSON &value) {
+    if (value.is_null()) {
+        return "unknown";
+    }
     if (value.is_string()) {
-        return value.get<std::string>().empty() ? "unknown"
-                                                : EscapeControls(value.get<std::string>());
+        return EscapeControls(value.get<std::string>());
     }
     if (value.is_boolean()) {
         return value.get<bool>() ? "yes" : "no";
     }
     const auto number = value.get<std::int64_t>();
+    if (key == "date") {
+        return DateText(number);
+    }
     if (key == "totalSize") {
         return SizeText(number) + " (" + std::to_string(number) + " bytes)";
     }
@@ -130,9 +136,9 @@ std::string valueText(const std::string &key, const nlohmann::ordered_json &valu
 } // namespace
 
 int RunInfo(const Container &container, const InfoOptions &options) {
-    const nlohmann::ordered_json json = gather(container);
+    const JSON json = gather(container);
     if (options.json) {
-        PrintLine(json.dump());
+        PrintLine(Serialize(json));
         return kDone;
     }
     for (const auto &[key, label] : kLabels) {

@@ -22,14 +22,23 @@ std::array<std::function<void()>, kKindCount> &cleanups() {
     return *instance;
 }
 
+bool isIgnored(int number) {
+    struct sigaction action;
+    return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 sigset_t handledSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, number);
+        if (!isIgnored(number)) {
+            sigaddset(&signals, number);
+        }
     }
     return signals;
 }
+
+bool endsByClosedPipe = false;
 
 // Ends the process as the signal would have, so that a shell sees why.
 [[noreturn]] void dieOf(int number) {
@@ -59,10 +68,17 @@ void waitForSignal() {
 } // namespace
 
 void Start() {
+    endsByClosedPipe = !isIgnored(SIGPIPE);
     std::signal(SIGPIPE, SIG_IGN);
     const sigset_t signals = handledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::thread(&waitForSignal).detach();
+}
+
+void EndByClosedPipe() {
+    if (endsByClosedPipe) {
+        dieOf(SIGPIPE);
+    }
 }
 
 void SetCleanup(Kind kind, std::function<void()> cleanup) {

@@ -10,9 +10,14 @@ enum Kind { kTerminal, kPartialFile, kTemporaryArea, kKindCount };
 
 // Starts a thread that waits for SIGINT, SIGTERM and SIGHUP, cleans up when one comes, and
 // then lets it end the process as it would have. A thread of its own may do what a signal
-// handler may not, and does it even while the main thread derives keys. Call it first, before
-// any other thread; SIGPIPE is ignored from then on, writing reports it.
+// handler may not, and does it even while the main thread derives keys. Signals that the
+// invoker ignores (nohup) stay ignored. Call it before any other thread starts; SIGPIPE is
+// ignored from then on, writing reports it.
 void Start();
+
+// Ends the process by SIGPIPE, as it would have ended without Start. Returns when the invoker
+// ignores that signal.
+void EndByClosedPipe();
 
 // Replaces the clean-up of that kind; null removes it.
 void SetCleanup(Kind kind, std::function<void()> cleanup);

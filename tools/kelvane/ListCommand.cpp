@@ -1,13 +1,12 @@
 #include "Commands.hpp"
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
+#include "JSON.hpp"
 #include "KVManifest.h"
 #include "Output.hpp"
 #include "Quoting.hpp"
 #include "Selection.hpp"
 #include "Units.hpp"
-
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
@@ -20,11 +19,9 @@ namespace {
 void listDomains(const Container &container, bool json) {
     const auto domains =
         CF::Array::Adopt(KVManifestCopyDomainsList(KVBackupContainerGetManifest(container.get())));
-    const bool terminal = OutputIsTerminal();
     for (CFIndex i = 0; i < domains.GetCount(); ++i) {
         const std::string domain = CF::String::Cast(domains.GetAt(i)).GetUTF8();
-        PrintLine(json ? nlohmann::json({{"domain", domain}}).dump()
-                       : ForListing(domain, terminal));
+        PrintLine(json ? Serialize({{"domain", domain}}) : ForListing(domain, OutputIsTerminal()));
     }
 }
 
@@ -63,10 +60,13 @@ void listAll(const Container &container, const ListOptions &options) {
     }
 }
 
+// The domain's root has an empty path.
+std::string pathText(const EntryRecord &record) { return record.path.empty() ? "." : record.path; }
+
 void listRecursively(const CF::Array &entries, const ListOptions &options) {
     for (CFIndex i = 0; i < entries.GetCount(); ++i) {
         const EntryRecord record = Describe(EntryAt(entries, i));
-        printEntry(record, record.path.empty() ? "." : record.path, options);
+        printEntry(record, pathText(record), options);
     }
 }
 
@@ -79,7 +79,7 @@ void listChildren(const CF::Array &entries, const std::string &path, const ListO
         if (entryDepth == depth + 1) {
             printEntry(record, record.path.substr(path.empty() ? 0 : path.size() + 1), options);
         } else if (entryDepth == depth && record.type != EntryType::Directory) {
-            printEntry(record, record.path, options);
+            printEntry(record, pathText(record), options);
         }
     }
 }
@@ -87,7 +87,7 @@ void listChildren(const CF::Array &entries, const std::string &path, const ListO
 } // namespace
 
 int RunList(const Container &container, const ListOptions &options) {
-    if (options.all) {
+    if (options.all || (options.recursive && !options.domain)) {
         listAll(container, options);
     } else if (!options.domain) {
         listDomains(container, options.json);

@@ -54,12 +54,13 @@ Container OpenBackup(const BackupOptions &options) {
     CF::Error error;
     Container container = open(options.backup, directory, password, error);
     if (!container && options.passwordFile.empty() && IsPasswordRequired(error)) {
-        AskPassword(text);
+        AskPassword(text, error);
         password = ToString(text);
         container = open(options.backup, directory, password, error);
     }
     if (!container) {
-        throw Failure(error);
+        const int status = IsPasswordError(error) ? kPassword : kFailed;
+        throw Failure(error).WithStatus(status);
     }
     return container;
 }

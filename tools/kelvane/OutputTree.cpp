@@ -23,16 +23,28 @@ bool isSafeComponent(const std::string &component) {
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// Opens a directory in a directory, making it when it is missing.
-int enter(int directory, const std::string &name) {
-    if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) {
+// Opens a directory in a directory, making it with the mode when it is missing.
+int enter(int directory, const std::string &name, mode_t mode) {
+    if (mkdirat(directory, name.c_str(), mode) != 0 && errno != EEXIST) {
         throwSystemFailure("The directory could not be made");
     }
     const int fd = openat(directory, name.c_str(), kDirectoryFlags);
     if (fd < 0) {
-        throwSystemFailure("Something that is no directory is in the way");
+        // A link, which is not followed, shows as either.
+        throwSystemFailure(errno == ENOTDIR || errno == ELOOP
+                               ? "Something that is no directory is in the way"
+                               : "The directory could not be opened");
     }
     return fd;
+}
+
+// A directory from an earlier extraction may have come out read-only.
+void makeWritable(int directory) {
+    struct stat status;
+    if (fstat(directory, &status) == 0 && status.st_uid == geteuid() &&
+        (status.st_mode & S_IRWXU) != S_IRWXU) {
+        fchmod(directory, (status.st_mode & 07777) | S_IRWXU);
+    }
 }
 
 int renameWithoutReplacing(int directory, const std::string &from, const std::string &to) {
@@ -53,10 +65,23 @@ int renameWithoutReplacing(int directory, const std::string &from, const std::st
     return renameat(directory, from.c_str(), directory, to.c_str());
 }
 
-// A file or link under its temporary name; goes away unless it was published.
+// The name of a file or link that is still being made; what has it goes away with the object
+// unless it was published.
 class Partial {
   public:
-    Partial(int directory, std::string name) : directory_(directory), name_(std::move(name)) {
+    // make gets a name that is not taken, and returns -1 with errno when it fails.
+    template <class Make>
+    Partial(int directory, Make make) : directory_(directory) {
+        static unsigned long counter = 0;
+        const Interruption::Hold hold;
+        do {
+            name_ = ".kelvane-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
+                    ".partial";
+            result_ = make(name_.c_str());
+        } while (result_ < 0 && errno == EEXIST);
+        if (result_ < 0) {
+            throwSystemFailure("It could not be made");
+        }
         Interruption::SetCleanup(Interruption::kPartialFile, [this] { remove(); });
     }
     Partial(const Partial &) = delete;
@@ -64,27 +89,34 @@ class Partial {
     ~Partial() {
         const Interruption::Hold hold;
         Interruption::SetCleanup(Interruption::kPartialFile, nullptr);
-        remove();
+        if (!published_) {
+            remove();
+        }
     }
     const std::string &name() const noexcept { return name_; }
+    // What make returned.
+    int result() const noexcept { return result_; }
+    void Publish(const std::string &name, bool replace) {
+        const int renamed = replace ? renameat(directory_, name_.c_str(), directory_, name.c_str())
+                                    : renameWithoutReplacing(directory_, name_, name);
+        if (renamed != 0) {
+            throwSystemFailure("It could not be put in its place");
+        }
+        published_ = true;
+    }
 
   private:
-    // After publishing there is nothing of that name.
     void remove() const { unlinkat(directory_, name_.c_str(), 0); }
 
     int directory_;
     std::string name_;
+    int result_ = -1;
+    bool published_ = false;
 };
 
 class OpenFile {
   public:
-    OpenFile(int directory, const std::string &name)
-        : fd_(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                     0600)) {
-        if (fd_ < 0) {
-            throwSystemFailure("The file could not be made");
-        }
-    }
+    explicit OpenFile(int fd) : fd_(fd) {}
     OpenFile(const OpenFile &) = delete;
     OpenFile &operator=(const OpenFile &) = delete;
     ~OpenFile() {
@@ -159,7 +191,7 @@ int OutputTree::openParent(const TreePath &path) {
     for (const std::string &component : parent) {
         int next = -1;
         try {
-            next = enter(directory, component);
+            next = enter(directory, component, 0777);
         } catch (...) {
             if (directory != root_) {
                 close(directory);
@@ -180,7 +212,10 @@ int OutputTree::openParent(const TreePath &path) {
 }
 
 void OutputTree::MakeDirectory(const TreePath &path) {
-    close(enter(openParent(path), path.back()));
+    // Private until it gets its own permissions, which may keep others out.
+    const int directory = enter(openParent(path), path.back(), 0700);
+    makeWritable(directory);
+    close(directory);
 }
 
 void OutputTree::FinishDirectory(const TreePath &path, const Attributes &attributes) {
@@ -211,41 +246,45 @@ void OutputTree::CheckVacant(const TreePath &path) {
         errno = EEXIST;
         throwSystemFailure("It exists already (--force replaces it)");
     }
+    if (made_.contains({status.st_dev, status.st_ino})) {
+        errno = EEXIST;
+        throwSystemFailure("Another entry of the backup has been extracted to that name");
+    }
 }
 
-void OutputTree::publish(int directory, const std::string &temporary,
-                         const std::string &name) const {
-    const int renamed = replace_ ? renameat(directory, temporary.c_str(), directory, name.c_str())
-                                 : renameWithoutReplacing(directory, temporary, name);
-    if (renamed != 0) {
-        throwSystemFailure("It could not be put in its place");
+// Remembered, because on a file system that takes two names for one, or with a backup that
+// holds a name twice, replacing would lose the entry that came first.
+void OutputTree::remember(int directory, const std::string &name) {
+    struct stat status;
+    if (replace_ && fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        made_.emplace(status.st_dev, status.st_ino);
     }
 }
 
 void OutputTree::WriteFile(const TreePath &path, const Attributes &attributes,
                            const std::function<void(int fd)> &writeContent) {
     const int directory = openParent(path);
-    const Partial partial(directory, ".kelvane-" + std::to_string(getpid()) + "-" +
-                                         std::to_string(counter_++) + ".partial");
-    OpenFile file(directory, partial.name());
+    Partial partial(directory, [&](const char *name) {
+        return openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    });
+    OpenFile file(partial.result());
     writeContent(file.get());
     file.Finish(attributes);
-    publish(directory, partial.name(), path.back());
+    partial.Publish(path.back(), replace_);
+    remember(directory, path.back());
 }
 
 void OutputTree::MakeLink(const TreePath &path, const std::string &target,
                           const Attributes &attributes) {
     const int directory = openParent(path);
-    const Partial partial(directory, ".kelvane-" + std::to_string(getpid()) + "-" +
-                                         std::to_string(counter_++) + ".partial");
-    if (symlinkat(target.c_str(), directory, partial.name().c_str()) != 0) {
-        throwSystemFailure("The link could not be made");
-    }
     const std::timespec times[2] = {attributes.modified, attributes.modified};
+    Partial partial(directory,
+                    [&](const char *name) { return symlinkat(target.c_str(), directory, name); });
     if (utimensat(directory, partial.name().c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
         throwSystemFailure("The link's time could not be set");
     }
-    publish(directory, partial.name(), path.back());
+    partial.Publish(path.back(), replace_);
+    remember(directory, path.back());
 }
 
 } // namespace tool

@@ -5,8 +5,10 @@
 
 #include <ctime>
 #include <functional>
+#include <set>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace tool {
@@ -49,14 +51,15 @@ class OutputTree {
   private:
     // The directory that is to hold the last component; borrowed until the next call.
     int openParent(const TreePath &path);
-    void publish(int directory, const std::string &temporary, const std::string &name) const;
+    void remember(int directory, const std::string &name);
 
     int root_ = -1;
     bool replace_;
     // The directory used last: entries of one directory follow each other.
     TreePath cachedPath_;
     int cached_ = -1;
-    unsigned long counter_ = 0;
+    // The files and links that this object made, when it may replace others.
+    std::set<std::pair<dev_t, ino_t>> made_;
 };
 
 } // namespace tool

@@ -40,7 +40,7 @@ class Silence {
   public:
     explicit Silence(int fd) : fd_(fd) {
         const Interruption::Hold hold;
-        if (tcgetattr(fd_, &before_) == 0) {
+        if (fd_ >= 0 && tcgetattr(fd_, &before_) == 0) {
             termios silent = before_;
             silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
             silent.c_lflag |= ECHONL;
@@ -109,17 +109,13 @@ void ReadPasswordFile(const std::string &path, Secret &password) {
     }
 }
 
-void AskPassword(Secret &password) {
+void AskPassword(Secret &password, const CF::Error &required) {
     password.clear();
     const Descriptor terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
-    if (terminal.get() < 0) {
-        throw Failure("The backup is encrypted; give its password with --password-file")
-            .WithStatus(kPassword);
-    }
     const Silence silence(terminal.get());
     if (!silence.active()) {
-        throw Failure("The terminal's echo could not be turned off; use --password-file")
-            .WithStatus(kPassword);
+        PrintMessage("there is no terminal to ask for the password; see --password-file");
+        throw Failure(required).WithStatus(kPassword);
     }
     constexpr char kPrompt[] = "Backup password: ";
     if (write(terminal.get(), kPrompt, sizeof kPrompt - 1) < 0) {

@@ -1,5 +1,6 @@
 #include "ProgressBar.hpp"
 
+#include "Diagnostics.hpp"
 #include "Units.hpp"
 
 #include <algorithm>
@@ -25,9 +26,17 @@ std::size_t terminalColumns() {
 } // namespace
 
 ProgressBar::ProgressBar(std::int64_t totalBytes)
-    : active_(isatty(STDERR_FILENO) == 1), total_(std::max<std::int64_t>(totalBytes, 0)) {}
+    : active_(isatty(STDERR_FILENO) == 1), total_(std::max<std::int64_t>(totalBytes, 0)) {
+    if (active_) {
+        SetBeforeMessage([this] { Hide(); });
+        draw();
+    }
+}
 
-ProgressBar::~ProgressBar() { Hide(); }
+ProgressBar::~ProgressBar() {
+    Hide();
+    SetBeforeMessage(nullptr);
+}
 
 void ProgressBar::Advance(std::int64_t bytes) {
     done_ += bytes;
@@ -60,7 +69,9 @@ std::string ProgressBar::line() const {
     const std::size_t columns = terminalColumns();
     const std::size_t width = columns > text.size() + 12 ? columns - text.size() - 3 : 10;
     const auto filled = static_cast<std::size_t>(fraction * static_cast<double>(width));
-    return "[" + std::string(filled, '#') + std::string(width - filled, '.') + "]" + text;
+    text = "[" + std::string(filled, '#') + std::string(width - filled, '.') + "]" + text;
+    // A line that wraps could not be cleared.
+    return text.substr(0, columns - 1);
 }
 
 void ProgressBar::draw() {

@@ -17,7 +17,7 @@ class ProgressBar {
     ~ProgressBar();
 
     void Advance(std::int64_t bytes);
-    // Clears the line for a message; the next redraw brings the bar back.
+    // Clears the line, which each message does by itself; the next redraw brings the bar back.
     void Hide();
 
   private:

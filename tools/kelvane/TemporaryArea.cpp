@@ -18,14 +18,15 @@ namespace {
 // While files are still being made in it, a directory is not empty at the first try.
 constexpr int kRemovalTries = 20;
 
-void removeTree(const std::string &path) {
+bool removeTree(const std::string &path) {
     for (int i = 0; i < kRemovalTries; ++i) {
         std::error_code error;
         std::filesystem::remove_all(path, error);
         if (!error) {
-            return;
+            return true;
         }
     }
+    return false;
 }
 
 std::string parentDirectory(const std::string &given) {
@@ -41,7 +42,6 @@ std::string parentDirectory(const std::string &given) {
 TemporaryArea::TemporaryArea(const std::string &parent) {
     std::error_code error;
     const auto directory = std::filesystem::absolute(parentDirectory(parent), error);
-    std::filesystem::create_directories(directory, error);
     std::string pattern = (directory / "kelvane-XXXXXX").string();
     // Until the path is known to the signal handling, a signal must wait.
     const Interruption::Hold hold;
@@ -52,14 +52,20 @@ TemporaryArea::TemporaryArea(const std::string &parent) {
     path_ = pattern;
     Interruption::SetCleanup(Interruption::kTemporaryArea, [path = path_] { removeTree(path); });
     if (!KelvaneSetTemporaryPath(CF::String(path_).get())) {
+        remove();
         throw Failure("The temporary directory '" + path_ + "' cannot be used");
     }
 }
 
-TemporaryArea::~TemporaryArea() {
+TemporaryArea::~TemporaryArea() { remove(); }
+
+void TemporaryArea::remove() const {
     const Interruption::Hold hold;
     Interruption::SetCleanup(Interruption::kTemporaryArea, nullptr);
-    removeTree(path_);
+    if (!removeTree(path_)) {
+        // What may be plaintext lies there: the user has to know.
+        PrintMessage("The temporary directory '" + path_ + "' could not be removed");
+    }
 }
 
 bool TemporaryArea::Contains(const std::string &path) const {

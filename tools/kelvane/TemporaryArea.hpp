@@ -5,10 +5,10 @@
 
 namespace tool {
 
-// Makes a fresh directory of mode 0700 below the given directory (which is created when it
-// is missing), or below $TMPDIR, else /tmp, when the given one is empty; sets it as the
-// library's temporary path; and removes it with all that is in it when the object goes, and
-// when SIGINT, SIGTERM or SIGHUP ends the process. One object a process. Throws Failure.
+// Makes a fresh directory of mode 0700 in the given directory, or in $TMPDIR, else /tmp, when
+// the given one is empty; sets it as the library's temporary path; and removes it with all that
+// is in it when the object goes, and when SIGINT, SIGTERM or SIGHUP ends the process. One
+// object a process. Throws Failure.
 class TemporaryArea {
   public:
     explicit TemporaryArea(const std::string &parent);
@@ -16,10 +16,13 @@ class TemporaryArea {
     TemporaryArea &operator=(const TemporaryArea &) = delete;
     ~TemporaryArea();
 
+    const std::string &Path() const noexcept { return path_; }
     // True for a path below the directory.
     bool Contains(const std::string &path) const;
 
   private:
+    void remove() const;
+
     std::string path_;
 };
 

@@ -19,19 +19,52 @@ struct RunCommand {
 
     int operator()(const InfoOptions &options) const { return RunInfo(container, options); }
     int operator()(const ListOptions &options) const { return RunList(container, options); }
-    int operator()(const CatOptions &options) const { return RunCat(container, options); }
+    int operator()(const CatOptions &options) const { return RunCat(container, area, options); }
     int operator()(const ExtractOptions &options) const {
         return RunExtract(container, area, options);
     }
 };
 
-int run(const CommandLine &line) {
+// Shows what the library printed however the command ends.
+class LibraryOutput {
+  public:
+    LibraryOutput(const TemporaryArea &area, int verbosity) {
+        if (verbosity > 0) {
+            CollectLibraryOutput(area.Path() + "/library-output");
+        }
+    }
+    LibraryOutput(const LibraryOutput &) = delete;
+    LibraryOutput &operator=(const LibraryOutput &) = delete;
+    ~LibraryOutput() { ShowLibraryOutput(); }
+};
+
+int runInArea(const CommandLine &line) {
     ShowLog(line.verbosity);
     const TemporaryArea area(line.backup.temporaryParent);
+    const LibraryOutput libraryOutput(area, line.verbosity);
     const Container container = OpenBackup(line.backup);
     const int status = std::visit(RunCommand{container, area}, line.command);
     FlushOutput();
     return status;
+}
+
+int run(const CommandLine &line) {
+    try {
+        return runInArea(line);
+    } catch (const OutputClosed &failure) {
+        Interruption::EndByClosedPipe();
+        failure.Print();
+        return failure.Status();
+    } catch (const Failure &failure) {
+        failure.Print();
+        return failure.Status();
+    } catch (const CF::Error &error) {
+        Failure(error).Print();
+        return kFailed;
+    } catch (const std::exception &exception) {
+        PrintMessage(exception.what());
+        return kFailed;
+    }
 }
 
 } // namespace
@@ -39,18 +72,8 @@ int run(const CommandLine &line) {
 } // namespace tool
 
 int main(int argc, char **argv) {
+    tool::StartOutput();
     const tool::CommandLine line = tool::ParseCommandLine(argc, argv);
     tool::Interruption::Start();
-    try {
-        return tool::run(line);
-    } catch (const tool::Failure &failure) {
-        failure.Print();
-        return failure.Status();
-    } catch (const CF::Error &error) {
-        tool::PrintError(error);
-        return tool::kFailed;
-    } catch (const std::exception &exception) {
-        tool::PrintMessage(exception.what());
-        return tool::kFailed;
-    }
+    return tool::run(line);
 }

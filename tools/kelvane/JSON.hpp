@@ -1,0 +1,17 @@
+// JSON that keeps the order of its keys.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+namespace tool {
+
+using JSON = nlohmann::ordered_json;
+
+// On one line. What is no Unicode text becomes U+FFFD: one odd name must not end a listing.
+inline std::string Serialize(const JSON &json) {
+    return json.dump(-1, ' ', false, JSON::error_handler_t::replace);
+}
+
+} // namespace tool
