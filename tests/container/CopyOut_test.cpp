@@ -125,6 +125,41 @@ TEST(CopyOut, TakesAnEmptyStoredFileForAnEmptyFile) {
     EXPECT_TRUE(ReadContent(copied.file.get()).empty());
 }
 
+// An entry that differs from one of the sample in its path only.
+CF::Pointer<KVManifestEntryClass *> MoveEntry(const Opened &backup, CFStringRef newPath) {
+    const auto file = FindFileOfSize(kPlain, 32769);
+    const KVManifestEntryClass *entry = KVBackupContainerGetEntryForPath(
+        backup.get(), CF::String(file.at("domain").get<std::string>()),
+        CF::String(file.at("path").get<std::string>()));
+    const auto blob = CF::Data::Adopt(KVManifestEntryCreateMBFileDataRepresentation(entry));
+    return {CF::adopt,
+            KVManifestEntryCreateFromMBFileData(nullptr, KVManifestEntryGetFileID(entry),
+                                                KVManifestEntryGetDomain(entry), newPath, 1, blob,
+                                                backup.get()->MakeGetFileFunction())};
+}
+
+TEST(CopyOut, ByEntryReachesAFileWhoseIDIsNotThatOfItsPath) {
+    const Opened backup = OpenSample(kPlain);
+    const auto entry = MoveEntry(backup, CFSTR("moved"));
+    ASSERT_TRUE(entry);
+    CFErrorRef error = nullptr;
+    const File file(CF::adopt,
+                    KVBackupContainerCopyFileForEntry(backup.get(), entry.get(), &error));
+    ASSERT_TRUE(file);
+    EXPECT_EQ(SHA256(ReadContent(file.get())), FindFileOfSize(kPlain, 32769).at("sha256"));
+}
+
+TEST(CopyOut, ByEntryDecrypts) {
+    const Opened backup = OpenSample(kEncrypted);
+    const auto expected = FindFileOfSize(kEncrypted, 32769);
+    const KVManifestEntryClass *entry = KVBackupContainerGetEntryForPath(
+        backup.get(), CF::String(expected.at("domain").get<std::string>()),
+        CF::String(expected.at("path").get<std::string>()));
+    const File file(CF::adopt, KVBackupContainerCopyFileForEntry(backup.get(), entry, nullptr));
+    ASSERT_TRUE(file);
+    EXPECT_EQ(SHA256(ReadContent(file.get())), expected.at("sha256"));
+}
+
 class UnsafeFileID : public testing::TestWithParam<const char *> {};
 
 TEST_P(UnsafeFileID, IsNeverOpened) {

@@ -23,16 +23,23 @@ std::string codeOf(const CF::Error &error) {
     return "(" + CF::String::GetUTF8(error.GetDomain()) + " " + code + ")";
 }
 
+// Errors of the system have none of their own; the one that is made up for them says only that
+// something failed, and the reason once more.
+bool hasDescription(const CF::Error &error) {
+    const auto info = CF::Dictionary::Adopt(CFErrorCopyUserInfo(error.get()));
+    return info.GetValue(kCFErrorLocalizedDescriptionKey) != nullptr;
+}
+
 std::string describe(const CF::Error &error) {
     if (!error) {
         return "Unknown Error";
     }
     const std::string reason = error.GetFailureReason().GetUTF8();
-    std::string text = error.GetDescription().GetUTF8();
-    if (!reason.empty()) {
-        text += ": " + reason;
+    if (!hasDescription(error) && !reason.empty()) {
+        return reason + " " + codeOf(error);
     }
-    return text + " " + codeOf(error);
+    const std::string text = error.GetDescription().GetUTF8();
+    return text + (reason.empty() ? "" : ": " + reason) + " " + codeOf(error);
 }
 
 std::function<void()> &beforeMessage() {

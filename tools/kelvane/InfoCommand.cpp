@@ -47,13 +47,19 @@ JSON text(const Metadata &metadata, CFStringRef infoKey, CFStringRef lockdownKey
     return orNull(value ? value : metadata.lockdown.Get<CF::String>(lockdownKey));
 }
 
+// Info.plist may have it in capitals, unlike the device itself and the backup's directory.
+JSON uniqueIdentifier(const Metadata &metadata) {
+    const auto own = metadata.lockdown.Get<CF::String>(CFSTR("UniqueDeviceID"));
+    return orNull(own ? own : metadata.info.Get<CF::String>(CFSTR("Unique Identifier")));
+}
+
 // Unix seconds.
 JSON backupDate(const Metadata &metadata) {
     for (const auto &[dictionary, key] :
          std::initializer_list<std::pair<CF::Dictionary, CFStringRef>>{
              {metadata.info, CFSTR("Last Backup Date")},
-             {metadata.status, CFSTR("Date")},
-             {metadata.manifest, CFSTR("Date")}}) {
+             {metadata.manifest, CFSTR("Date")},
+             {metadata.status, CFSTR("Date")}}) {
         const auto date = dictionary.Get<CF::Date>(key);
         if (date) {
             return UnixSeconds(date);
@@ -84,7 +90,7 @@ JSON gather(const Container &container) {
     json["osVersion"] = text(metadata, CFSTR("Product Version"), CFSTR("ProductVersion"));
     json["osBuild"] = text(metadata, CFSTR("Build Version"), CFSTR("BuildVersion"));
     json["serialNumber"] = text(metadata, CFSTR("Serial Number"), CFSTR("SerialNumber"));
-    json["uniqueIdentifier"] = text(metadata, CFSTR("Unique Identifier"), CFSTR("UniqueDeviceID"));
+    json["uniqueIdentifier"] = uniqueIdentifier(metadata);
     json["date"] = backupDate(metadata);
     json["formatVersion"] = orNull(metadata.status.Get<CF::String>(CFSTR("Version")));
     json["encrypted"] = KVBackupContainerIsEncrypted(container.get()) != 0;

@@ -28,6 +28,14 @@ void replaceClosedStreams() {
     }
 }
 
+// Null when standard output was closed.
+std::FILE *openOutput() {
+    if (output == nullptr) {
+        errno = EBADF;
+    }
+    return output;
+}
+
 [[noreturn]] void throwFailure() {
     if (errno == EPIPE) {
         throw OutputClosed(kFailureText, SystemError());
@@ -86,7 +94,8 @@ void ShowLibraryOutput() {
 }
 
 void Print(std::string_view text) {
-    if (output == nullptr || std::fwrite(text.data(), 1, text.size(), output) != text.size()) {
+    if (openOutput() == nullptr ||
+        std::fwrite(text.data(), 1, text.size(), output) != text.size()) {
         throwFailure();
     }
 }
@@ -97,13 +106,14 @@ void PrintLine(std::string_view text) {
 }
 
 void FlushOutput() {
-    if (output == nullptr || std::fflush(output) != 0) {
+    // Without an output nothing can be waiting to be written.
+    if (output != nullptr && std::fflush(output) != 0) {
         throwFailure();
     }
 }
 
 void WriteOutput(std::span<const std::uint8_t> bytes) {
-    if (output == nullptr || !writeAll(fileno(output), bytes)) {
+    if (openOutput() == nullptr || !writeAll(fileno(output), bytes)) {
         throwFailure();
     }
 }
