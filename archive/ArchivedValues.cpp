@@ -92,17 +92,31 @@ template KV_VISIBLE std::optional<Number> raw_cftype_decode(ZK::keyed_unarchiver
 
 namespace ZK::detail {
 
+namespace {
+
+std::string classNameOf(const CF::String &name) {
+    if (name.GetLength() > kMaxClassNameLength) {
+        throw archiver_exceptions::limit_exceeded("Archive names a class too long");
+    }
+    return name.GetUTF8();
+}
+
+} // namespace
+
 std::optional<archived_class> decode(archived_class *, keyed_unarchiver &unarchiver) {
     const auto object = CF::Dictionary::Cast(unarchiver.current().get());
     const auto name = object.Get<CF::String>(CFSTR("$classname"));
     if (!name) {
         return std::nullopt;
     }
-    archived_class archived{name.GetUTF8(), {}};
+    archived_class archived{classNameOf(name), {}};
     const auto chain = object.Get<CF::Array>(CFSTR("$classes"));
+    if (chain.GetCount() > kMaxClassChainLength) {
+        throw archiver_exceptions::limit_exceeded("Archive has a class with too many ancestors");
+    }
     for (CFIndex i = 0; i < chain.GetCount(); ++i) {
         if (const auto ancestor = CF::String::Cast(chain.GetAt(i))) {
-            archived.chain.push_back(ancestor.GetUTF8());
+            archived.chain.push_back(classNameOf(ancestor));
         }
     }
     return archived;

@@ -48,40 +48,6 @@ std::optional<T> ifPresent(T value) {
     return value ? std::optional<T>(std::move(value)) : std::nullopt;
 }
 
-// The references of an array; empty when it is none or holds anything else.
-std::optional<References> referencesOf(CFTypeRef value) {
-    const auto array = CF::Array::Cast(value);
-    if (!array) {
-        return std::nullopt;
-    }
-    References references;
-    references.reserve(static_cast<std::size_t>(array.GetCount()));
-    for (CFIndex i = 0; i < array.GetCount(); ++i) {
-        const auto reference = detail::extract_uid(array.GetAt(i));
-        if (!reference) {
-            return std::nullopt;
-        }
-        references.push_back(*reference);
-    }
-    return references;
-}
-
-template <class T>
-std::optional<T> fromInlineValue(CFTypeRef value) {
-    if constexpr (kNeedsReference<T>) {
-        throw archiver_exceptions::cant_decode_as_value(typeid(T));
-    } else if constexpr (kIsScalar<T>) {
-        const auto number = CF::Number::Cast(value);
-        return number ? std::optional<T>(scalarOf<T>(number)) : std::nullopt;
-    } else if constexpr (kIsWrapper<T>) {
-        return ifPresent(T::Cast(value));
-    } else if constexpr (std::is_same_v<T, References>) {
-        return referencesOf(value);
-    } else {
-        return CF::AutoPointer(value);
-    }
-}
-
 // Outside the class, whose own names would hide the types' decode functions.
 template <class T>
 std::optional<T> decodeObject(keyed_unarchiver &unarchiver) {
@@ -137,11 +103,15 @@ void keyed_unarchiver::enter(uid reference) {
     if (stack_.size() >= detail::kMaxDecodingDepth) {
         throw archiver_exceptions::limit_exceeded("Archive nests its objects too deeply");
     }
-    if (steps_left_ == 0) {
+    charge(1);
+    stack_.push_back(reference);
+}
+
+void keyed_unarchiver::charge(std::size_t steps) {
+    if (steps > steps_left_) {
         throw archiver_exceptions::limit_exceeded("Archive takes too many steps to decode");
     }
-    --steps_left_;
-    stack_.push_back(reference);
+    steps_left_ -= steps;
 }
 
 template <class T>
@@ -154,7 +124,7 @@ std::optional<T> keyed_unarchiver::decode(const CF::String &key, bool escape) {
     if (const auto reference = detail::extract_uid(value)) {
         return get<T>(*reference);
     }
-    return fromInlineValue<T>(value);
+    return from_inline_value<T>(value);
 }
 
 template <class T>
@@ -176,10 +146,46 @@ std::optional<T> keyed_unarchiver::decode_current() {
     } else if constexpr (kIsWrapper<T>) {
         return CF::raw_cftype_decode<T>(*this, wrappedValueKey<T>());
     } else if constexpr (std::is_same_v<T, References>) {
-        return referencesOf(current().get());
+        return references_of(current().get());
     } else {
         return CF::try_decode(*this);
     }
+}
+
+// A value that stands where it is needed, not behind a reference.
+template <class T>
+std::optional<T> keyed_unarchiver::from_inline_value(CFTypeRef value) {
+    if constexpr (kNeedsReference<T>) {
+        throw archiver_exceptions::cant_decode_as_value(typeid(T));
+    } else if constexpr (kIsScalar<T>) {
+        const auto number = CF::Number::Cast(value);
+        return number ? std::optional<T>(scalarOf<T>(number)) : std::nullopt;
+    } else if constexpr (kIsWrapper<T>) {
+        return ifPresent(T::Cast(value));
+    } else if constexpr (std::is_same_v<T, References>) {
+        return references_of(value);
+    } else {
+        return CF::AutoPointer(value);
+    }
+}
+
+// The references of an array; empty when it is none or holds anything else.
+std::optional<References> keyed_unarchiver::references_of(CFTypeRef value) {
+    const auto array = CF::Array::Cast(value);
+    if (!array) {
+        return std::nullopt;
+    }
+    charge(static_cast<std::size_t>(array.GetCount()));
+    References references;
+    references.reserve(static_cast<std::size_t>(array.GetCount()));
+    for (CFIndex i = 0; i < array.GetCount(); ++i) {
+        const auto reference = detail::extract_uid(array.GetAt(i));
+        if (!reference) {
+            return std::nullopt;
+        }
+        references.push_back(*reference);
+    }
+    return references;
 }
 
 std::optional<detail::archived_class> keyed_unarchiver::get_class() {

@@ -30,14 +30,21 @@ inline constexpr std::size_t kMaxEncodingDepth = 100;
 // The same when an archive is read: what the writer accepts must be readable, and
 // reading a leaf takes up to three more levels (wrapper, its value, its class).
 inline constexpr std::size_t kMaxDecodingDepth = kMaxEncodingDepth + 28;
-// The most references that reading one archive may follow. Objects that are referenced
-// from many places are decoded anew each time, so a few nested dictionaries that share
-// their members could take exponential time. An archive without such sharing needs at
-// most 32 steps an object (a pair of a dictionary tries five types for its value, each
-// looking up the class), so it is never refused, however large.
-inline constexpr std::size_t kMaxDecodingStepsPerObject = 32;
-// What archives may use on top of that, for the sharing that is ordinary.
-inline constexpr std::size_t kFreeDecodingSteps = 100000;
+// The most steps that reading one archive may take; following a reference is a step, and
+// so is reading one from an array. Objects that are referenced from many places are
+// decoded anew each time, so a few nested dictionaries that share their members could
+// take exponential time. An archive without such sharing needs at most 10 steps an
+// object (a pair of a dictionary tries five types for its value, each looking up the
+// class), so it is never refused, however large.
+inline constexpr std::size_t kMaxDecodingStepsPerObject = 16;
+// What archives may use on top of that, for the sharing that is ordinary. Together the
+// two keep a hostile archive of a few kilobytes to about a millisecond.
+inline constexpr std::size_t kFreeDecodingSteps = 4096;
+// Bounds of class dictionaries, which are read again for every object of the class. The
+// classes of real archives have names of some dozen characters and a handful of
+// ancestors.
+inline constexpr CFIndex kMaxClassNameLength = 256;
+inline constexpr CFIndex kMaxClassChainLength = 64;
 
 // A reference to an object of the table; 0 is the null object.
 struct KV_VISIBLE keyed_archiver_uid {
@@ -68,7 +75,8 @@ struct KV_VISIBLE archived_class {
 };
 
 // Reads the unarchiver's current object as a class dictionary; empty when it names no
-// class. The pointer only selects the overload and is null.
+// class. Throws limit_exceeded beyond the two bounds above. The pointer only selects the
+// overload and is null.
 KV_VISIBLE std::optional<archived_class> decode(archived_class *type, keyed_unarchiver &unarchiver);
 
 } // namespace detail

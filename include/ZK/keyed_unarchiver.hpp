@@ -59,7 +59,11 @@ class KV_VISIBLE keyed_unarchiver {
     void enter(uid reference);
     template <class T>
     std::optional<T> decode_current();
+    template <class T>
+    std::optional<T> from_inline_value(CFTypeRef value);
+    std::optional<std::vector<uid>> references_of(CFTypeRef value);
     void refuse_own_class() const;
+    void charge(std::size_t steps);
 
     CF::Array objects_;
     std::vector<uid> stack_;

@@ -105,6 +105,51 @@ TEST(ArchiveLimits, NeverRefusesALargeArchiveWithoutSharing) {
     EXPECT_EQ(*read, original);
 }
 
+TEST(ArchiveLimits, NeverRefusesManyObjectsOfAClass) {
+    Fields fields;
+    for (int i = 0; i < 5000; ++i) {
+        fields.emplace_back("key" + std::to_string(i),
+                            Dictionary({{"inner" + std::to_string(i), Array({Number(i)})}}));
+    }
+    const auto original = CF::Dictionary::Cast(Dictionary(fields).get());
+    const auto read = extract_keyed_archive<CF::Dictionary>(make_keyed_archive(original));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(*read, original);
+}
+
+TEST(ArchiveLimits, CountEveryReferenceThatIsRead) {
+    // 500 values that are one dictionary of 5000 keys and no object, which is absent.
+    const std::vector<Value> wide(5000, UID(5));
+    const std::vector<Value> again(500, UID(3));
+    const auto archive = Archive(
+        {Dictionary({{"NS.keys", Array(std::vector<Value>(500, UID(5)))},
+                     {"NS.objects", Array(again)},
+                     {"$class", UID(2)}}),
+         Class({"NSDictionary", "NSObject"}),
+         Dictionary({{"NS.keys", Array(wide)}, {"NS.objects", UIDs({})}, {"$class", UID(4)}}),
+         Class({"NSDictionary", "NSObject"}), String("key")});
+    EXPECT_EQ(MessageOf<errors::limit_exceeded>(
+                  [&] { (void)extract_keyed_archive<CF::Dictionary>(archive); }),
+              "Archive takes too many steps to decode");
+}
+
+TEST(ArchiveLimits, BoundTheNamesOfClasses) {
+    const auto archiveOfClass = [](const Value &archivedClass) {
+        return Archive(
+            {Dictionary({{"NS.string", String("x")}, {"$class", UID(2)}}), archivedClass});
+    };
+    EXPECT_EQ(MessageOf<errors::limit_exceeded>([&] {
+                  (void)extract_keyed_archive<CF::String>(
+                      archiveOfClass(Class({std::string(257, 'N'), "NSObject"})));
+              }),
+              "Archive names a class too long");
+    EXPECT_EQ(MessageOf<errors::limit_exceeded>([&] {
+                  (void)extract_keyed_archive<CF::String>(
+                      archiveOfClass(Class(std::vector<std::string>(65, "NSString"))));
+              }),
+              "Archive has a class with too many ancestors");
+}
+
 TEST(ArchiveLimits, ReadsWhateverTheWriterAccepts) {
     const auto deepest = CF::Dictionary::Cast(nestedDictionary(kMaxEncodingDepth).get());
     const auto read = extract_keyed_archive<CF::Dictionary>(make_keyed_archive(deepest));
