@@ -1,5 +1,6 @@
 #include "archive/FastMBFile.hpp"
 
+#include "ZK/keyed_archive_types.hpp"
 #include "archive/SmallPlist.hpp"
 
 #include <array>
@@ -232,8 +233,10 @@ bool Reader::ReadReference(std::uint32_t number, std::uint32_t &entry) {
     return value >= 0 && value <= std::numeric_limits<std::int32_t>::max();
 }
 
+// The name of a class, no longer than the codec takes it.
 bool Reader::ReadName(std::uint32_t number, Item &name) {
-    return plist_.Ascii(number, name) && ZK::bplist::IsAscii(name.Content());
+    return plist_.Ascii(number, name) && name.count <= ZK::detail::kMaxClassNameLength &&
+           ZK::bplist::IsAscii(name.Content());
 }
 
 // Every entry must be an object of the usual kinds even if nothing refers to it: the

@@ -3,6 +3,7 @@
 
 #include "archive/FastMBFile.hpp"
 
+#include "Archives.hpp"
 #include "DeviceRecords.hpp"
 #include "SameRecord.hpp"
 #include "ZK/keyed_archiver.hpp"
@@ -20,6 +21,8 @@ using namespace ArchiveTest;
 
 namespace {
 
+using PropertyList = CF::PropertyListType<CF::Dictionary>;
+
 // In memory of exactly its size, so that a sanitizer sees a read beyond the end.
 class ExactCopy {
   public:
@@ -35,7 +38,7 @@ class ExactCopy {
 };
 
 std::optional<MB::File> decodeGenerally(const Octets &blob) {
-    const auto archive = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(CF::Data(blob));
+    const auto archive = PropertyList::FromPropertyListData(CF::Data(blob));
     try {
         return ZK::extract_keyed_archive<MB::File>(archive);
     } catch (const std::exception &) {
@@ -71,8 +74,8 @@ struct Tally {
 };
 
 Octets archiveOf(const MB::File &file) {
-    return CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
-               ZK::make_keyed_archive(file), kCFPropertyListBinaryFormat_v1_0)
+    return PropertyList::ToPropertyListData(ZK::make_keyed_archive(file),
+                                            kCFPropertyListBinaryFormat_v1_0)
         .GetVector();
 }
 
@@ -124,9 +127,24 @@ TEST(FastMBFile, LeavesAttributesToTheCodec) {
     EXPECT_FALSE(isHandled(archiveOf(file)));
 }
 
+TEST(FastMBFile, LeavesLongClassNamesToTheCodec) {
+    const auto blobWithAncestor = [](std::size_t length) {
+        const auto archive =
+            Archive({Dictionary({{"EncryptionKey", UID(2)}, {"$class", UID(4)}}),
+                     Dictionary({{"NS.data", Data({1})}, {"$class", UID(3)}}),
+                     Class({"NSData", std::string(length, 'N')}), Class({"MBFile", "NSObject"})});
+        return PropertyList::ToPropertyListData(archive, kCFPropertyListBinaryFormat_v1_0)
+            .GetVector();
+    };
+    EXPECT_TRUE(isHandled(blobWithAncestor(256)));
+    EXPECT_TRUE(decodeGenerally(blobWithAncestor(256)));
+    EXPECT_FALSE(isHandled(blobWithAncestor(257)));
+    EXPECT_FALSE(decodeGenerally(blobWithAncestor(257)));
+}
+
 TEST(FastMBFile, LeavesOtherFormatsToTheCodec) {
-    const auto xml = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
-        ZK::make_keyed_archive(ourRecord()), kCFPropertyListXMLFormat_v1_0);
+    const auto xml = PropertyList::ToPropertyListData(ZK::make_keyed_archive(ourRecord()),
+                                                      kCFPropertyListXMLFormat_v1_0);
     EXPECT_FALSE(isHandled(xml.GetVector()));
     EXPECT_FALSE(isHandled({}));
     EXPECT_FALSE(isHandled({'b', 'p', 'l', 'i', 's', 't', '0', '0'}));
