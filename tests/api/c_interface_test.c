@@ -63,8 +63,8 @@ int main(int argc, char **argv) {
     CFStringRef directory = makeString(argv[1]);
     CFStringRef password = makeString(argv[2]);
     KVBackupContainerClass *backup = KVBackupContainerOpenDirectory(
-        NULL, directory, password, kKVBackupOpenKeepDeviceBoundKeysLocked, &countProgress,
-        &reports, &error);
+        NULL, directory, password, kKVBackupOpenKeepDeviceBoundKeysLocked, &countProgress, &reports,
+        &error);
     CFRelease(password);
     CFRelease(directory);
     CFRelease(temporaryPath);
