@@ -12,6 +12,8 @@ namespace {
 // Writes a zip record by record with Python's zipfile; the script sees `archive`.
 std::string MakeZip(const testing_support::TemporaryDirectory &directory,
                     const std::string &script) {
+    // Records are unpacked there.
+    testing_support::LibraryTemporaryPath();
     const std::string path = (directory / "made.zip").string();
     const auto result = testing_support::RunPython(
         "import sys, zipfile\narchive = zipfile.ZipFile(sys.argv[1], 'w')\n"

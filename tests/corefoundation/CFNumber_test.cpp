@@ -185,7 +185,7 @@ TEST(CFNumber, GivesTheNearestRealForAnInteger) {
     EXPECT_EQ(Get<double>(Integer(1L << 62).get(), kCFNumberFloat64Type),
               (Converted<double>{0x1p62, true}));
     EXPECT_EQ(Get<float>(Integer(16777217).get(), kCFNumberFloat32Type),
-              (Converted<float>{4194304.0F, false}));
+              (Converted<float>{16777216.0F, false}));
 }
 
 TEST(CFNumber, GivesTheNearestFloatForADouble) {
