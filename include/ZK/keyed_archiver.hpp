@@ -104,10 +104,10 @@ class KV_VISIBLE keyed_archiver {
         CF::AutoPointer keep_alive;
     };
     template <class T>
-    std::optional<uid> find(const T &object) const;
+    [[gnu::visibility("hidden")]] std::optional<uid> find(const T &object) const;
     template <class T>
-    void note(const T &object, uid reference);
-    CF::String resolve_key(const CF::String &key, bool escape);
+    [[gnu::visibility("hidden")]] void note(const T &object, uid reference);
+    [[gnu::visibility("hidden")]] CF::String resolve_key(const CF::String &key, bool escape);
 
     CF::Array objects_;
     std::vector<detail::encoding_context> contexts_;

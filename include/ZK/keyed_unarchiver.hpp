@@ -55,15 +55,15 @@ class KV_VISIBLE keyed_unarchiver {
     CF::AutoPointer current() const;
 
   private:
-    class frame;
-    void enter(uid reference);
+    class [[gnu::visibility("hidden")]] frame;
+    [[gnu::visibility("hidden")]] void enter(uid reference);
     template <class T>
-    std::optional<T> decode_current();
+    [[gnu::visibility("hidden")]] std::optional<T> decode_current();
     template <class T>
-    std::optional<T> from_inline_value(CFTypeRef value);
-    std::optional<std::vector<uid>> references_of(CFTypeRef value);
-    void refuse_own_class() const;
-    void charge(std::size_t steps);
+    [[gnu::visibility("hidden")]] std::optional<T> from_inline_value(CFTypeRef value);
+    [[gnu::visibility("hidden")]] std::optional<std::vector<uid>> references_of(CFTypeRef value);
+    [[gnu::visibility("hidden")]] void refuse_own_class() const;
+    [[gnu::visibility("hidden")]] void charge(std::size_t steps);
 
     CF::Array objects_;
     std::vector<uid> stack_;
