@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import signal
@@ -204,11 +205,8 @@ class OnATerminal(ToolTest):
         for _ in range(20):
             terminal.read(0.01)
             for name in ("cmdline", "environ"):
-                try:
-                    shown = (process / name).read_bytes()
-                except (FileNotFoundError, ProcessLookupError):
-                    shown = b""  # it has ended meanwhile
-                self.assertNotIn(PASSWORD.encode(), shown)
+                with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it is done
+                    self.assertNotIn(PASSWORD.encode(), (process / name).read_bytes())
         self.assertEqual(terminal.finish(), DONE)
 
 

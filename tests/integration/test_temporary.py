@@ -106,7 +106,7 @@ class Place(TemporaryTest):
         os.umask(0)
         self.addCleanup(os.umask, 0o022)
         process = self.start("extract", path, *WITH_PASSWORD, "-o", self.output)
-        wait_until(lambda: partial_files(self.output), "a file that is being written", pause=0)
+        wait_until(lambda: partial_files(self.output), "a file that is being written", pause=0.0005)
         process.send_signal(signal.SIGSTOP)
         found = list(below(self.temporary))
         self.assertGreater(len(found), 3)
@@ -135,7 +135,7 @@ class Leftovers(TemporaryTest):
         self.assert_no_leftovers()
 
     def test_of_a_zip_go_with_each_file(self) -> None:
-        path = backup("--zip", "--files", "1000")
+        path = backup("--zip", "--files", "500")
         sizes = [entry["size"] for entry in entries_of(path, "file")]
         largest = max(sizes)
         self.assertGreater(sum(sizes), 10 * largest)
@@ -168,11 +168,11 @@ class Interrupted(TemporaryTest):
         """Long enough to read for a signal to come in between; a sparse file takes no time to make."""
         path = make(self.folder / "large", "--tree", "none", "--size-of-one", "1")
         identifier = entries_of(path, "file")[0]["fileID"]
-        os.truncate(path / identifier[:2] / identifier, 400_000_000)
+        os.truncate(path / identifier[:2] / identifier, 250_000_000)
         return path
 
     def wait_for_partial_file(self) -> None:
-        wait_until(lambda: partial_files(self.output), "a file that is being written", pause=0)
+        wait_until(lambda: partial_files(self.output), "a file that is being written", pause=0.0005)
 
     def test_while_keys_are_derived(self) -> None:
         path = backup("--tree", "small", "--encrypted", *WITH_PASSWORD, *SLOW)
@@ -202,7 +202,7 @@ class Interrupted(TemporaryTest):
     def test_while_a_zip_is_unpacked(self) -> None:
         path = backup("--tree", "none", "--zip", "--size-of-one", "50000000")
         process = self.start("cat", path, "MediaDomain", "Media/big.bin")
-        wait_until(lambda: sum(map(size_of, below(self.temporary))) > 1000000, "a file that is being unpacked", pause=0)
+        wait_until(lambda: sum(map(size_of, below(self.temporary))) > 1000000, "a file that is being unpacked", pause=0.0005)
         self.assert_ends_by(signal.SIGTERM, process)
 
     def test_while_it_waits_for_the_reader(self) -> None:

@@ -27,7 +27,14 @@ class Parser {
         app_.set_version_flag("--version", std::string("kelvane ") + KELVANE_VERSION_STRING);
         app_.require_subcommand(1);
         app_.footer(kFooter);
-        app_.get_formatter()->column_width(34);
+        const auto formatter = app_.get_formatter();
+        formatter->column_width(34);
+        for (const auto &[ours, theirs] :
+             {std::pair("COMMAND", "SUBCOMMAND"), std::pair("Commands", "Subcommands"),
+              std::pair("Arguments", "Positionals"), std::pair("", "TEXT"),
+              std::pair("", "REQUIRED")}) {
+            formatter->label(theirs, ours);
+        }
         addInfo();
         addList();
         addCat();
@@ -64,6 +71,7 @@ class Parser {
 
     CLI::App *addCommand(const char *name, const char *description) {
         CLI::App *command = app_.add_subcommand(name, description);
+        command->group("Commands");
         command->footer(kFooter);
         command->add_option("BACKUP", result_.backup.backup, "Backup directory or zip")->required();
         command
