@@ -48,6 +48,14 @@ bool readFully(ZK::file::readable_file &source, std::span<std::uint8_t> buffer) 
     return true;
 }
 
+std::uint64_t sizeOf(const ZK::file::readable_file &source, const ZK::filesystem::path &path) {
+    try {
+        return source.size();
+    } catch (const boost::system::system_error &exception) {
+        throw Kelvane::MakeFSError(exception, path);
+    }
+}
+
 // All bytes on disk, if they are few enough.
 std::optional<Bytes> readSmallFile(const ZK::filesystem::path &path) {
     boost::system::error_code error;
@@ -55,7 +63,7 @@ std::optional<Bytes> readSmallFile(const ZK::filesystem::path &path) {
     if (error) {
         return std::nullopt;
     }
-    const std::uint64_t size = source.size();
+    const std::uint64_t size = sizeOf(source, path);
     if (size > kMaxWholeFile) {
         return std::nullopt;
     }
@@ -83,8 +91,8 @@ class ContentReader {
     ContentReader(const KVFileClass &file, unsigned long chunkSize)
         : path_(localPath(file)), source_(openLocalFile(path_)) {
         // No more than the file holds: callers may ask for pieces of any size.
-        chunkSize_ =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, source_.size() + 1));
+        chunkSize_ = static_cast<std::size_t>(
+            std::min<std::uint64_t>(chunkSize, sizeOf(source_, path_) + 1));
         if (file.cryptMode != Kelvane::CryptMode::None) {
             cryptStep(CFSTR("Cryptor creation failed: %s"), [&] {
                 cryptor_.emplace(file.cryptOperation, ZK::Encryption::Algorithm::AES256,
