@@ -53,6 +53,10 @@ class Usage(ToolTest):
     def test_of_extract_without_a_directory(self) -> None:
         self.assert_wrong("extract", small())
 
+    def test_of_empty_file_names(self) -> None:
+        for option in ("--temp", "--password-file"):
+            self.assert_wrong("ls", SAMPLES / "plain-3.2", option, "")
+
     def test_of_everything_and_a_domain(self) -> None:
         self.assert_wrong("ls", small(), NOTES, "--all")
 

@@ -58,6 +58,11 @@ class Selection(ToolTest):
                          ["kelvane: The backup has no domain 'NoDomain'"])
         self.assertFalse(self.output.exists())
 
+    def test_of_an_empty_domain_is_not_of_everything(self) -> None:
+        self.assertEqual(self.extract(small(), "", status=FAILED),
+                         ["kelvane: The backup has no domain ''"])
+        self.assertFalse(self.output.exists())
+
 
 class Destination(ToolTest):
     def fill(self, name: str, content: str = "mine") -> Path:

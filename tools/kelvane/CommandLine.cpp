@@ -69,6 +69,11 @@ class Parser {
         }
     }
 
+    // An empty name is a variable of a script that was not set, not a wish for the default.
+    static std::string requireText(const std::string &text) {
+        return text.empty() ? "the name is empty" : std::string();
+    }
+
     CLI::App *addCommand(const char *name, const char *description) {
         CLI::App *command = app_.add_subcommand(name, description);
         command->group("Commands");
@@ -77,18 +82,23 @@ class Parser {
         command
             ->add_option("--password-file", result_.backup.passwordFile,
                          "Read the password from the file's first line; - is standard input")
-            ->type_name("FILE");
+            ->type_name("FILE")
+            ->check(&requireText);
         command
             ->add_option("--temp", result_.backup.temporaryParent,
                          "Keep temporary files below DIR instead of $TMPDIR")
-            ->type_name("DIR");
+            ->type_name("DIR")
+            ->check(&requireText);
         command->add_flag("-v,--verbose", result_.verbosity, "Show the log; -vv shows all of it");
         return command;
     }
 
     void addDomainAndPath(CLI::App *command, std::optional<std::string> &domain,
                           std::string &path) {
-        command->add_option("DOMAIN", domain, "Domain of the backup");
+        // A domain that is given and empty must not read as none, which means all of them.
+        command->add_option_function<std::string>(
+            "DOMAIN", [&domain](const std::string &text) { domain = text; },
+            "Domain of the backup");
         command->add_option("PATH", path, "Path within the domain; \"\" is its root");
     }
 
