@@ -133,7 +133,9 @@ KV_EXPORT void KVBackupContainerSetBaseDirectory(KVBackupContainerClass *contain
  * (many devices write a string). The caller releases it. */
 KV_EXPORT CFNumberRef
 KVBackupContainerCopySystemDomainsVersion(const KVBackupContainerClass *container);
-/* Sets it. A null version is ignored. */
+/* Sets it, in a changed copy of the Manifest dictionary that takes the stored one's place:
+ * what KVBackupContainerGetManifestDict returned before is no longer valid, and a dictionary
+ * that the host had set stays as it is. A null version is ignored. */
 KV_EXPORT void KVBackupContainerSetSystemDomainsVersion(KVBackupContainerClass *container,
                                                         CFNumberRef version);
 
