@@ -192,4 +192,140 @@ KV_EXPORT CFArrayRef KVBackupContainerCopyEntriesContainedInDirectoryAtPath(
 KV_EXPORT CFArrayRef
 KVBackupContainerCopyFilesystemPathsList(const KVBackupContainerClass *container, Boolean flag);
 
+/* ---- Editing ---------------------------------------------------------------- */
+
+/* An edit changes the manifest that the container holds, never the backup that was opened;
+ * an export writes the result out. Every edit is done wholly or not at all. Entries that
+ * were borrowed from the manifest stay valid as long as they are retained or in it; arrays
+ * that were got from it stay as they were. One edit costs the same in a manifest of a
+ * million entries as in a small one, once the first has built the lookup tables.
+ *
+ * No path is checked or brought into another form: "a//b" is the path with an empty
+ * component. Paths and domains must not be null. In an encrypted container every new file
+ * gets a key of its own, at the cost of one pass over its content, and its entry records
+ * the SHA-1 and the size of the content as it will be stored, encrypted. */
+
+/* Adds a copy of an entry, of another container mostly. The given entry is not changed, but
+ * for its content being loaded. Returns the copy, borrowed from the manifest. There is no
+ * check for an entry of the same path or file ID: both are kept, and a lookup by file ID
+ * finds the new one. Null on failure:
+ *   code 6  "A file reference could not be loaded for an entry that represents a file",
+ *           with the cause underneath
+ *   encrypted containers: as KVManifestEntryGenerateFileKey, code 2 among them for an
+ *           entry that has a key already */
+KV_EXPORT KVManifestEntryClass *KVBackupContainerAddEntry(KVBackupContainerClass *container,
+                                                          KVManifestEntryClass *entry,
+                                                          CFErrorRef *error);
+/* Stores the file's content at the path and makes the domain's root and all directories
+ * above the path that are missing. A file or link that is there is replaced, and the new
+ * entry takes over its mode, owner, dates, inode and protection class; the mode of a link
+ * leaves an entry that is no file, so remove a link first. A directory is removed with all
+ * that is below it. The file's content must stay until the backup is written. False on
+ * failure, with the entries unchanged except that the domain's root may have been made:
+ *   code 2  "No file reference": file is null
+ *   code 7  "No valid cache reference available for created file (%s)", cause underneath
+ *   encrypted containers: as KVManifestEntryGenerateFileKey; a key is made for protection
+ *           class 4 alone, so replacing a file of class 1 to 3, as nearly all of a device's
+ *           are, fails with code 2: KVBackupContainerReplaceFileForPath does that */
+KV_EXPORT Boolean KVBackupContainerStoreFileForPath(KVBackupContainerClass *container,
+                                                    CFStringRef domain, CFStringRef relativePath,
+                                                    KVFileClass *file, CFErrorRef *error);
+/* As KVBackupContainerStoreFileForPath, but what it replaces need not be of class 4: the new
+ * content of an encrypted backup gets a fresh key wrapped under the class of the file that it
+ * replaces. A link is removed first, so that a plain file of class 4 takes its place.
+ * Extended attributes are kept too. False on failure, with the entries unchanged:
+ *   code 2  "No file reference"; "File ID (%@) belongs to another entry (%@)" when the entry
+ *           of another path was given the file ID of this one, which only a forged manifest
+ *           holds
+ *   code 7  as above
+ *   code 18 "Failed to generate a file key for entry", cause underneath: among others
+ *           "Missing key class %u" when the class key stays locked */
+KV_EXPORT Boolean KVBackupContainerReplaceFileForPath(KVBackupContainerClass *container,
+                                                      CFStringRef domain, CFStringRef relativePath,
+                                                      KVFileClass *file, CFErrorRef *error);
+/* The directory entry at the path, borrowed: the one that is there, or a new one (mode
+ * 040755). The domain's root is made when it is missing, directories between it and the
+ * path are not. Null when something that is no directory is in the way. */
+KV_EXPORT KVManifestEntryClass *
+KVBackupContainerCreateDirectoryAtPath(KVBackupContainerClass *container, CFStringRef domain,
+                                       CFStringRef path);
+/* Removes the file or link at the path, or the directory with all that is below it; the
+ * empty path stands for the whole domain. True when it is gone, also when nothing was
+ * there. */
+KV_EXPORT Boolean KVBackupContainerRemovePath(KVBackupContainerClass *container, CFStringRef domain,
+                                              CFStringRef path);
+/* Makes a symbolic link, or replaces one, and the domain's root when it is missing. The
+ * target is kept as it is given. Returns the entry, borrowed, or null, with nothing
+ * changed, when something that is no link is in the way. */
+KV_EXPORT KVManifestEntryClass *
+KVBackupContainerCreateSymlinkAtPath(KVBackupContainerClass *container, CFStringRef domain,
+                                     CFStringRef path, CFStringRef target);
+
+/* ---- Export ------------------------------------------------------------------ */
+
+/* Writes the backup out: stored files under their stored names, the manifest, the three
+ * metadata files (as XML). Nothing may exist at the target. The container is not changed
+ * and must not be edited meanwhile. A stored name that is held twice is written once. A
+ * name that could lead out of the target is never written, and no link below the target is
+ * followed. What is made is private to the user: files 0600, directories 0700.
+ *
+ * A file that cannot be loaded or written is logged and skipped, with no partial file left
+ * behind. Progress is reported on the calling thread: 0.0 first; then, from a thousandth of
+ * the manifest's total size on, after every file the number of bytes written divided by
+ * that size, which passes 1.0 (the metadata count too) and is infinite for a size of 0. */
+
+/* What an export has done beyond its result. */
+typedef struct KVBackupExportReport {
+    /* One CFErrorRef for each stored name that was not written, in their order; or the one
+     * that ended the export. The caller releases the array. Never null once filled.
+     *   code 8   "File %@ could not be loaded for writing to ..."
+     *   code 14  "File %@ could not be written", "File %@ could not be written in zip",
+     *            "File already exists at path %@"
+     *   code 3   "Failed to create containing directory %@ - %s (%d)"
+     *   code 9   "The archive could not be completed (%d)" */
+    CFArrayRef errors;
+    /* True when the manifest and all three metadata files were written: without them the
+     * result is no backup. */
+    Boolean metadataWritten;
+} KVBackupExportReport;
+
+/* Called with the fraction written. */
+typedef void (*KVBackupExportProgressCallBack)(double fraction, void *context);
+
+/* Export to a new directory, or to a new zip, and tell what was skipped: look at the report,
+ * for the result is true when the export ran to its end, whatever it had to skip. A manifest
+ * database may be of any size, it is not held in memory. Zip64 records are used where a file
+ * of 4 GiB or more, or the number of files, needs them. progress may be null, context is
+ * handed to it; report may be null. False, with one error in the report, when
+ * something exists at the target, a directory cannot be made, or a zip cannot be completed
+ * (it is removed then). */
+KV_EXPORT Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
+                                                  CFStringRef directoryPath,
+                                                  KVBackupExportProgressCallBack progress,
+                                                  void *context, KVBackupExportReport *report);
+KV_EXPORT Boolean KVBackupContainerWriteZipFile(KVBackupContainerClass *container,
+                                                CFStringRef zipPath,
+                                                KVBackupExportProgressCallBack progress,
+                                                void *context, KVBackupExportReport *report);
+
+#ifdef __cplusplus
+/* The same with a callable for progress; an empty one means no reports. */
+KV_EXPORT bool KVBackupContainerExportToDirectoryWithReport(KVBackupContainerClass *container,
+                                                            CFStringRef directoryPath,
+                                                            std::function<void(double)> progress,
+                                                            KVBackupExportReport *report);
+KV_EXPORT bool KVBackupContainerExportToZipWithReport(KVBackupContainerClass *container,
+                                                      CFStringRef zipPath,
+                                                      std::function<void(double)> progress,
+                                                      KVBackupExportReport *report);
+/* Without a report: what was skipped stands in the log alone. A manifest database of more
+ * than 100 MiB is skipped, and a zip is written in plain records, so that a file of 4 GiB or
+ * more is skipped as well. True even when the zip could not be created or completed. */
+KV_EXPORT bool KVBackupContainerExportToDirectory(KVBackupContainerClass *container,
+                                                  CFStringRef directoryPath,
+                                                  std::function<void(double)> progress);
+KV_EXPORT bool KVBackupContainerExportToZip(KVBackupContainerClass *container, CFStringRef zipPath,
+                                            std::function<void(double)> progress);
+#endif
+
 #endif

@@ -91,6 +91,22 @@ KV_EXPORT CFArrayRef KVManifestCopyEntriesAtPath(KVManifestClass *manifest, CFSt
 KV_EXPORT KVManifestEntryClass *
 KVManifestGetEntryMatchingPath(KVManifestClass *manifest, CFStringRef domain, CFStringRef path);
 
+/* ---- Dump ------------------------------------------------------------------ */
+
+/* The rows of the Manifest.db at the path as one CSV text, for inspection: a header line,
+ * then a line for each row of its table Files, sorted by file ID. Lines are joined with "\n"
+ * and the last has none. Each field stands in double quotes, a double quote inside is
+ * doubled, and nothing else is escaped (RFC 4180), so that a value with a line break spans
+ * lines. What a row's record does not have is an empty field; digests and keys are base64.
+ *
+ * The file is read through a private copy under the temporary path. The caller releases the
+ * text. Null with code 11 "Failed to parse records from manifest database" over the cause:
+ * code 3 when the copy could not be made, code 13 for what SQLite reports, code 24 for a row
+ * without a valid record ("Missing or invalid MBFile structure"), placeholder rows among
+ * them: one such row fails the whole dump. */
+KV_EXPORT CFStringRef KVManifestDBCopyCSVRepresentation(CFStringRef databasePath,
+                                                        CFErrorRef *error);
+
 #ifdef __cplusplus
 
 /* ---- Copying, reading and writing ----------------------------------------- */
