@@ -3,6 +3,7 @@
 #include "Kelvane/Error.hpp"
 #include "Kelvane/SharedState.hpp"
 #include "manifest/DatabaseGuard.hpp"
+#include "manifest/ManifestDatabaseFile.hpp"
 #include "manifest/ManifestRowWriter.hpp"
 #include "manifest/ManifestRows.hpp"
 #include "support/cf/UUID.hpp"
@@ -108,14 +109,22 @@ ManifestDB::ManifestDB(CF::String path) : localPath_(NewWorkingPath()) {
     if (path) {
         CopyDatabase(path, localPath_);
     }
-    database_ = OpenDatabase(localPath_, !path);
-    userVersion_ = QueryUserVersion(*database_);
+    try {
+        database_ = OpenDatabase(localPath_, !path);
+        userVersion_ = QueryUserVersion(*database_);
+    } catch (...) {
+        Close();
+        RemoveManifestDatabaseFile(localPath_);
+        throw;
+    }
 }
 
 ManifestDB::ManifestDB(int version) : ManifestDB(CF::String()) {
     try {
         CreateSchema(*database_, version);
     } catch (const SQLite::Exception &exception) {
+        Close();
+        RemoveManifestDatabaseFile(localPath_);
         throw Error(kKVErrorDatabase, nullptr, CFSTR("Failed to prepare new database (%s) -- %s"),
                     localPath_.c_str(), exception.what());
     }

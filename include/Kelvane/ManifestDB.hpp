@@ -31,9 +31,9 @@ class Database;
 namespace Kelvane {
 
 // Owns one database file, mode 0600, in a private directory under the temporary path.
-// The file outlives the object. A database that came from outside is never opened in
-// place, and is read with everything switched off that lets a schema run code: views,
-// triggers, virtual tables, extensions.
+// The file outlives the object, but not a constructor that fails. A database that came from
+// outside is never opened in place, and is read with everything switched off that lets a
+// schema run code: views, triggers, virtual tables, extensions.
 //
 // Failures are thrown as CF::Error: code 2 for misuse, 3 when the working copy cannot be
 // made, 13 with SQLite's own message when SQLite fails. The constructors also throw

@@ -1,0 +1,110 @@
+#include "manifest/ManifestDatabaseFile.hpp"
+
+#include "KVManifestEntry.h"
+#include "Kelvane/Error.hpp"
+#include "Kelvane/ManifestDB.hpp"
+#include "manifest/KVManifestClass.hpp"
+#include "manifest/ManifestRowWriter.hpp"
+#include "manifest/ManifestVersion.hpp"
+#include "support/cf/Data.hpp"
+#include "support/cf/Number.hpp"
+
+#include <boost/filesystem/operations.hpp>
+
+namespace Kelvane {
+
+namespace {
+
+// What devices write, whichever manifest version the backup says.
+constexpr int kWrittenUserVersion = 2;
+
+ManifestDB NewDatabase() {
+    try {
+        return ManifestDB(kWrittenUserVersion);
+    } catch (const CF::Error &cause) {
+        throw Error(kKVErrorUnknown, cause, "Database initialization failed");
+    }
+}
+
+// Entries without a record are left out and returned.
+CF::Array AddEntries(KVManifestClass *manifest, ManifestRowWriter &writer) {
+    const CF::Array entries = CopySortedEntries(manifest);
+    const auto failed = CF::Array::Mutable();
+    for (CFIndex i = 0; i < entries.GetCount(); ++i) {
+        const auto *const entry = static_cast<const KVManifestEntryClass *>(entries.GetAt(i));
+        const auto record = CF::Data::Adopt(KVManifestEntryCreateMBFileDataRepresentation(entry));
+        if (record) {
+            writer.Add(KVManifestEntryGetFileID(entry), KVManifestEntryGetDomain(entry),
+                       KVManifestEntryGetPath(entry), KVManifestEntryGetFileType(entry),
+                       record.get());
+        } else {
+            failed.Append(entry);
+        }
+    }
+    return failed;
+}
+
+void AddPlaceholders(KVManifestClass *manifest, ManifestRowWriter &writer) {
+    manifest->placeholderFileIDs.ForEach([&](CFTypeRef fileID, CFTypeRef flags) {
+        int value = 0;
+        CFNumberGetValue(static_cast<CFNumberRef>(flags), kCFNumberIntType, &value);
+        writer.Add(static_cast<CFStringRef>(fileID), nullptr, nullptr, value, nullptr);
+    });
+}
+
+void FillDatabase(KVManifestClass *manifest, ManifestDB &database) {
+    ManifestRowWriter writer(database);
+    writer.Begin();
+    const CF::Array failed = AddEntries(manifest, writer);
+    AddPlaceholders(manifest, writer);
+    if (failed.GetCount() > 0) {
+        throw Error(kKVErrorUnknown, nullptr, CFSTR("Failed to serialize entries %@"),
+                    failed.get());
+    }
+    writer.Commit();
+}
+
+// What SQLite keeps beside a database while it is in use.
+constexpr const char *kCompanionSuffixes[] = {"-wal", "-shm", "-journal"};
+
+void RemoveFile(const std::string &path) noexcept {
+    boost::system::error_code ignored;
+    boost::filesystem::remove(path, ignored);
+}
+
+void RemoveCompanions(const std::string &path) {
+    for (const char *const suffix : kCompanionSuffixes) {
+        RemoveFile(path + suffix);
+    }
+}
+
+// Closes the database first: SQLite would write to what is removed under it.
+void Discard(ManifestDB &database) {
+    database.Close();
+    RemoveManifestDatabaseFile(database.GetLocalPath().GetUTF8());
+}
+
+} // namespace
+
+std::string WriteManifestDatabaseFile(KVManifestClass *manifest, KVManifestDataVersion version) {
+    RequireDatabaseVersion(version);
+    ManifestDB database = NewDatabase();
+    try {
+        FillDatabase(manifest, database);
+    } catch (...) {
+        Discard(database);
+        throw;
+    }
+    database.Close();
+    const std::string path = database.GetLocalPath().GetUTF8();
+    // All rows are in the database itself by now, so an empty log is all that can be left.
+    RemoveCompanions(path);
+    return path;
+}
+
+void RemoveManifestDatabaseFile(const std::string &path) noexcept {
+    RemoveFile(path);
+    RemoveCompanions(path);
+}
+
+} // namespace Kelvane
