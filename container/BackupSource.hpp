@@ -5,12 +5,25 @@
 #include "support/cf/Pointer.hpp"
 #include "support/cf/String.hpp"
 
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <string_view>
 
 namespace Kelvane {
 
 // An owned file reference.
 using FileRef = CF::Pointer<KVFileClass *>;
+
+// A file that lies in a source; see KVBackupSourceFile.
+struct SourceFile {
+    CF::String name;
+    std::uint64_t size = 0;
+    bool isRegular = true;
+};
+
+// Receives one file; false ends the listing.
+using SourceFileConsumer = std::function<bool(const SourceFile &file)>;
 
 class BackupSource {
   public:
@@ -22,6 +35,9 @@ class BackupSource {
     // "Unsafe stored file name (%@)" for a name that could lead out of the backup, and
     // what the kind of source reports.
     FileRef Load(const CF::String &name) const;
+    // Hands every file of the source to the consumer, in no particular order. Throws CF::Error:
+    // code 3 for a directory that cannot be read, code 9 for a zip.
+    virtual void ListFiles(const SourceFileConsumer &consumer) const = 0;
     // A source of its own over the same backup, for a copy of the container.
     virtual std::shared_ptr<BackupSource> Reopen() const = 0;
 
@@ -30,6 +46,9 @@ class BackupSource {
     // The name is safe.
     virtual FileRef LoadNamed(const CF::String &name) const = 0;
 };
+
+// A name as the file system or a zip has it. What is not UTF-8 reads as ISO 8859-1.
+CF::String SourceFileName(std::string_view bytes);
 
 // Files are referenced in place. A missing one is code 16.
 std::shared_ptr<BackupSource> OpenDirectorySource(const CF::String &directory);

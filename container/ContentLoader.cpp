@@ -6,12 +6,16 @@
 
 namespace Kelvane {
 
-FileRef ContentLoader::LoadStoredFile(const CF::String &storedName) const {
+const BackupSource &ContentLoader::Source() const {
     if (source == nullptr) {
         throw Error(kKVErrorInvalidArgument, nullptr,
                     CFSTR("No data source type set for backup container"));
     }
-    return source->Load(storedName);
+    return *source;
+}
+
+FileRef ContentLoader::LoadStoredFile(const CF::String &storedName) const {
+    return Source().Load(storedName);
 }
 
 FileRef ContentLoader::LoadFileID(const CF::String &fileID) const {

@@ -1,4 +1,5 @@
 #include "container/BackupSource.hpp"
+#include "container/DirectoryWalk.hpp"
 #include "foundation/Boundary.hpp"
 
 namespace Kelvane {
@@ -8,6 +9,10 @@ namespace {
 class DirectorySource : public BackupSource {
   public:
     explicit DirectorySource(CF::String directory) : directory_(std::move(directory)) {}
+
+    void ListFiles(const SourceFileConsumer &consumer) const override {
+        WalkDirectory(directory_.GetUTF8(), consumer);
+    }
 
     std::shared_ptr<BackupSource> Reopen() const override {
         return OpenDirectorySource(directory_);

@@ -25,8 +25,9 @@ struct ContentLoader {
     std::shared_ptr<BackupSource> source;
     KVManifestDataVersion version = kKVManifestDataVersionNone;
 
-    // The stored file of that name. Throws code 2 "No data source type set for backup
-    // container" without a source.
+    // Throws code 2 "No data source type set for backup container" without a source.
+    const BackupSource &Source() const;
+    // The stored file of that name. Throws what Source and BackupSource::Load do.
     FileRef LoadStoredFile(const CF::String &storedName) const;
     // The stored content of a file ID. Throws code 8 "Failed to load file (%@)".
     FileRef LoadFileID(const CF::String &fileID) const;

@@ -58,6 +58,17 @@ class ZipSource : public BackupSource {
     ZipSource(CF::String path, unzFile archive) : path_(std::move(path)), archive_(archive) {}
     ~ZipSource() override { unzClose(archive_); }
 
+    void ListFiles(const SourceFileConsumer &consumer) const override {
+        const int status = forEachRecord([&](const std::string &name, const auto &info) {
+            // Zips of directories mostly hold records for the directories too.
+            return (name.ends_with('/') && info.uncompressed_size == 0) ||
+                   consumer({SourceFileName(name), info.uncompressed_size, true});
+        });
+        if (status != UNZ_END_OF_LIST_OF_FILE && status != UNZ_OK) {
+            throwZipError(kKVErrorArchive, status, CFSTR("Failed to read file metadata"));
+        }
+    }
+
     std::shared_ptr<BackupSource> Reopen() const override { return OpenZipSource(path_); }
 
   protected:
@@ -138,21 +149,36 @@ class ZipSource : public BackupSource {
         }
     }
 
+    // Calls the visitor with each record's name and information while it is the current one,
+    // until it returns false. Returns minizip's status: UNZ_END_OF_LIST_OF_FILE after the last.
+    template <class Visitor>
+    int forEachRecord(Visitor visit) const {
+        std::string buffer(kNameBufferSize, '\0');
+        errno = 0;
+        int status = unzGoToFirstFile(archive_);
+        while (status == UNZ_OK) {
+            unz_file_info64 info;
+            status = unzGetCurrentFileInfo64(archive_, &info, buffer.data(), buffer.size(), nullptr,
+                                             0, nullptr, 0);
+            if (status != UNZ_OK || !visit(std::string(buffer.data(), info.size_filename), info)) {
+                break;
+            }
+            status = unzGoToNextFile(archive_);
+        }
+        return status;
+    }
+
     // One walk over the directory, since a search by name walks it for every file. Of two
     // records with one name the first counts, as in a search.
     void buildIndex() const {
-        std::string name(kNameBufferSize, '\0');
-        for (int status = unzGoToFirstFile(archive_); status == UNZ_OK;
-             status = unzGoToNextFile(archive_)) {
-            unz_file_info64 info;
+        forEachRecord([this](const std::string &name, const auto &) {
             unz64_file_pos position;
-            if (unzGetCurrentFileInfo64(archive_, &info, name.data(), name.size(), nullptr, 0,
-                                        nullptr, 0) != UNZ_OK ||
-                unzGetFilePos64(archive_, &position) != UNZ_OK) {
-                break;
+            const bool known = unzGetFilePos64(archive_, &position) == UNZ_OK;
+            if (known) {
+                positions_.emplace(name, position);
             }
-            positions_.emplace(std::string(name.data(), info.size_filename), position);
-        }
+            return known;
+        });
         indexed_ = true;
     }
 

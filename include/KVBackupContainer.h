@@ -192,6 +192,44 @@ KV_EXPORT CFArrayRef KVBackupContainerCopyEntriesContainedInDirectoryAtPath(
 KV_EXPORT CFArrayRef
 KVBackupContainerCopyFilesystemPathsList(const KVBackupContainerClass *container, Boolean flag);
 
+/* ---- The source --------------------------------------------------------------- */
+
+/* One file of those that the opened backup consists of. */
+typedef struct KVBackupSourceFile {
+    /* The name relative to the backup's root, with "/" between components; borrowed for the
+     * call. A name that is not UTF-8 is read as ISO 8859-1. */
+    CFStringRef name;
+    /* In bytes, as the directory or the zip says. */
+    int64_t size;
+    /* False for what is no file: a link, which is not followed, a FIFO, socket or device; and
+     * for a directory 16 levels below the root, which is not looked into. */
+    Boolean isRegularFile;
+} KVBackupSourceFile;
+
+/* Receives one file; false ends the listing. */
+typedef Boolean (*KVBackupSourceFileCallBack)(const KVBackupSourceFile *file, void *context);
+
+/* Lists what lies in the directory or zip that the backup was opened from, whether the
+ * manifest names it or not: metadata and manifest too, directories not, in no particular
+ * order. A zip may hold several records of one name, of which the first is read; each is
+ * listed. Nothing is kept in memory. context is handed to the callback, which must not be
+ * null. True when all was listed or the callback ended it. False on failure:
+ *   code 2  "No data source type set for backup container"
+ *   code 3  "A directory of the backup could not be read (PATH)", POSIX error underneath
+ *   code 9  "Failed to read file metadata", zip error underneath */
+KV_EXPORT Boolean KVBackupContainerListSourceFiles(const KVBackupContainerClass *container,
+                                                   KVBackupSourceFileCallBack callback,
+                                                   void *context, CFErrorRef *error);
+
+/* The manifest as it lies in the directory or zip, Manifest.mbdb or Manifest.db by the
+ * backup's version, in readable form: that of an encrypted backup is decrypted on reading,
+ * while its local path names the stored bytes. Edits do not show in it. The caller releases
+ * it. Null on failure: code 2 "No data source type set for backup container"; what
+ * KVFileCreateFromFileAtPath reports, or for a zip code 9 or 10; code 18 when it does not
+ * decrypt. */
+KV_EXPORT KVFileClass *KVBackupContainerCopySourceManifest(const KVBackupContainerClass *container,
+                                                           CFErrorRef *error);
+
 /* ---- Editing ---------------------------------------------------------------- */
 
 /* An edit changes the manifest that the container holds, never the backup that was opened;
