@@ -1,6 +1,7 @@
 // The keys of single files: between manifest entries and the keys of the backup.
+#include "crypto/EntryKeys.hpp"
+
 #include "KVFile.h"
-#include "KVManifestEntry.h"
 #include "Kelvane/Error.hpp"
 #include "MB/ManifestEncryption.hpp"
 #include "foundation/Boundary.hpp"
@@ -23,12 +24,15 @@ void report(CFErrorRef *error, KVError code, const CF::Error &cause, CFStringRef
     }
 }
 
-void requireFileWithoutKey(const KVManifestEntryClass &entry) {
+void requireFile(const KVManifestEntryClass &entry) {
     if (!KVManifestEntryIsFile(&entry) || !entry.file) {
         throw Kelvane::Error(kKVErrorInvalidArgument, nullptr,
                              CFSTR("Impossible to generate a file key for an entry that doesn't "
                                    "represent a file"));
     }
+}
+
+void requireNoKey(const KVManifestEntryClass &entry) {
     // Only entries as they are made for new files get keys; a key of another class would
     // have to replace one that the content may already be encrypted with.
     if (entry.protectionClass != kEntryProtectionClassNone ||
@@ -77,6 +81,18 @@ void giveKey(const KVManifestEntryClass &entry, const MB::ManifestEncryption &en
 
 } // namespace
 
+void Kelvane::RenewFileKey(const KVManifestEntryClass &entry,
+                           const MB::ManifestEncryption &encryption) {
+    requireFile(entry);
+    FileKey key = randomKey();
+    const ZK::WipeOnExit wipeKey(key);
+    try {
+        giveKey(entry, encryption, key);
+    } catch (const CF::Error &cause) {
+        throw Error(kKVErrorCrypto, cause, CFSTR("Failed to generate a file key for entry"));
+    }
+}
+
 std::optional<std::array<uint8_t, 32>>
 KVManifestEntryGetUnlockedFileKey(const KVManifestEntryClass *entry,
                                   const MB::ManifestEncryption &encryption, CFErrorRef *error) {
@@ -100,15 +116,9 @@ KVManifestEntryGetUnlockedFileKey(const KVManifestEntryClass *entry,
 bool KVManifestEntryGenerateFileKey(const KVManifestEntryClass *entry,
                                     const MB::ManifestEncryption &encryption, CFErrorRef *error) {
     return Kelvane::AtBoundary(error, false, [&] {
-        requireFileWithoutKey(*entry);
-        FileKey key = randomKey();
-        const ZK::WipeOnExit wipeKey(key);
-        try {
-            giveKey(*entry, encryption, key);
-        } catch (const CF::Error &cause) {
-            throw Kelvane::Error(kKVErrorCrypto, cause,
-                                 CFSTR("Failed to generate a file key for entry"));
-        }
+        requireFile(*entry);
+        requireNoKey(*entry);
+        Kelvane::RenewFileKey(*entry, encryption);
         return true;
     });
 }

@@ -246,7 +246,10 @@ KV_EXPORT KVFileClass *KVBackupContainerCopySourceManifest(const KVBackupContain
 /* Adds a copy of an entry, of another container mostly. The given entry is not changed, but
  * for its content being loaded. Returns the copy, borrowed from the manifest. There is no
  * check for an entry of the same path or file ID: both are kept, and a lookup by file ID
- * finds the new one. Null on failure:
+ * finds the new one. The content is what KVManifestEntryGetFile gives, which for an entry of
+ * another encrypted backup is ciphertext that this container has no key for: carry such a
+ * file over with KVBackupContainerCopyFileForPath and KVBackupContainerStoreFileForPath.
+ * Null on failure:
  *   code 6  "A file reference could not be loaded for an entry that represents a file",
  *           with the cause underneath
  *   encrypted containers: as KVManifestEntryGenerateFileKey, code 2 among them for an
@@ -258,9 +261,12 @@ KV_EXPORT KVManifestEntryClass *KVBackupContainerAddEntry(KVBackupContainerClass
  * above the path that are missing. A file or link that is there is replaced, and the new
  * entry takes over its mode, owner, dates, inode and protection class; the mode of a link
  * leaves an entry that is no file, so remove a link first. A directory is removed with all
- * that is below it. The file's content must stay until the backup is written. False on
- * failure, with the entries unchanged except that the domain's root may have been made:
- *   code 2  "No file reference": file is null
+ * that is below it. The file's content must stay until the backup is written; of one that
+ * decrypts or encrypts while it is read, what it delivers is stored, in a copy. False on
+ * failure, with the entries unchanged:
+ *   code 2  "No file reference": file is null; "File ID (%@) belongs to another entry (%@)":
+ *           the manifest gives the file ID of this path to another one, which only a forged
+ *           manifest does
  *   code 7  "No valid cache reference available for created file (%s)", cause underneath
  *   encrypted containers: as KVManifestEntryGenerateFileKey; a key is made for protection
  *           class 4 alone, so replacing a file of class 1 to 3, as nearly all of a device's
@@ -272,10 +278,7 @@ KV_EXPORT Boolean KVBackupContainerStoreFileForPath(KVBackupContainerClass *cont
  * content of an encrypted backup gets a fresh key wrapped under the class of the file that it
  * replaces. A link is removed first, so that a plain file of class 4 takes its place.
  * Extended attributes are kept too. False on failure, with the entries unchanged:
- *   code 2  "No file reference"; "File ID (%@) belongs to another entry (%@)" when the entry
- *           of another path was given the file ID of this one, which only a forged manifest
- *           holds
- *   code 7  as above
+ *   codes 2 and 7 as above
  *   code 18 "Failed to generate a file key for entry", cause underneath: among others
  *           "Missing key class %u" when the class key stays locked */
 KV_EXPORT Boolean KVBackupContainerReplaceFileForPath(KVBackupContainerClass *container,
@@ -283,7 +286,8 @@ KV_EXPORT Boolean KVBackupContainerReplaceFileForPath(KVBackupContainerClass *co
                                                       KVFileClass *file, CFErrorRef *error);
 /* The directory entry at the path, borrowed: the one that is there, or a new one (mode
  * 040755). The domain's root is made when it is missing, directories between it and the
- * path are not. Null when something that is no directory is in the way. */
+ * path are not. Null, with nothing changed, when something that is no directory is in the
+ * way, or another entry has the file ID of the path. */
 KV_EXPORT KVManifestEntryClass *
 KVBackupContainerCreateDirectoryAtPath(KVBackupContainerClass *container, CFStringRef domain,
                                        CFStringRef path);
@@ -294,7 +298,8 @@ KV_EXPORT Boolean KVBackupContainerRemovePath(KVBackupContainerClass *container,
                                               CFStringRef path);
 /* Makes a symbolic link, or replaces one, and the domain's root when it is missing. The
  * target is kept as it is given. Returns the entry, borrowed, or null, with nothing
- * changed, when something that is no link is in the way. */
+ * changed, when something that is no link is in the way, or another entry has the file ID
+ * of the path. */
 KV_EXPORT KVManifestEntryClass *
 KVBackupContainerCreateSymlinkAtPath(KVBackupContainerClass *container, CFStringRef domain,
                                      CFStringRef path, CFStringRef target);
