@@ -39,6 +39,7 @@ class Parser {
         addList();
         addCat();
         addExtract();
+        addVerify();
     }
 
     CommandLine Parse(int argc, char **argv) {
@@ -139,12 +140,20 @@ class Parser {
         command->callback([this] { result_.command = extract_; });
     }
 
+    void addVerify() {
+        CLI::App *command = addCommand("verify", "Read every file and say what is wrong");
+        command->add_flag("--json", verify_.json,
+                          "One JSON object a line: the problems, and last a summary");
+        command->callback([this] { result_.command = verify_; });
+    }
+
     CLI::App app_{"Lists backups of iOS devices and copies files out of them.", "kelvane"};
     CommandLine result_;
     InfoOptions info_;
     ListOptions list_;
     CatOptions cat_;
     ExtractOptions extract_;
+    VerifyOptions verify_;
 };
 
 } // namespace

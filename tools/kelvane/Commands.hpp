@@ -39,4 +39,9 @@ struct ExtractOptions {
 int RunExtract(const Container &container, const TemporaryArea &area,
                const ExtractOptions &options);
 
+struct VerifyOptions {
+    bool json = false;
+};
+int RunVerify(const Container &container, const TemporaryArea &area, const VerifyOptions &options);
+
 } // namespace tool

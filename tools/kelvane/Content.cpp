@@ -52,10 +52,10 @@ bool isHashOf(const FileReference &file, std::span<const std::uint8_t> digest) {
 
 } // namespace
 
-Content::Unpacked::Unpacked(const TemporaryArea &area, const FileReference &file)
-    : path_(CF::String::GetUTF8(KVFileGetLocalPath(file.get()))), ours_(area.Contains(path_)) {}
+UnpackedFile::UnpackedFile(const TemporaryArea &area, const FileReference &stored)
+    : path_(CF::String::GetUTF8(KVFileGetLocalPath(stored.get()))), ours_(area.Contains(path_)) {}
 
-Content::Unpacked::~Unpacked() {
+UnpackedFile::~UnpackedFile() {
     if (ours_) {
         unlink(path_.c_str());
     }

@@ -17,8 +17,23 @@ namespace tool {
 
 using FileReference = CF::Pointer<KVFileClass *>;
 
-// A file of the backup, to be read as plaintext. What the library unpacks for it from a zip is
-// removed with the object: kept, it would fill the temporary directory with the whole backup.
+// Removes what the library unpacked for a file from a zip: kept, it would fill the temporary
+// directory with the whole backup.
+class UnpackedFile {
+  public:
+    // The area must outlive the object.
+    UnpackedFile(const TemporaryArea &area, const FileReference &stored);
+    UnpackedFile(const UnpackedFile &) = delete;
+    UnpackedFile &operator=(const UnpackedFile &) = delete;
+    ~UnpackedFile();
+
+  private:
+    std::string path_;
+    bool ours_;
+};
+
+// A file of the backup, to be read as plaintext. What was unpacked for it is removed with the
+// object.
 class Content {
   public:
     // Throws Failure. The entry and the area must outlive the object.
@@ -31,24 +46,12 @@ class Content {
     std::string Deviation() const;
 
   private:
-    class Unpacked {
-      public:
-        Unpacked(const TemporaryArea &area, const FileReference &file);
-        Unpacked(const Unpacked &) = delete;
-        Unpacked &operator=(const Unpacked &) = delete;
-        ~Unpacked();
-
-      private:
-        std::string path_;
-        bool ours_;
-    };
-
     bool hasDigest(const CF::Data &digest) const;
     bool hasSize(std::int64_t size) const;
 
     Entry *entry_;
     FileReference stored_;
-    Unpacked unpacked_;
+    UnpackedFile unpacked_;
     FileReference plain_;
 };
 

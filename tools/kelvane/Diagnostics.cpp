@@ -58,22 +58,10 @@ void printLine(const std::string &prefix, std::string_view text) {
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-void printCauses(CF::Error cause) {
-    for (int i = 0; cause && i < kMaxCauses; ++i) {
-        printLine("  caused by: ", describe(cause));
-        cause = cause.GetUnderlying();
+void printCauses(const CF::Error &cause) {
+    for (const std::string &line : DescribeChain(cause)) {
+        printLine("  caused by: ", line);
     }
-}
-
-template <class Predicate>
-bool anyInChain(CF::Error error, Predicate matches) {
-    for (int i = 0; error && i <= kMaxCauses; ++i) {
-        if (CFEqual(error.GetDomain(), kKVErrorDomain) && matches(error.GetCode())) {
-            return true;
-        }
-        error = error.GetUnderlying();
-    }
-    return false;
 }
 
 void logToStandardError(CFStringRef, int, CFStringRef text, CFErrorRef error, void *) {
@@ -104,6 +92,25 @@ Failure Failure::WithStatus(int status) && {
     return std::move(*this);
 }
 
+std::vector<std::string> DescribeChain(CF::Error error) {
+    std::vector<std::string> lines;
+    for (int i = 0; error && i < kMaxCauses; ++i) {
+        lines.push_back(describe(error));
+        error = error.GetUnderlying();
+    }
+    return lines;
+}
+
+CF::Error FindCode(CF::Error error, CFIndex code) {
+    for (int i = 0; error && i <= kMaxCauses; ++i) {
+        if (CFEqual(error.GetDomain(), kKVErrorDomain) && error.GetCode() == code) {
+            return error;
+        }
+        error = error.GetUnderlying();
+    }
+    return {};
+}
+
 CF::Error SystemError() {
     return CF::Error::Adopt(
         CFErrorCreate(kCFAllocatorDefault, kCFErrorDomainPOSIX, errno, nullptr));
@@ -114,14 +121,12 @@ void SetBeforeMessage(std::function<void()> call) { beforeMessage() = std::move(
 void PrintMessage(std::string_view message) { printLine("kelvane: ", message); }
 
 bool IsPasswordError(const CF::Error &error) {
-    return anyInChain(error, [](CFIndex code) {
-        return code == kKVErrorPasswordRequired || code == kKVErrorIncorrectPassword ||
-               code == kKVErrorNotEncrypted;
-    });
+    return FindCode(error, kKVErrorPasswordRequired) ||
+           FindCode(error, kKVErrorIncorrectPassword) || FindCode(error, kKVErrorNotEncrypted);
 }
 
 bool IsPasswordRequired(const CF::Error &error) {
-    return anyInChain(error, [](CFIndex code) { return code == kKVErrorPasswordRequired; });
+    return static_cast<bool>(FindCode(error, kKVErrorPasswordRequired));
 }
 
 void ShowLog(int verbosity) {

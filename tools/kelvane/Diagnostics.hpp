@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tool {
 
@@ -35,6 +36,12 @@ class Failure {
     CF::Error error_;
     int status_ = kFailed;
 };
+
+// A line for the error and for each one underneath: "DESCRIPTION: REASON (code N)".
+std::vector<std::string> DescribeChain(CF::Error error);
+
+// The first error of the library with that code, from the given one downwards; else null.
+CF::Error FindCode(CF::Error error, CFIndex code);
 
 // The error that errno names; call it before anything can change errno.
 CF::Error SystemError();

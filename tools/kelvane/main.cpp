@@ -14,15 +14,19 @@ namespace tool {
 namespace {
 
 struct RunCommand {
-    const Container &container;
+    const BackupOptions &backup;
     const TemporaryArea &area;
 
-    int operator()(const InfoOptions &options) const { return RunInfo(container, options); }
-    int operator()(const ListOptions &options) const { return RunList(container, options); }
-    int operator()(const CatOptions &options) const { return RunCat(container, area, options); }
+    int operator()(const InfoOptions &options) const { return RunInfo(open(), options); }
+    int operator()(const ListOptions &options) const { return RunList(open(), options); }
+    int operator()(const CatOptions &options) const { return RunCat(open(), area, options); }
     int operator()(const ExtractOptions &options) const {
-        return RunExtract(container, area, options);
+        return RunExtract(open(), area, options);
     }
+    int operator()(const VerifyOptions &options) const { return RunVerify(open(), area, options); }
+
+  private:
+    Container open() const { return OpenBackup(backup); }
 };
 
 // Shows what the library printed however the command ends.
@@ -42,8 +46,7 @@ int runInArea(const CommandLine &line) {
     ShowLog(line.verbosity);
     const TemporaryArea area(line.backup.temporaryParent);
     const LibraryOutput libraryOutput(area, line.verbosity);
-    const Container container = OpenBackup(line.backup);
-    const int status = std::visit(RunCommand{container, area}, line.command);
+    const int status = std::visit(RunCommand{line.backup, area}, line.command);
     FlushOutput();
     return status;
 }

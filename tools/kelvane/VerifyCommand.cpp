@@ -1,0 +1,114 @@
+#include "Commands.hpp"
+#include "Diagnostics.hpp"
+#include "EntryRecord.hpp"
+#include "ExitStatus.hpp"
+#include "JSON.hpp"
+#include "KVManifest.h"
+#include "Output.hpp"
+#include "ProgressBar.hpp"
+#include "Quoting.hpp"
+#include "Verification.hpp"
+
+namespace tool {
+
+namespace {
+
+bool isWarning(const Problem &problem) { return problem.severity == Problem::Severity::Warning; }
+
+// One line, and one for each cause.
+std::string textOf(const Problem &problem) {
+    std::string line = isWarning(problem) ? "warning: " : "";
+    if (problem.entry != nullptr) {
+        line += FullPath(problem.entry) + ": ";
+    } else if (!problem.storedName.empty()) {
+        line += "file " + problem.storedName + ": ";
+    }
+    std::string text = EscapeControls(line + problem.message);
+    for (const std::string &cause : DescribeChain(problem.cause)) {
+        text += "\n  caused by: " + EscapeControls(cause);
+    }
+    return text;
+}
+
+std::string jsonOf(const Problem &problem) {
+    JSON json;
+    json["severity"] = isWarning(problem) ? "warning" : "problem";
+    json["kind"] = problem.kind;
+    if (problem.entry != nullptr) {
+        json["domain"] = CF::String::GetUTF8(KVManifestEntryGetDomain(problem.entry));
+        json["path"] = CF::String::GetUTF8(KVManifestEntryGetPath(problem.entry));
+        json["fileID"] = CF::String::GetUTF8(KVManifestEntryGetFileID(problem.entry));
+    } else if (!problem.storedName.empty()) {
+        json["storedName"] = problem.storedName;
+    }
+    json["message"] = problem.message;
+    json["causes"] = DescribeChain(problem.cause);
+    return Serialize(json);
+}
+
+std::string count(std::int64_t number, const std::string &what) {
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
+class Report {
+  public:
+    Report(const Container &container, const VerifyOptions &options)
+        : options_(options),
+          bar_(KVManifestGetTotalFileSize(KVBackupContainerGetManifest(container.get()))) {}
+
+    void Add(const Problem &problem) {
+        ++(isWarning(problem) ? warnings_ : problems_);
+        // Both may be on one terminal.
+        bar_.Hide();
+        PrintLine(options_.json ? jsonOf(problem) : textOf(problem));
+    }
+
+    void CountEntry(Entry *entry) {
+        ++entries_;
+        if (TypeOf(entry) == EntryType::File) {
+            ++files_;
+            bar_.Advance(std::max<std::int64_t>(KVManifestEntryGetFileSize(entry), 0));
+        }
+    }
+
+    int Finish(std::size_t sourceFiles) {
+        bar_.Hide();
+        if (options_.json) {
+            JSON json;
+            json["severity"] = "summary";
+            json["entries"] = entries_;
+            json["files"] = files_;
+            json["sourceFiles"] = sourceFiles;
+            json["problems"] = problems_;
+            json["warnings"] = warnings_;
+            PrintLine(Serialize(json));
+        } else {
+            PrintLine(std::to_string(entries_) + " entries, " + count(files_, "file") +
+                      " checked: " + count(problems_, "problem") +
+                      (warnings_ > 0 ? ", " + count(warnings_, "warning") : ""));
+        }
+        return problems_ == 0 ? kDone : kFailed;
+    }
+
+  private:
+    const VerifyOptions &options_;
+    ProgressBar bar_;
+    std::int64_t entries_ = 0;
+    std::int64_t files_ = 0;
+    std::int64_t problems_ = 0;
+    std::int64_t warnings_ = 0;
+};
+
+} // namespace
+
+int RunVerify(const Container &container, const TemporaryArea &area, const VerifyOptions &options) {
+    Report report(container, options);
+    Verification verification(container, area,
+                              [&](const Problem &problem) { report.Add(problem); });
+    verification.CheckEntries([&](Entry *entry) { report.CountEntry(entry); });
+    verification.CheckFileIDs();
+    verification.CheckSourceFiles();
+    return report.Finish(verification.SourceFileCount());
+}
+
+} // namespace tool
