@@ -2,23 +2,12 @@
 #include "container/KVBackupContainerClass.hpp"
 
 #include "container/StoredName.hpp"
-
-#include <algorithm>
+#include "manifest/DirectoryListing.hpp"
 
 namespace {
 
 // The three metadata property lists and the manifest.
 constexpr std::int64_t kFilesBesideTheManifests = 4;
-
-CFIndex countSeparators(CFStringRef path) {
-    const std::string text = CF::String::GetUTF8(path);
-    return static_cast<CFIndex>(std::count(text.begin(), text.end(), '/'));
-}
-
-bool isChildAtDepth(const KVManifestEntryClass *entry, CFIndex depth) {
-    CFStringRef path = KVManifestEntryGetPath(entry);
-    return CFStringGetLength(path) > 0 && countSeparators(path) == depth;
-}
 
 } // namespace
 
@@ -56,25 +45,12 @@ KVBackupContainerGetEntryForLocalFilename(const KVBackupContainerClass *containe
 CFArrayRef
 KVBackupContainerCopyEntriesContainedInDirectoryAtPath(const KVBackupContainerClass *container,
                                                        CFStringRef domain, CFStringRef path) {
-    CF::Array children = CF::Array::Mutable();
     KVManifestClass *manifest = container->manifest.get();
     const KVManifestEntryClass *directory = KVManifestGetEntryMatchingPath(manifest, domain, path);
     if (directory == nullptr || !KVManifestEntryIsDirectory(directory)) {
-        return children.detach();
+        return CF::Array::Mutable().detach();
     }
-    const auto below = CF::Array::Adopt(KVManifestCopyEntriesAtPath(manifest, domain, path));
-    const CFIndex count = below.GetCount();
-    if (count < 2) {
-        return children.detach();
-    }
-    const CFIndex depth = CFStringGetLength(path) == 0 ? 0 : countSeparators(path) + 1;
-    for (CFIndex i = 0; i < count; ++i) {
-        const void *value = below.GetAt(i);
-        if (isChildAtDepth(static_cast<const KVManifestEntryClass *>(value), depth)) {
-            children.Append(value);
-        }
-    }
-    return children.detach();
+    return Kelvane::CopyChildren(manifest, domain, path).detach();
 }
 
 CFArrayRef KVBackupContainerCopyFilesystemPathsList(const KVBackupContainerClass *container,

@@ -2,48 +2,49 @@
 #pragma once
 
 #include "KVManifest.h"
-#include "manifest/PathIndex.hpp"
+#include "manifest/EntryTable.hpp"
+#include "manifest/LookupTables.hpp"
 #include "support/cf/Array.hpp"
 #include "support/cf/Dictionary.hpp"
 
 #include <CoreFoundation/CFRuntime.h>
 
 #include <cstdint>
-#include <unordered_map>
 
 struct KVManifestClass {
     CFRuntimeBase base;
 
-    CF::Array entries; // of KVManifestEntry, in read order; never null
-    // Lookup tables, null until they are asked for and again when the entries change.
-    // They are replaced, never emptied in place: callers hold arrays out of them.
-    CF::Dictionary entriesByDomain; // domain -> mutable array of entries
-    CF::Dictionary entriesByFileID; // file ID -> entry
-    CF::Array fileIDs;              // of all entries that are no directory and no link
+    Kelvane::EntryTable entries; // in read order
+    Kelvane::LookupTables tables;
+    // File IDs of all entries that are no directory and no link; null until asked for and
+    // again when the entries change. Replaced, never changed: callers hold it.
+    CF::Array fileIDs;
+    // Entries without a file ID were reported since the entries changed.
+    bool reportedMissingFileIDs = false;
     KVManifestDataVersion dataVersion = kKVManifestDataVersionNone;
     CF::Dictionary placeholderFileIDs; // file ID -> flags of database rows without an entry
-    std::int64_t totalFileSize = 0;
-    std::int64_t totalFileCount = 0;
     KVGetFileFunction getFileFunc;
-    // Where paths lie within the arrays of entriesByDomain; goes with that table.
-    std::unordered_map<CF::String, Kelvane::PathIndex, CF::TypeHash> pathsByDomain;
+
+    // What goes with every change of the entries.
+    void DropReports() noexcept {
+        fileIDs = nullptr;
+        reportedMissingFileIDs = false;
+    }
 };
 
 namespace Kelvane {
 
 // What a reader has gathered for a new manifest.
 struct ManifestContents {
-    CF::Array entries = CF::Array::Mutable();
+    EntryTable entries;
     CF::Dictionary placeholders = CF::Dictionary::Mutable();
-    std::int64_t totalFileSize = 0;
-    std::int64_t totalFileCount = 0;
 
     // Appends the entry and counts it.
-    void Append(KVManifestEntryClass *entry);
+    void Append(KVManifestEntryClass *entry) { entries.Append(entry); }
 };
 
-// A new manifest over the contents, which the caller does not touch again.
-KVManifestClass *CreateManifest(CFAllocatorRef allocator, const ManifestContents &contents,
+// A new manifest of the contents.
+KVManifestClass *CreateManifest(CFAllocatorRef allocator, ManifestContents contents,
                                 KVManifestDataVersion version);
 
 // The entries in the order in which manifests are written: by "domain-path", compared by

@@ -27,7 +27,7 @@ class RowCollector {
         : allocator_(allocator), loader_(ShareFileLoader(getFileFunc)) {}
 
     void Add(const ManifestRow &row);
-    const ManifestContents &Contents() const noexcept { return contents_; }
+    ManifestContents TakeContents() noexcept { return std::move(contents_); }
     long InvalidRows() const noexcept { return invalidRows_; }
 
   private:
@@ -124,6 +124,6 @@ KVManifestClass *KVManifestCreateFromManifestDatabase(
         Kelvane::RequireDatabaseVersion(version);
         Kelvane::RowCollector collector(allocator, getFileFunc);
         Kelvane::CollectAllRows(databasePath, progress, collector);
-        return Kelvane::CreateManifest(allocator, collector.Contents(), version);
+        return Kelvane::CreateManifest(allocator, collector.TakeContents(), version);
     });
 }

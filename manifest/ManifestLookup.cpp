@@ -1,80 +1,21 @@
 // Lookups in a manifest and the tables behind them.
 #include "KVManifest.h"
 #include "KVManifestEntry.h"
+#include "manifest/DirectoryListing.hpp"
 #include "manifest/KVManifestClass.hpp"
 #include "manifest/KVManifestEntryClass.hpp"
 #include "support/cf/String.hpp"
 
-#include <algorithm>
 #include <cstdio>
-#include <vector>
 
 namespace {
 
-KVManifestEntryClass *AsEntry(CFTypeRef object) {
-    return static_cast<KVManifestEntryClass *>(const_cast<void *>(object));
+Kelvane::DomainEntries *FindDomain(KVManifestClass *manifest, CFStringRef domain) {
+    return manifest->tables.Domains(manifest->entries).Find(domain);
 }
 
-template <class Visitor>
-void ForEachEntry(KVManifestClass *manifest, Visitor visit) {
-    CFArrayRef entries = manifest->entries.get();
-    const CFIndex count = CFArrayGetCount(entries);
-    for (CFIndex i = 0; i < count; ++i) {
-        visit(AsEntry(CFArrayGetValueAtIndex(entries, i)));
-    }
-}
-
-CFMutableArrayRef ArrayForDomain(const CF::Dictionary &byDomain, CFStringRef domain) {
-    CFTypeRef present = byDomain.GetValue(domain);
-    if (present == nullptr) {
-        const auto created = CF::Array::Mutable();
-        byDomain.Set(domain, created.get());
-        present = created.get();
-    }
-    return static_cast<CFMutableArrayRef>(const_cast<void *>(present));
-}
-
-CF::Dictionary BuildDomains(KVManifestClass *manifest) {
-    const auto byDomain = CF::Dictionary::Mutable();
-    // Entries of one domain mostly come in a row and share its string.
-    CFStringRef last = nullptr;
-    CFMutableArrayRef array = nullptr;
-    ForEachEntry(manifest, [&](KVManifestEntryClass *entry) {
-        CFStringRef domain = KVManifestEntryGetDomain(entry);
-        if (CFStringGetLength(domain) == 0) {
-            return;
-        }
-        if (domain != last) {
-            array = ArrayForDomain(byDomain, domain);
-            last = domain;
-        }
-        CFArrayAppendValue(array, entry);
-    });
-    return byDomain;
-}
-
-const CF::Dictionary &Domains(KVManifestClass *manifest) {
-    if (manifest->entriesByDomain.GetCount() == 0) {
-        manifest->entriesByDomain = BuildDomains(manifest);
-    }
-    return manifest->entriesByDomain;
-}
-
-// Borrowed; null when the domain has no entries.
-CFArrayRef EntriesOfDomain(KVManifestClass *manifest, CFStringRef domain) {
-    return static_cast<CFArrayRef>(Domains(manifest).GetValue(domain));
-}
-
-const Kelvane::PathIndex &PathsOfDomain(KVManifestClass *manifest, CFStringRef domain,
-                                        CFArrayRef entries) {
-    const CF::String key(domain);
-    const auto found = manifest->pathsByDomain.find(key);
-    if (found != manifest->pathsByDomain.end()) {
-        return found->second;
-    }
-    // A copy of its own: the caller's string may be a mutable one.
-    const auto kept = CF::String::Adopt(CFStringCreateCopy(kCFAllocatorDefault, domain));
-    return manifest->pathsByDomain.emplace(kept, Kelvane::PathIndex(entries)).first->second;
+KVManifestEntryClass *EntryAt(const KVManifestClass *manifest, Kelvane::EntryPosition position) {
+    return position == Kelvane::kNoEntry ? nullptr : manifest->entries.At(position);
 }
 
 // False, with a line on standard output, for an entry that cannot be found by file ID.
@@ -88,19 +29,22 @@ bool HasFileID(KVManifestEntryClass *entry, const char *function) {
     return false;
 }
 
-CF::Dictionary BuildEntriesByFileID(KVManifestClass *manifest) {
-    const auto byFileID = CF::Dictionary::Mutable();
-    ForEachEntry(manifest, [&](KVManifestEntryClass *entry) {
-        if (HasFileID(entry, "KVManifestGetEntryForFileID")) {
-            byFileID.Set(KVManifestEntryGetFileID(entry), entry);
-        }
-    });
-    return byFileID;
+// Once for each state of the entries, and at every lookup while none can be found.
+void ReportMissingFileIDs(KVManifestClass *manifest, Kelvane::EntryIndex &byFileID) {
+    if (manifest->reportedMissingFileIDs) {
+        return;
+    }
+    const Kelvane::EntryTable &entries = manifest->entries;
+    const auto missing = byFileID.All(entries, Kelvane::EmptyString());
+    for (const Kelvane::EntryPosition position : missing) {
+        (void)HasFileID(entries.At(position), "KVManifestGetEntryForFileID");
+    }
+    manifest->reportedMissingFileIDs = missing.size() < entries.Count();
 }
 
 CF::Array BuildFileIDs(KVManifestClass *manifest) {
     const auto fileIDs = CF::Array::Mutable();
-    ForEachEntry(manifest, [&](KVManifestEntryClass *entry) {
+    manifest->entries.ForEach([&](KVManifestEntryClass *entry) {
         if (!KVManifestEntryIsDirectory(entry) && !KVManifestEntryIsSymlink(entry) &&
             HasFileID(entry, "KVManifestGetFileIDs")) {
             fileIDs.Append(KVManifestEntryGetFileID(entry));
@@ -112,10 +56,12 @@ CF::Array BuildFileIDs(KVManifestClass *manifest) {
 } // namespace
 
 KVManifestEntryClass *KVManifestGetEntryForFileID(KVManifestClass *manifest, CFStringRef fileID) {
-    if (manifest->entriesByFileID.GetCount() == 0) {
-        manifest->entriesByFileID = BuildEntriesByFileID(manifest);
+    Kelvane::EntryIndex &byFileID = manifest->tables.ByFileID(manifest->entries);
+    ReportMissingFileIDs(manifest, byFileID);
+    if (fileID == nullptr || CFStringGetLength(fileID) == 0) {
+        return nullptr;
     }
-    return AsEntry(manifest->entriesByFileID.GetValue(fileID));
+    return EntryAt(manifest, byFileID.Last(manifest->entries, fileID));
 }
 
 CFArrayRef KVManifestGetFileIDs(KVManifestClass *manifest) {
@@ -130,8 +76,7 @@ CFArrayRef KVManifestGetFileIDs(KVManifestClass *manifest) {
 }
 
 CFArrayRef KVManifestCopyDomainsList(KVManifestClass *manifest) {
-    const auto domains = CF::Array::Mutable();
-    Domains(manifest).ForEach([&](CFTypeRef domain, CFTypeRef) { domains.Append(domain); });
+    const CF::Array domains = manifest->tables.Domains(manifest->entries).Names();
     CFArraySortValues(
         const_cast<CFMutableArrayRef>(domains.get()), CFRangeMake(0, domains.GetCount()),
         [](const void *a, const void *b, void *) {
@@ -142,36 +87,38 @@ CFArrayRef KVManifestCopyDomainsList(KVManifestClass *manifest) {
 }
 
 CFArrayRef KVManifestCopyEntriesInDomain(KVManifestClass *manifest, CFStringRef domain) {
-    return CF::Array(EntriesOfDomain(manifest, domain)).detach();
+    Kelvane::DomainEntries *const entries = FindDomain(manifest, domain);
+    return entries == nullptr ? nullptr : entries->Listing(manifest->entries).copyRef();
 }
 
 CFArrayRef KVManifestCopyEntriesAtPath(KVManifestClass *manifest, CFStringRef domain,
                                        CFStringRef path) {
-    CFArrayRef entries = EntriesOfDomain(manifest, domain);
+    Kelvane::DomainEntries *const entries = FindDomain(manifest, domain);
     if (entries == nullptr) {
         return CF::Array::Mutable().detach();
     }
+    const Kelvane::EntryTable &table = manifest->entries;
     if (path == nullptr || CFStringGetLength(path) == 0) {
-        return CF::Array(entries).detach();
+        return entries->Listing(table).copyRef();
     }
-    const auto found = PathsOfDomain(manifest, domain, entries).AtOrBelow(entries, path);
-    std::vector<std::uint32_t> positions(found.begin(), found.end());
-    std::sort(positions.begin(), positions.end());
-    auto result = CF::Array::Mutable();
-    for (const std::uint32_t position : positions) {
-        result.Append(CFArrayGetValueAtIndex(entries, static_cast<CFIndex>(position)));
+    return table.ArrayOf(entries->Paths(table).AtOrBelow(table, path)).detach();
+}
+
+CF::Array Kelvane::CopyChildren(KVManifestClass *manifest, CFStringRef domain, CFStringRef path) {
+    DomainEntries *const entries = FindDomain(manifest, domain);
+    if (entries == nullptr) {
+        return CF::Array::Mutable();
     }
-    return result.detach();
+    const EntryTable &table = manifest->entries;
+    CFStringRef parent = path == nullptr ? EmptyString() : path;
+    return table.ArrayOf(entries->Paths(table).Children(table, parent));
 }
 
 KVManifestEntryClass *KVManifestGetEntryMatchingPath(KVManifestClass *manifest, CFStringRef domain,
                                                      CFStringRef path) {
-    CFArrayRef entries = EntriesOfDomain(manifest, domain);
+    Kelvane::DomainEntries *const entries = FindDomain(manifest, domain);
     if (entries == nullptr || path == nullptr) {
         return nullptr;
     }
-    const auto found = PathsOfDomain(manifest, domain, entries).At(entries, path);
-    return found.empty()
-               ? nullptr
-               : AsEntry(CFArrayGetValueAtIndex(entries, static_cast<CFIndex>(found.front())));
+    return EntryAt(manifest, entries->FirstAtPath(manifest->entries, path));
 }

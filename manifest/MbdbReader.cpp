@@ -200,5 +200,5 @@ KVManifestClass *KVManifestCreateFromManifestData(CFAllocatorRef allocator, CFDa
                               contents)) {
         return Kelvane::Refuse("Invalid manifest entry");
     }
-    return Kelvane::CreateManifest(allocator, contents, version);
+    return Kelvane::CreateManifest(allocator, std::move(contents), version);
 }

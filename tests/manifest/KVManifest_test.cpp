@@ -222,7 +222,7 @@ TEST(KVManifest, CopyHasFreshEntriesAndNoVersion) {
     contents.Append(MakeEntry("D", "a", kFileMode, 4).get());
     contents.placeholders.Set(CFSTR("p"), CF::Number::FromInt32(16).get());
     const auto source =
-        CF::Adopt(Kelvane::CreateManifest(nullptr, contents, kKVManifestDataVersion33));
+        CF::Adopt(Kelvane::CreateManifest(nullptr, std::move(contents), kKVManifestDataVersion33));
     EXPECT_EQ(source.get()->dataVersion, 33U);
     const auto copy = CF::Adopt(KVManifestCreateCopy(nullptr, source.get(), {}));
     EXPECT_EQ(copy.get()->dataVersion, kKVManifestDataVersionNone);
