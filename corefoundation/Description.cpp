@@ -15,13 +15,22 @@ namespace {
 constexpr std::size_t kMaximumDepth = 16;
 // Some hundred kilobytes of text.
 constexpr std::size_t kMaximumValues = 5000;
+// Of members together, each level anew, beyond which no further ones are shown: thousands may
+// share one long text.
+constexpr std::size_t kMaximumSize = 16 * 1024 * 1024;
 
 struct Progress {
     std::array<CFTypeRef, kMaximumDepth> containers;
     std::size_t depth;
     std::size_t values;
+    std::size_t size;
 };
 thread_local Progress progress{};
+
+std::string counted(std::string text) {
+    progress.size += text.size();
+    return text;
+}
 
 bool isBeingDescribed(CFTypeRef container) {
     for (std::size_t i = 0; i < progress.depth; ++i) {
@@ -118,7 +127,10 @@ void appendHex(std::string &text, const UInt8 *bytes, CFIndex length, std::strin
 DescriptionScope::DescriptionScope(CFTypeRef container) noexcept
     : open_(progress.depth < kMaximumDepth && !isBeingDescribed(container)) {
     if (open_) {
-        progress.values = progress.depth == 0 ? 0 : progress.values;
+        if (progress.depth == 0) {
+            progress.values = 0;
+            progress.size = 0;
+        }
         progress.containers[progress.depth++] = container;
     }
 }
@@ -130,7 +142,7 @@ DescriptionScope::~DescriptionScope() {
 }
 
 bool DescriptionScope::takeValue() const noexcept {
-    return open_ && ++progress.values <= kMaximumValues;
+    return open_ && ++progress.values <= kMaximumValues && progress.size <= kMaximumSize;
 }
 
 std::string describeValue(const void *value, CopyDescriptionFunction copyDescription) {
@@ -138,7 +150,7 @@ std::string describeValue(const void *value, CopyDescriptionFunction copyDescrip
         return addressText(value);
     }
     if (copyDescription == CFCopyDescription && typeIDOf(value) == kStringTypeID) {
-        return quoted(utf8Of(static_cast<CFStringRef>(value)));
+        return counted(quoted(utf8Of(static_cast<CFStringRef>(value))));
     }
     CFStringRef description = copyDescription(value);
     if (description == nullptr) {
@@ -146,7 +158,7 @@ std::string describeValue(const void *value, CopyDescriptionFunction copyDescrip
     }
     const std::string text = utf8Of(description);
     CFRelease(description);
-    return indented(text);
+    return counted(indented(text));
 }
 
 } // namespace CFInternal

@@ -99,11 +99,20 @@ KVManifestGetEntryMatchingPath(KVManifestClass *manifest, CFStringRef domain, CF
  * doubled, and nothing else is escaped (RFC 4180), so that a value with a line break spans
  * lines. What a row's record does not have is an empty field; digests and keys are base64.
  *
- * The file is read through a private copy under the temporary path. The caller releases the
- * text. Null with code 11 "Failed to parse records from manifest database" over the cause:
- * code 3 when the copy could not be made, code 13 for what SQLite reports, code 24 for a row
- * without a valid record ("Missing or invalid MBFile structure"), placeholder rows among
- * them: one such row fails the whole dump. */
+ * Lines are compared by UTF-16 code units. Numbers are decimal; an inode number from 2^63 on
+ * shows as negative. Extended attributes are CFCopyDescription's text of them, for people.
+ *
+ * The file is read through a private copy under the temporary path, and the lines are sorted
+ * in a file beside it; both are gone at the end. Memory is needed for the text itself, once,
+ * and some 32 bytes a row. The caller releases the text. Null with code 11 "Failed to parse
+ * records from manifest database" over the cause:
+ *   code 1   the text is too large for memory
+ *   code 2   no temporary path was set
+ *   code 3   one of these files fails
+ *   code 13  what SQLite reports; a null path has no table Files
+ *   code 24  a row without a valid record ("Missing or invalid MBFile structure"),
+ *            placeholder rows among them, or with texts that are not UTF-8: one such row
+ *            fails the whole dump */
 KV_EXPORT CFStringRef KVManifestDBCopyCSVRepresentation(CFStringRef databasePath,
                                                         CFErrorRef *error);
 

@@ -1,5 +1,7 @@
 #include "manifest/ManifestRows.hpp"
 
+#include <boost/filesystem/operations.hpp>
+
 namespace Kelvane {
 
 namespace {
@@ -10,6 +12,15 @@ constexpr int kColumns = 5;
 // would not stop at the work limit.
 constexpr const char *kCountRows = "SELECT COUNT(*) FROM Files WHERE 1;";
 constexpr const char *kSelectRows = "SELECT fileID, domain, relativePath, flags, file FROM Files;";
+
+// A text of UTF-16 databases grows by half at most when it is made UTF-8.
+constexpr std::uint64_t kGrowth = 2;
+
+std::uint64_t ValueBytes(const std::string &path) {
+    boost::system::error_code error;
+    const std::uint64_t size = boost::filesystem::file_size(path, error);
+    return error ? 0 : kGrowth * size;
+}
 
 std::string_view TextOf(const SQLite::Column &column) {
     // In this order: asking for the text settles the encoding that the length is of.
@@ -27,6 +38,7 @@ std::span<const std::uint8_t> BytesOf(const SQLite::Column &column) {
 ManifestRows::ManifestRows(ManifestDB &database) {
     SQLite::Database &open = RequireOpen(database.database_.get());
     limit_.emplace(open, database.localPath_);
+    bytesLeft_ = ValueBytes(database.localPath_);
     WithDatabaseErrors([&] {
         RequirePlainFilesTable(open);
         SQLite::Statement counting(open, kCountRows);
@@ -57,8 +69,18 @@ bool ManifestRows::Next(ManifestRow &row) {
         row.flags = columns_[3].getInt();
         row.file = BytesOf(columns_[4]);
         row.index = index_++;
+        TakeBytes(row);
     }
     return more;
+}
+
+void ManifestRows::TakeBytes(const ManifestRow &row) {
+    const std::uint64_t size =
+        row.fileID.size() + row.domain.size() + row.relativePath.size() + row.file.size();
+    if (size > bytesLeft_) {
+        ThrowMalformed();
+    }
+    bytesLeft_ -= size;
 }
 
 } // namespace Kelvane

@@ -36,15 +36,18 @@ class ManifestRows {
     std::int64_t Count() const noexcept { return count_; }
     // The next row, or false behind the last one. Throws code 13, also when there turn
     // out to be more or fewer rows than were counted: an index that disagrees with its
-    // table must not make entries vanish.
+    // table must not make entries vanish; and when the rows hold more than the file can:
+    // in a crafted one, thousands may share one long value.
     bool Next(ManifestRow &row);
 
   private:
     bool Step();
+    void TakeBytes(const ManifestRow &row);
 
     std::optional<WorkLimit> limit_;
     std::int64_t count_ = 0;
     std::int64_t index_ = 0;
+    std::uint64_t bytesLeft_ = 0; // for the values of further rows
     std::optional<SQLite::Statement> statement_;
     std::vector<SQLite::Column> columns_; // made once, good for every row
 };

@@ -353,6 +353,18 @@ TEST(CFDictionary, DescribesADictionaryThatHoldsItself) {
     CFDictionaryRemoveAllValues(dictionary.get());
 }
 
+TEST(CFDictionary, DescriptionDoesNotRepeatALongTextWithoutEnd) {
+    constexpr std::size_t kLength = 1 << 20;
+    const auto text = String(std::string(kLength, 'x'));
+    const auto dictionary = ObjectsByKey();
+    for (int i = 0; i < 100; ++i) {
+        CFDictionarySetValue(dictionary.get(), String(std::to_string(i)).get(), text.get());
+    }
+    const std::string description = Description(dictionary.get());
+    EXPECT_GT(description.size(), 10 * kLength);
+    EXPECT_LT(description.size(), 20 * kLength);
+}
+
 TEST(CFDictionaryDeathTest, RefusesToChangeAnImmutableDictionary) {
     const auto dictionary = Pair(CFSTR("k"), CFSTR("v"));
     auto *changed = const_cast<CFMutableDictionaryRef>(dictionary.get());

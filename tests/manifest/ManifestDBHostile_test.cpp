@@ -58,6 +58,47 @@ void PutInterior(Octets &bytes, std::uint32_t page, std::uint32_t child, int cel
     }
 }
 
+constexpr std::size_t kSmallPageSize = 512;
+constexpr std::size_t kLocalSize = 99; // of a row's content, with these lengths
+
+// Calls visit with each cell of a row whose content is of that size, as two-byte varint.
+template <class Visitor>
+void ForEachRow(Octets &bytes, std::array<std::uint8_t, 2> size, Visitor visit) {
+    for (std::size_t page = kSmallPageSize; page < bytes.size(); page += kSmallPageSize) {
+        const std::size_t cells = bytes[page] == 0x0D ? bytes[page + 4] : 0;
+        for (std::size_t i = 0; i < cells; ++i) {
+            const std::size_t pointer = page + 8 + 2 * i;
+            std::uint8_t *cell = &bytes[page + bytes[pointer] * 256U + bytes[pointer + 1]];
+            if (cell[0] == size[0] && cell[1] == size[1]) {
+                visit(cell);
+            }
+        }
+    }
+}
+
+// Makes the rows of 600 characters claim those of the row of 7712.
+Octets WithSharedOverflow(Octets bytes) {
+    constexpr std::size_t kOverflow = 3 + kLocalSize;
+    Octets longRow;
+    ForEachRow(bytes, {0xBC, 0x27},
+               [&](const std::uint8_t *cell) { longRow.assign(cell, cell + kOverflow + 4); });
+    ForEachRow(bytes, {0x84, 0x5F}, [&](std::uint8_t *cell) {
+        std::copy_n(longRow.begin(), 2, cell);         // size of the content
+        std::copy_n(longRow.begin() + 3, 7, cell + 3); // its header
+        std::copy_n(longRow.begin() + kOverflow, 4, cell + kOverflow);
+    });
+    return bytes;
+}
+
+// What reading every row throws.
+std::string ReadingRows(const OracleDatabase &database) {
+    testing_support::LibraryTemporaryPath();
+    return ThrownError([&] {
+        Kelvane::ManifestDB copy{database.name()};
+        copy.ProcessEntries([](auto &&...) {});
+    });
+}
+
 } // namespace
 
 TEST(ManifestDBHostile, ViewInPlaceOfTheTableIsRefused) {
@@ -204,4 +245,16 @@ TEST(ManifestDBHostile, SpecialFileIsRefusedWithoutWaiting) {
     EXPECT_FALSE(result.manifest);
     EXPECT_THAT(result.error,
                 HasSubstr("Kelvane.ErrorDomain 3: Failed to copy temporary database"));
+}
+
+TEST(ManifestDBHostile, RowsThatShareOneLongValueAreRefused) {
+    // Pages of 512 bytes; both texts leave equally much of themselves in the row's own page.
+    const OracleDatabase database = OracleDatabase::WithRows("");
+    database.Run("PRAGMA page_size=512; DROP INDEX FilesDomainIdx; VACUUM;");
+    database.Run("INSERT INTO Files VALUES (NULL, hex(zeroblob(3856)), NULL, 0, NULL);");
+    database.Run("WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i+1 FROM n WHERE i<100) "
+                 "INSERT INTO Files SELECT NULL, hex(zeroblob(300)), NULL, 0, NULL FROM n;");
+    EXPECT_EQ(ReadingRows(database), "nothing thrown");
+    database.Replace(WithSharedOverflow(database.Bytes()));
+    EXPECT_EQ(ReadingRows(database), "Kelvane.ErrorDomain 13: database disk image is malformed");
 }

@@ -6,13 +6,17 @@
     manifest_oracle.py read-database PATH
     manifest_oracle.py read-mbdb PATH
     manifest_oracle.py grow-database PATH COUNT
+    manifest_oracle.py database-csv PATH
 
 DOCUMENT is JSON. For a database: {"setup": [SQL...], "rows": [{"fileID", "domain", "path",
 "flags", "file"}...]}; "file" is null, {"hex": BYTES} or the fields of a record. A text may be
 null, or {"hex": BYTES} for bytes that are no text. For Manifest.mbdb: {"header": HEX,
 "records": [fields...], "trailer": HEX}. The readers print one line a fact.
 """
+import base64
+import csv
 import hashlib
+import io
 import json
 import plistlib
 import sqlite3
@@ -159,6 +163,43 @@ def describe_value(value, objects):
     return show(value)
 
 
+CSV_COLUMNS = ("fileID", "domain", "relativePath", "fileTypeFlags", "relativePath2", "target", "digest",
+               "encryptionKey", "mode", "inodeNumber", "userID", "groupID", "lastModified", "lastStatusChange",
+               "birth", "size", "protectionClass", "extendedAttributes")
+
+
+def database_csv(path):
+    """The rows as CSV in the order of the lines' UTF-16 code units; attributes are left empty."""
+    database = sqlite3.connect(f"file:{path}?mode=ro", uri=True)
+    rows = [csv_row(*row) for row in database.execute("SELECT * FROM Files")]
+    lines = sorted((csv_line(row) for row in rows), key=lambda line: line.encode("utf-16-be"))
+    sys.stdout.buffer.write("\n".join([csv_line(CSV_COLUMNS), *lines]).encode())
+
+
+def csv_line(fields):
+    text = io.StringIO()
+    csv.writer(text, quoting=csv.QUOTE_ALL, lineterminator="").writerow(fields)
+    return text.getvalue()
+
+
+def csv_row(file_id, domain, relative_path, flags, blob):
+    archive = plistlib.loads(blob)
+    objects = archive["$objects"]
+    record = follow(archive["$top"]["root"], objects)
+    texts = [follow(record.get(name, ""), objects) for name in ("RelativePath", "Target")]
+    data = [base64.b64encode(data_of(follow(record.get(name, b""), objects))).decode()
+            for name in ("Digest", "EncryptionKey")]
+    inode = record["InodeNumber"]
+    numbers = [record["Mode"], inode - (1 << 64) if inode >= 1 << 63 else inode,
+               *(record[name] for name in ("UserID", "GroupID", "LastModified", "LastStatusChange", "Birth", "Size",
+                                           "ProtectionClass"))]
+    return [file_id or "", domain or "", relative_path or "", flags or 0, *texts, *data, *numbers, ""]
+
+
+def data_of(value):
+    return value["NS.data"] if isinstance(value, dict) else value
+
+
 def byte_string(value):
     if value is None:
         return b"\xff\xff"
@@ -224,7 +265,7 @@ def main():
         grow_database(path, int(rest[0]))
     else:
         {"write-database": write_database, "write-mbdb": write_mbdb, "read-database": read_database,
-         "read-mbdb": read_mbdb}[command](path)
+         "read-mbdb": read_mbdb, "database-csv": database_csv}[command](path)
 
 
 main()
