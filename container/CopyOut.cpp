@@ -1,9 +1,10 @@
 // Getting contents out of a container.
-#include "container/KVBackupContainerClass.hpp"
+#include "container/CopyOut.hpp"
 
 #include "Kelvane/Error.hpp"
 #include "container/StoredName.hpp"
 #include "foundation/Boundary.hpp"
+#include "manifest/ManifestDatabaseFile.hpp"
 #include "support/zk/Secret.hpp"
 
 #include <array>
@@ -76,8 +77,16 @@ FileRef fileFromData(const CF::Data &data, CFStringRef failure, const CF::Error 
     return file;
 }
 
+constexpr const char *kDatabaseNotWritten = "Failed to create data representation of Manifest DB";
+
+// An encrypted backup's database lies encrypted in it.
+void encryptLikeBackup(const KVBackupContainerClass &container, const FileRef &file) {
+    if (container.encryption) {
+        KVFileEnableEncryption(file.get(), container.encryption->GetManifestKey());
+    }
+}
+
 FileRef writeManifestDatabase(const KVBackupContainerClass &container) {
-    const CFStringRef failure = CFSTR("Failed to create data representation of Manifest DB");
     CF::Data data;
     CF::Error cause;
     try {
@@ -86,10 +95,8 @@ FileRef writeManifestDatabase(const KVBackupContainerClass &container) {
     } catch (const CF::Error &error) {
         cause = error;
     }
-    FileRef file = fileFromData(data, failure, cause);
-    if (container.encryption) {
-        KVFileEnableEncryption(file.get(), container.encryption->GetManifestKey());
-    }
+    FileRef file = fileFromData(data, CF::String(kDatabaseNotWritten).get(), cause);
+    encryptLikeBackup(container, file);
     return file;
 }
 
@@ -157,6 +164,28 @@ FileRef copyStoredFile(const KVBackupContainerClass &container, const CF::String
 }
 
 } // namespace
+
+WrittenManifestDatabase::WrittenManifestDatabase(const KVBackupContainerClass &container) {
+    try {
+        path_ = WriteManifestDatabaseFile(container.manifest.get(), container.Version());
+    } catch (const CF::Error &cause) {
+        throw Error(kKVErrorUnknown, cause, CF::String(kDatabaseNotWritten));
+    }
+    try {
+        LocalError error;
+        file_ = FileRef(CF::adopt, KVFileCreateFromFileAtPath(CF::String::FromUTF8(path_).get(),
+                                                              false, error.out()));
+        if (!file_) {
+            throw Error(kKVErrorUnknown, error.get(), CF::String(kDatabaseNotWritten));
+        }
+        encryptLikeBackup(container, file_);
+    } catch (...) {
+        RemoveManifestDatabaseFile(path_);
+        throw;
+    }
+}
+
+WrittenManifestDatabase::~WrittenManifestDatabase() { RemoveManifestDatabaseFile(path_); }
 
 } // namespace Kelvane
 

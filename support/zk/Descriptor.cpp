@@ -53,9 +53,14 @@ int descriptor::native_handle() const noexcept {
 }
 
 void descriptor::close() noexcept {
+    boost::system::error_code ignored; // the descriptor is gone in any case
+    close(ignored);
+}
+
+void descriptor::close(boost::system::error_code &error) noexcept {
+    error.clear();
     if (stream_ != nullptr) {
-        boost::system::error_code ignored; // the descriptor is gone in any case
-        stream_->file.close(ignored);
+        stream_->file.close(error);
         stream_.reset();
     }
 }

@@ -9,8 +9,11 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 
 namespace ZK::file {
+
+class directory;
 
 // What both kinds of file share: a descriptor, closed on destruction, and its lock.
 // Failures are boost::system::system_error with errno as the code, unless a call
@@ -31,8 +34,10 @@ class descriptor {
     bool is_open() const noexcept { return stream_ != nullptr; }
     // -1 when closed.
     int native_handle() const noexcept;
-    // Gives up the lock and the descriptor; twice is harmless.
+    // Gives up the lock and the descriptor; twice is harmless. The error tells that bytes
+    // written before may be lost, which some file systems find out only now.
     void close() noexcept;
+    void close(boost::system::error_code &error) noexcept;
     // Size in bytes of the open file, now.
     std::uint64_t size() const;
 
@@ -74,6 +79,10 @@ class writable_file : public descriptor {
     // Creates the file or appends to the one that is there.
     static writable_file open_append(const filesystem::path &path,
                                      boost::system::error_code &error);
+    // Creates the file in an open directory, to be appended to; fails when anything bears
+    // the name, a dangling link included.
+    static writable_file create_append(const directory &parent, const std::string &name,
+                                       boost::system::error_code &error);
 
     // Writes every byte before it returns, or fails; some bytes may be written then.
     void write(std::span<const std::uint8_t> bytes);

@@ -1,3 +1,4 @@
+#include "support/zk/Directory.hpp"
 #include "support/zk/File.hpp"
 #include "support/zk/UniqueDescriptor.hpp"
 
@@ -73,10 +74,19 @@ Failure refuseUnlessRegular(const struct stat &status) {
     return {S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP, "Not a regular file"};
 }
 
-int openRetrying(const char *path, int flags) {
+// A path relative to an open directory, or to the working directory (AT_FDCWD).
+struct Location {
+    int directory;
+    const char *path;
+    Location(const filesystem::path &given) : directory(AT_FDCWD), path(given.c_str()) {}
+    Location(int parent, const std::string &name) : directory(parent), path(name.c_str()) {}
+};
+
+int openRetrying(const Location &where, int flags) {
     int fd = -1;
     do {
-        fd = ::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, kPrivateMode);
+        fd = ::openat(where.directory, where.path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
+                      kPrivateMode);
     } while (fd < 0 && errno == EINTR);
     return fd;
 }
@@ -107,7 +117,7 @@ Failure openExisting(const filesystem::path &path, int flags, Lock kind, int &re
     if (const Failure failure = refuseUnlessRegular(status)) {
         return failure;
     }
-    unique_descriptor fd(openRetrying(path.c_str(), flags));
+    unique_descriptor fd(openRetrying(path, flags));
     if (fd.get() < 0) {
         return {errno, "open"};
     }
@@ -119,8 +129,8 @@ Failure openExisting(const filesystem::path &path, int flags, Lock kind, int &re
 }
 
 // Creates a file where nothing is; removes it again if it cannot be used.
-Failure createExclusively(const filesystem::path &path, int flags, int &result) {
-    unique_descriptor fd(openRetrying(path.c_str(), flags | O_CREAT | O_EXCL));
+Failure createExclusively(const Location &where, int flags, int &result) {
+    unique_descriptor fd(openRetrying(where, flags | O_CREAT | O_EXCL));
     if (fd.get() < 0) {
         return {errno, "open"};
     }
@@ -130,7 +140,7 @@ Failure createExclusively(const filesystem::path &path, int flags, int &result) 
         failure = {errno, "fchmod"};
     }
     if (failure) {
-        ::unlink(path.c_str());
+        ::unlinkat(where.directory, where.path, 0);
     } else {
         result = fd.release();
     }
@@ -213,6 +223,15 @@ writable_file writable_file::open_append(const filesystem::path &path,
                                          boost::system::error_code &error) {
     int fd = -1;
     const Failure failure = openOrCreate(path, O_APPEND, fd);
+    assign(failure, error);
+    return failure ? writable_file() : writable_file(fd);
+}
+
+writable_file writable_file::create_append(const directory &parent, const std::string &name,
+                                           boost::system::error_code &error) {
+    int fd = -1;
+    const Failure failure =
+        createExclusively({parent.native_handle(), name}, O_WRONLY | O_APPEND, fd);
     assign(failure, error);
     return failure ? writable_file() : writable_file(fd);
 }

@@ -11,7 +11,10 @@ class unique_descriptor {
   public:
     explicit unique_descriptor(int fd) noexcept : fd_(fd) {}
     unique_descriptor(unique_descriptor &&other) noexcept : fd_(other.release()) {}
-    unique_descriptor &operator=(unique_descriptor &&) = delete;
+    unique_descriptor &operator=(unique_descriptor &&other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
     ~unique_descriptor() {
         if (fd_ >= 0) {
             ::close(fd_);

@@ -1,0 +1,128 @@
+#include "container/Export.hpp"
+
+#include "Kelvane/Error.hpp"
+#include "container/CopyOut.hpp"
+#include "container/StoredName.hpp"
+#include "foundation/Boundary.hpp"
+
+#include <boost/filesystem/operations.hpp>
+
+#include <exception>
+#include <optional>
+#include <unordered_set>
+
+namespace Kelvane {
+
+namespace {
+
+struct HashText {
+    std::size_t operator()(CFStringRef text) const noexcept { return CFHash(text); }
+};
+struct EqualTexts {
+    bool operator()(CFStringRef one, CFStringRef other) const noexcept {
+        return CFEqual(one, other);
+    }
+};
+// Borrowed names: there may be a million.
+using NameSet = std::unordered_set<CFStringRef, HashText, EqualTexts>;
+
+// Runs a step of one file. One file must not end the export, so what fails in another way
+// than by our own error becomes such an error.
+template <class Step>
+void asOwnError(Step step) {
+    try {
+        step();
+    } catch (const std::exception &exception) {
+        throw Error(kKVErrorUnknown, nullptr, CF::String(exception.what()));
+    }
+}
+
+// Content that is to be written, with what has to stay until it is.
+struct Loaded {
+    std::optional<WrittenManifestDatabase> database;
+    FileRef file;
+};
+
+void loadContent(const Export &job, CFStringRef name, Loaded &loaded) {
+    if (job.manner == ExportManner::Unlimited &&
+        CF::String::GetUTF8(name) == kManifestDatabaseName) {
+        loaded.database.emplace(*job.container);
+        loaded.file = loaded.database->File();
+        return;
+    }
+    LocalError error;
+    loaded.file = FileRef(
+        CF::adopt, KVBackupContainerCopyFileForLocalFilename(job.container, name, error.out()));
+    if (!loaded.file) {
+        throw error.get();
+    }
+}
+
+void load(const Export &job, CFStringRef name, CFStringRef failure, Loaded &loaded) {
+    try {
+        asOwnError([&] { loadContent(job, name, loaded); });
+    } catch (const CF::Error &cause) {
+        throw Error(kKVErrorLoadRepresentation, cause, failure, name);
+    }
+}
+
+void write(Export &job, ExportTarget &target, CFStringRef name, const KVFileClass *file) {
+    try {
+        asOwnError([&] { target.Write(CF::String::GetUTF8(name), file, job.progress); });
+    } catch (const CF::Error &cause) {
+        throw Error(kKVErrorWriteRepresentation, cause, target.NotWritten(), name);
+    }
+}
+
+// Names come from the manifest, which may have been made to lead out of the target.
+void requireSafe(const ExportTarget &target, CFStringRef name) {
+    try {
+        if (!IsSafeStoredName(CF::String(name))) {
+            ThrowUnsafeStoredName(CF::String(name));
+        }
+    } catch (const CF::Error &cause) {
+        throw Error(kKVErrorWriteRepresentation, cause, target.NotWritten(), name);
+    }
+}
+
+void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &known) {
+    try {
+        requireSafe(target, name);
+        // Two entries of one file ID have one content, that of the entry which a lookup finds.
+        if (!known.insert(name).second) {
+            return;
+        }
+        Loaded loaded;
+        load(job, name, target.NotLoaded(), loaded);
+        write(job, target, name, loaded.file.get());
+        job.report.Written(CF::String::GetUTF8(name));
+    } catch (const CF::Error &error) {
+        job.report.Skipped(error);
+    }
+}
+
+} // namespace
+
+void RequireNothingAt(const CF::String &path) {
+    boost::system::error_code ignored; // the status says it all
+    const ZK::filesystem::path location = path.GetUTF8();
+    const auto type = boost::filesystem::symlink_status(location, ignored).type();
+    if (type != boost::filesystem::status_error && type != boost::filesystem::file_not_found) {
+        throw Error(kKVErrorWriteRepresentation, nullptr, CFSTR("File already exists at path %@"),
+                    path.get());
+    }
+}
+
+void WriteStoredFiles(Export &job, ExportTarget &target) {
+    const auto names =
+        CF::Array::Adopt(KVBackupContainerCopyFilesystemPathsList(job.container, false));
+    job.progress.SetTotal(KVManifestGetTotalFileSize(job.container->manifest.get()));
+    NameSet known;
+    const CFIndex count = names.GetCount();
+    for (CFIndex i = 0; i < count; ++i) {
+        exportFile(job, target, static_cast<CFStringRef>(names.GetAt(i)), known);
+        job.progress.FileDone();
+    }
+}
+
+} // namespace Kelvane

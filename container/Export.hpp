@@ -1,0 +1,55 @@
+// What writing a backup out is made of, whether it becomes a directory or a zip.
+#pragma once
+
+#include "container/ExportProgress.hpp"
+#include "container/ExportReport.hpp"
+#include "container/KVBackupContainerClass.hpp"
+
+#include <memory>
+#include <string>
+
+namespace Kelvane {
+
+enum class ExportManner {
+    // The manifest database is built in memory, within a limit, and a zip has plain records.
+    Plain,
+    // The manifest database is written through a file and zip64 is used where needed.
+    Unlimited
+};
+
+// One export on its way.
+struct Export {
+    KVBackupContainerClass *container;
+    ExportManner manner;
+    ExportProgress progress;
+    ExportReport report;
+};
+
+// Where the files of a backup go.
+class ExportTarget {
+  public:
+    ExportTarget() = default;
+    ExportTarget(const ExportTarget &) = delete;
+    ExportTarget &operator=(const ExportTarget &) = delete;
+    virtual ~ExportTarget() = default;
+
+    // Formats of the errors of skipped files; they take the stored name.
+    virtual CFStringRef NotLoaded() const = 0;
+    virtual CFStringRef NotWritten() const = 0;
+    // Writes the file's content under the name, which is safe and comes once, and counts
+    // the bytes. Throws CF::Error; nothing of the file is left then.
+    virtual void Write(const std::string &name, const KVFileClass *file,
+                       ExportProgress &progress) = 0;
+};
+
+// Throws code 14 "File already exists at path %@" when anything bears the name.
+void RequireNothingAt(const CF::String &path);
+
+// Opens targets. The directory is made here: code 3 "Failed to create containing directory
+// %@ - %s (%d)".
+std::unique_ptr<ExportTarget> CreateDirectoryTarget(const CF::String &path);
+
+// Writes everything that the backup stores to the target, skipping and reporting what fails.
+void WriteStoredFiles(Export &job, ExportTarget &target);
+
+} // namespace Kelvane

@@ -1,0 +1,77 @@
+// The exported functions that write a backup out.
+#include "container/Export.hpp"
+
+#include <utility>
+
+namespace Kelvane {
+
+namespace {
+
+using ProgressFunction = std::function<void(double)>;
+
+ProgressFunction asFunction(KVBackupExportProgressCallBack callback, void *context) {
+    if (callback == nullptr) {
+        return {};
+    }
+    return [callback, context](double fraction) { callback(fraction, context); };
+}
+
+Export begin(KVBackupContainerClass *container, ExportManner manner, ProgressFunction progress,
+             const KVBackupExportReport *report) {
+    return {container, manner, ExportProgress(std::move(progress)),
+            ExportReport(report != nullptr, container->Version())};
+}
+
+void writeDirectory(Export &job, const CF::String &path) {
+    job.progress.Start();
+    RequireNothingAt(path);
+    WriteStoredFiles(job, *CreateDirectoryTarget(path));
+}
+
+// Runs the steps of an export; true when they come to their end.
+template <class Steps>
+bool run(Export job, KVBackupExportReport *report, Steps steps) {
+    bool finished = true;
+    try {
+        steps(job);
+    } catch (const CF::Error &error) {
+        job.report.Failed(error);
+        finished = false;
+    }
+    job.report.FillIn(report);
+    return finished;
+}
+
+bool exportToDirectory(Export job, CFStringRef path, KVBackupExportReport *report) {
+    return run(std::move(job), report,
+               [path](Export &started) { writeDirectory(started, CF::String(path)); });
+}
+
+} // namespace
+
+} // namespace Kelvane
+
+bool KVBackupContainerExportToDirectory(KVBackupContainerClass *container,
+                                        CFStringRef directoryPath,
+                                        std::function<void(double)> progress) {
+    return Kelvane::exportToDirectory(
+        Kelvane::begin(container, Kelvane::ExportManner::Plain, std::move(progress), nullptr),
+        directoryPath, nullptr);
+}
+
+bool KVBackupContainerExportToDirectoryWithReport(KVBackupContainerClass *container,
+                                                  CFStringRef directoryPath,
+                                                  std::function<void(double)> progress,
+                                                  KVBackupExportReport *report) {
+    return Kelvane::exportToDirectory(
+        Kelvane::begin(container, Kelvane::ExportManner::Unlimited, std::move(progress), report),
+        directoryPath, report);
+}
+
+Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
+                                        CFStringRef directoryPath,
+                                        KVBackupExportProgressCallBack progress, void *context,
+                                        KVBackupExportReport *report) {
+    return KVBackupContainerExportToDirectoryWithReport(
+        container, directoryPath, Kelvane::asFunction(progress, context), report);
+}

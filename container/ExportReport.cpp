@@ -1,0 +1,53 @@
+#include "container/ExportReport.hpp"
+
+#include "Kelvane/SharedState.hpp"
+#include "container/StoredName.hpp"
+#include "support/zk/Log.hpp"
+
+namespace Kelvane {
+
+namespace {
+
+// Stands for the manifest of a version that has none: it is never written.
+constexpr const char *kNoManifestName = "";
+
+const char *manifestName(KVManifestDataVersion version) {
+    if (version == kKVManifestDataVersion24) {
+        return kManifestMbdbName;
+    }
+    return UsesManifestDatabase(version) ? kManifestDatabaseName : kNoManifestName;
+}
+
+} // namespace
+
+ExportReport::ExportReport(bool keepErrors, KVManifestDataVersion version)
+    : keepErrors_(keepErrors), missing_{manifestName(version), kManifestPlistName, kInfoPlistName,
+                                        kStatusPlistName} {}
+
+void ExportReport::Note(const CF::Error &error) const {
+    ZLLogError(error.get(), GetLogDomain(), nullptr);
+}
+
+void ExportReport::Skipped(const CF::Error &error) {
+    Note(error);
+    if (keepErrors_) {
+        errors_.Append(error.get());
+    }
+}
+
+void ExportReport::Failed(const CF::Error &error) {
+    errors_ = CF::Array::Mutable();
+    missing_.insert(kNoManifestName);
+    Skipped(error);
+}
+
+void ExportReport::Written(const std::string &name) { missing_.erase(name); }
+
+void ExportReport::FillIn(KVBackupExportReport *report) const {
+    if (report != nullptr) {
+        report->errors = CFArrayCreateCopy(kCFAllocatorDefault, errors_.get());
+        report->metadataWritten = missing_.empty();
+    }
+}
+
+} // namespace Kelvane

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "KVBackupContainer.h"
+#include "support/cf/CF.hpp"
+
+#include <set>
+#include <string>
+
+namespace Kelvane {
+
+// What an export had to leave out. Every error is logged; they are kept as well when
+// somebody wants to have them.
+class ExportReport {
+  public:
+    // version: that of the manifest, which says what file it is written to.
+    ExportReport(bool keepErrors, KVManifestDataVersion version);
+
+    // A file was skipped.
+    void Skipped(const CF::Error &error);
+    // The export cannot go on. The error takes the place of those of skipped files, which
+    // say nothing about a result that does not exist.
+    void Failed(const CF::Error &error);
+    // An error that does not change the result.
+    void Note(const CF::Error &error) const;
+    // A file was written.
+    void Written(const std::string &name);
+
+    // Hands the report out; null is allowed.
+    void FillIn(KVBackupExportReport *report) const;
+
+  private:
+    bool keepErrors_;
+    CF::Array errors_ = CF::Array::Mutable();
+    // What a backup cannot do without, as far as it is not yet written.
+    std::set<std::string> missing_;
+};
+
+} // namespace Kelvane
