@@ -80,8 +80,9 @@ directory directory::create_new(const filesystem::path &given) {
         raise("mkdir", given, EINVAL); // the system would take the part before it
     }
     const filesystem::path path = withoutTrailingSeparators(given);
-    if (path.has_parent_path()) {
-        create_private_directories(path.parent_path());
+    const filesystem::path parent = path.parent_path();
+    if (!parent.empty() && !boost::filesystem::exists(parent)) {
+        create_private_directories(parent);
     }
     if (const int number = makePrivateDirectory(AT_FDCWD, path.c_str())) {
         raise("mkdir", path, number);

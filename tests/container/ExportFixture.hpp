@@ -1,0 +1,136 @@
+// Exports as verbs, and what is to be known of their results.
+#pragma once
+
+#include "tests/container/EditFixture.hpp"
+
+#include "container/KVBackupContainerClass.hpp"
+#include "support/zk/Log.hpp"
+
+#include <map>
+
+namespace container_tests {
+
+// "CODE REASON", with those of the errors beneath behind " < ".
+inline std::string Chain(const CF::Error &error) {
+    std::string text = std::to_string(error.GetCode()) + " " + error.GetFailureReason().GetUTF8();
+    const CF::Error cause = error.GetUnderlying();
+    return cause ? text + " < " + Chain(cause) : text;
+}
+
+// The errors that are logged while it lives.
+class ErrorLog {
+  public:
+    ErrorLog() { ZLLogSetSink(&ErrorLog::receive, this, kZLLogLevelError); }
+    ErrorLog(const ErrorLog &) = delete;
+    ErrorLog &operator=(const ErrorLog &) = delete;
+    ~ErrorLog() { ZLLogSetSink(nullptr, nullptr, 0); }
+    const std::vector<std::string> &Errors() const { return errors_; }
+
+  private:
+    static void receive(CFStringRef domain, int, CFStringRef, CFErrorRef error, void *context) {
+        EXPECT_EQ(CF::String::GetUTF8(domain), "Kelvane");
+        static_cast<ErrorLog *>(context)->errors_.push_back(Chain(CF::Error(error)));
+    }
+    std::vector<std::string> errors_;
+};
+
+using Texts = std::vector<std::string>;
+
+// How an export went.
+struct Exported {
+    bool finished = false;
+    std::vector<double> progress;
+    // As Chain gives them.
+    Texts logged;
+    // The report's; none without one.
+    Texts reported;
+    bool metadataWritten = false;
+};
+
+using ProgressFunction = std::function<void(double)>;
+using ExportFunction = bool(KVBackupContainerClass *, CFStringRef, ProgressFunction);
+using ReportFunction = bool(KVBackupContainerClass *, CFStringRef, ProgressFunction,
+                            KVBackupExportReport *);
+
+// Runs an export; also is called with each report of progress.
+inline Exported RunExport(ExportFunction *function, KVBackupContainerClass *container,
+                          const std::string &path, const ProgressFunction &also = {}) {
+    Exported result;
+    const ErrorLog log;
+    result.finished = function(container, CF::String(path), [&](double fraction) {
+        result.progress.push_back(fraction);
+        if (also) {
+            also(fraction);
+        }
+    });
+    result.logged = log.Errors();
+    return result;
+}
+
+inline Exported RunExport(ReportFunction *function, KVBackupContainerClass *container,
+                          const std::string &path, const ProgressFunction &also = {}) {
+    Exported result;
+    KVBackupExportReport report{nullptr, false};
+    const ErrorLog log;
+    result.finished = function(
+        container, CF::String(path),
+        [&](double fraction) {
+            result.progress.push_back(fraction);
+            if (also) {
+                also(fraction);
+            }
+        },
+        &report);
+    result.logged = log.Errors();
+    const auto errors = CF::Array::Adopt(report.errors);
+    EXPECT_TRUE(errors);
+    for (CFIndex i = 0; i < errors.GetCount(); ++i) {
+        result.reported.push_back(
+            Chain(CF::Error(static_cast<CFErrorRef>(const_cast<void *>(errors.GetAt(i))))));
+    }
+    result.metadataWritten = report.metadataWritten != 0;
+    return result;
+}
+
+// All files below a directory with their content.
+inline std::map<std::string, std::string> ReadTree(const std::string &root) {
+    std::map<std::string, std::string> files;
+    for (fs::recursive_directory_iterator at(root), end; at != end; ++at) {
+        if (fs::is_regular_file(at->path())) {
+            const auto bytes = testing_support::ReadFile(at->path());
+            files[fs::relative(at->path(), root).string()] = {bytes.begin(), bytes.end()};
+        }
+    }
+    return files;
+}
+
+// A container of that version with nothing in it.
+inline Editable EmptyOfVersion(KVManifestDataVersion version) {
+    const Editable container = Editable::Empty();
+    container.get()->loader->version = version;
+    return container;
+}
+
+// Adds a file entry as a manifest could hold it, with any file ID; the content is what the
+// function gives.
+inline void AddForged(const Editable &container, const std::string &fileID, const std::string &path,
+                      const KVGetFileFunction &getFile) {
+    const File any = Editable::FileOf("x");
+    const auto model = CF::Adopt(KVManifestEntryCreateForFile(
+        nullptr, any.get(), CFSTR("HomeDomain"), CF::String(path), nullptr, nullptr));
+    const auto record = CF::Data::Adopt(KVManifestEntryCreateMBFileDataRepresentation(model.get()));
+    const auto forged = CF::Adopt(
+        KVManifestEntryCreateFromMBFileData(nullptr, CF::String(fileID), CFSTR("HomeDomain"),
+                                            CF::String(path), 1, record.get(), getFile));
+    ASSERT_TRUE(forged);
+    const auto entries = CF::Array::MutableCopy(KVManifestGetEntries(container.manifest()));
+    entries.Append(forged.get());
+    KVManifestUpdateEntries(container.manifest(), entries.get());
+}
+inline void AddForged(const Editable &container, const std::string &fileID,
+                      const std::string &content) {
+    AddForged(container, fileID, fileID,
+              [content](CFStringRef, CFErrorRef *) { return Editable::FileOf(content).detach(); });
+}
+
+} // namespace container_tests
