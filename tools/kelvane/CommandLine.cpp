@@ -40,6 +40,7 @@ class Parser {
         addCat();
         addExtract();
         addVerify();
+        addCSV();
     }
 
     CommandLine Parse(int argc, char **argv) {
@@ -75,11 +76,12 @@ class Parser {
         return text.empty() ? "the name is empty" : std::string();
     }
 
-    CLI::App *addCommand(const char *name, const char *description) {
+    CLI::App *addCommand(const char *name, const char *description,
+                         const char *backup = "Backup directory or zip") {
         CLI::App *command = app_.add_subcommand(name, description);
         command->group("Commands");
         command->footer(kFooter);
-        command->add_option("BACKUP", result_.backup.backup, "Backup directory or zip")->required();
+        command->add_option("BACKUP", result_.backup.backup, backup)->required();
         command
             ->add_option("--password-file", result_.backup.passwordFile,
                          "Read the password from the file's first line; - is standard input")
@@ -147,13 +149,26 @@ class Parser {
         command->callback([this] { result_.command = verify_; });
     }
 
-    CLI::App app_{"Lists backups of iOS devices and copies files out of them.", "kelvane"};
+    void addCSV() {
+        CLI::App *command =
+            addCommand("csv", "Print every row of a Manifest.db as a line of CSV",
+                       "Backup directory or zip, or a Manifest.db that is not encrypted");
+        command->add_option("-o,--output", csv_.output, "Write to FILE instead of standard output")
+            ->type_name("FILE")
+            ->check(&requireText);
+        command->add_flag("--force", csv_.force, "Replace FILE when it exists");
+        command->callback([this] { result_.command = csv_; });
+    }
+
+    CLI::App app_{"Lists, checks and changes backups of iOS devices, and copies files out of them.",
+                  "kelvane"};
     CommandLine result_;
     InfoOptions info_;
     ListOptions list_;
     CatOptions cat_;
     ExtractOptions extract_;
     VerifyOptions verify_;
+    CSVOptions csv_;
 };
 
 } // namespace

@@ -10,7 +10,8 @@ namespace tool {
 struct CommandLine {
     BackupOptions backup;
     int verbosity = 0;
-    std::variant<InfoOptions, ListOptions, CatOptions, ExtractOptions, VerifyOptions> command;
+    std::variant<InfoOptions, ListOptions, CatOptions, ExtractOptions, VerifyOptions, CSVOptions>
+        command;
 };
 
 // Parses; prints help or the version or what is wrong, and ends the process, when there is

@@ -44,4 +44,11 @@ struct VerifyOptions {
 };
 int RunVerify(const Container &container, const TemporaryArea &area, const VerifyOptions &options);
 
+struct CSVOptions {
+    std::string output; // empty: standard output
+    bool force = false;
+};
+// The backup may be a Manifest.db.
+int RunCSV(const BackupOptions &backup, const TemporaryArea &area, const CSVOptions &options);
+
 } // namespace tool

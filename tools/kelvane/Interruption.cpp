@@ -1,6 +1,7 @@
 #include "Interruption.hpp"
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <mutex>
 #include <pthread.h>
@@ -39,6 +40,9 @@ sigset_t handledSignals() {
 }
 
 bool endsByClosedPipe = false;
+
+constexpr auto kPollInterval = std::chrono::milliseconds(2);
+std::atomic<bool> atCheckpoint = false;
 
 // Ends the process as the signal would have, so that a shell sees why.
 [[noreturn]] void dieOf(int number) {
@@ -88,5 +92,19 @@ void SetCleanup(Kind kind, std::function<void()> cleanup) {
 
 Hold::Hold() { mutex().lock(); }
 Hold::~Hold() { mutex().unlock(); }
+
+void Checkpoint() {
+    atCheckpoint = true;
+    const Hold hold;
+    atCheckpoint = false;
+}
+
+bool AwaitCheckpoint(std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!atCheckpoint && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(kPollInterval);
+    }
+    return atCheckpoint;
+}
 
 } // namespace tool::Interruption

@@ -1,6 +1,7 @@
 // What is cleaned up when a signal ends the process.
 #pragma once
 
+#include <chrono>
 #include <functional>
 
 namespace tool::Interruption {
@@ -30,5 +31,12 @@ class Hold {
     Hold &operator=(const Hold &) = delete;
     ~Hold();
 };
+
+// Called now and then by work that makes files: once a signal has come it does not return.
+void Checkpoint();
+
+// For clean-up: waits until the work has come to a checkpoint, and so makes nothing more, but
+// no longer than that. False when it has not.
+bool AwaitCheckpoint(std::chrono::milliseconds limit);
 
 } // namespace tool::Interruption

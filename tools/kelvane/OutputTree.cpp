@@ -2,6 +2,7 @@
 
 #include "Diagnostics.hpp"
 #include "Interruption.hpp"
+#include "Rename.hpp"
 
 #include <cerrno>
 #include <cstdio>
@@ -47,24 +48,6 @@ void makeWritable(int directory) {
     }
 }
 
-int renameWithoutReplacing(int directory, const std::string &from, const std::string &to) {
-#ifdef RENAME_NOREPLACE
-    if (renameat2(directory, from.c_str(), directory, to.c_str(), RENAME_NOREPLACE) == 0) {
-        return 0;
-    }
-    if (errno != EINVAL && errno != ENOSYS) {
-        return -1;
-    }
-#endif
-    // File systems without that operation: nobody else writes here, so looking first will do.
-    struct stat status;
-    if (fstatat(directory, to.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        errno = EEXIST;
-        return -1;
-    }
-    return renameat(directory, from.c_str(), directory, to.c_str());
-}
-
 // The name of a file or link that is still being made; what has it goes away with the object
 // unless it was published.
 class Partial {
@@ -98,7 +81,7 @@ class Partial {
     int result() const noexcept { return result_; }
     void Publish(const std::string &name, bool replace) {
         const int renamed = replace ? renameat(directory_, name_.c_str(), directory_, name.c_str())
-                                    : renameWithoutReplacing(directory_, name_, name);
+                                    : RenameWithoutReplacing(directory_, name_, name);
         if (renamed != 0) {
             throwSystemFailure("It could not be put in its place");
         }

@@ -3,6 +3,7 @@
 #include "Diagnostics.hpp"
 #include "Interruption.hpp"
 #include "Kelvane.h"
+#include "Removal.hpp"
 #include "support/cf/String.hpp"
 
 #include <cerrno>
@@ -14,20 +15,6 @@
 namespace tool {
 
 namespace {
-
-// While files are still being made in it, a directory is not empty at the first try.
-constexpr int kRemovalTries = 20;
-
-bool removeTree(const std::string &path) {
-    for (int i = 0; i < kRemovalTries; ++i) {
-        std::error_code error;
-        std::filesystem::remove_all(path, error);
-        if (!error) {
-            return true;
-        }
-    }
-    return false;
-}
 
 std::string parentDirectory(const std::string &given) {
     if (!given.empty()) {
@@ -50,7 +37,7 @@ TemporaryArea::TemporaryArea(const std::string &parent) {
                       SystemError());
     }
     path_ = pattern;
-    Interruption::SetCleanup(Interruption::kTemporaryArea, [path = path_] { removeTree(path); });
+    Interruption::SetCleanup(Interruption::kTemporaryArea, [path = path_] { RemoveTree(path); });
     if (!KelvaneSetTemporaryPath(CF::String(path_).get())) {
         remove();
         throw Failure("The temporary directory '" + path_ + "' cannot be used");
@@ -62,7 +49,7 @@ TemporaryArea::~TemporaryArea() { remove(); }
 void TemporaryArea::remove() const {
     const Interruption::Hold hold;
     Interruption::SetCleanup(Interruption::kTemporaryArea, nullptr);
-    if (!removeTree(path_)) {
+    if (!RemoveTree(path_)) {
         // What may be plaintext lies there: the user has to know.
         PrintMessage("The temporary directory '" + path_ + "' could not be removed");
     }

@@ -1,4 +1,4 @@
-// kelvane: looks into backups of iOS devices and copies files out of them.
+// kelvane: looks into backups of iOS devices, copies files out of them, and changes them.
 #include "CommandLine.hpp"
 #include "Diagnostics.hpp"
 #include "ExitStatus.hpp"
@@ -24,6 +24,7 @@ struct RunCommand {
         return RunExtract(open(), area, options);
     }
     int operator()(const VerifyOptions &options) const { return RunVerify(open(), area, options); }
+    int operator()(const CSVOptions &options) const { return RunCSV(backup, area, options); }
 
   private:
     Container open() const { return OpenBackup(backup); }
