@@ -2,11 +2,13 @@
  *
  * A manifest lists every file, directory and symbolic link that a backup holds, in
  * the order in which they were read or set, with the running totals and the format
- * version that it was read in. Entries change only through KVManifestUpdateEntries.
+ * version that it was read in. Entries change through KVManifestUpdateEntries and through
+ * edits of the container that holds the manifest (KVBackupContainer.h).
  *
- * Lookups build tables on first use and keep them until the entries change, so the
- * first lookup of a kind costs time in proportion to the manifest (by path: to the
- * domain), and later ones do not. Strings are compared code unit by code unit: case
+ * Lookups build tables on first use, so the first lookup of a kind costs time in
+ * proportion to the manifest (by path: also to the domain), and later ones do not.
+ * KVManifestUpdateEntries drops the tables. An edit keeps them and costs the same in a
+ * large manifest as in a small one. Strings are compared code unit by code unit: case
  * counts, and the composed and decomposed forms of a letter differ.
  *
  * Threads. There is no lock, and lookups fill tables: one manifest is used by one
@@ -34,7 +36,8 @@ KV_EXPORT KVManifestClass *KVManifestCreateEmpty(CFAllocatorRef allocator);
 /* ---- Entries and totals --------------------------------------------------- */
 
 /* The entries (KVManifestEntry objects) in the order in which they were read or set.
- * Borrowed until the next KVManifestUpdateEntries; never null. */
+ * Borrowed until the entries change; never null. An array that was retained stays as it is:
+ * the first call after a change makes a new one, in time in proportion to the manifest. */
 KV_EXPORT CFArrayRef KVManifestGetEntries(KVManifestClass *manifest);
 
 /* Replaces the entries by those of the array, which is copied (the array, not the
@@ -60,8 +63,8 @@ KV_EXPORT KVManifestEntryClass *KVManifestGetEntryForFileID(KVManifestClass *man
                                                             CFStringRef fileID);
 
 /* The file IDs (CFString) of all entries that are neither directories nor symbolic
- * links, in manifest order, duplicates kept. Borrowed until the next
- * KVManifestUpdateEntries; never null. Entries without a file ID are passed over and
+ * links, in manifest order, duplicates kept. Borrowed until the entries change; never
+ * null, and made as the array of entries is. Entries without a file ID are passed over and
  * reported as above. */
 KV_EXPORT CFArrayRef KVManifestGetFileIDs(KVManifestClass *manifest);
 
