@@ -1,10 +1,10 @@
-// Entries as rows of Manifest.db keep them.
+#include "manifest/EntryToMBFile.hpp"
 
 #include "Kelvane/SharedState.hpp"
 #include "MB/File.hpp"
 #include "ZK/keyed_archiver.hpp"
+#include "archive/FastMBFileEncoder.hpp"
 #include "foundation/Boundary.hpp"
-#include "manifest/KVManifestEntryClass.hpp"
 #include "support/cf/CF.hpp"
 #include "support/zk/Log.hpp"
 
@@ -13,18 +13,19 @@
 
 namespace {
 
-MB::File recordOf(const KVManifestEntryClass &entry) {
-    MB::File record;
+using Bytes = std::vector<std::uint8_t>;
+
+CFStringRef unlessEmpty(CFStringRef text) { return CFStringGetLength(text) > 0 ? text : nullptr; }
+CFDataRef unlessEmpty(CFDataRef data) { return CFDataGetLength(data) > 0 ? data : nullptr; }
+
+// What records as a whole and their fields alone have in common.
+template <class Record>
+Record recordOf(const KVManifestEntryClass &entry) {
+    Record record;
     record.RelativePath = entry.relativePath.get();
-    if (CFStringGetLength(entry.target.get()) > 0) {
-        record.Target = entry.target.get();
-    }
-    if (CFDataGetLength(entry.dataHash.get()) > 0) {
-        record.Digest = entry.dataHash.get();
-    }
-    if (CFDataGetLength(entry.encryptionData.get()) > 0) {
-        record.EncryptionKey = entry.encryptionData.get();
-    }
+    record.Target = unlessEmpty(entry.target.get());
+    record.Digest = unlessEmpty(entry.dataHash.get());
+    record.EncryptionKey = unlessEmpty(entry.encryptionData.get());
     record.Mode = entry.mode;
     record.UserID = entry.uid;
     record.GroupID = entry.gid;
@@ -35,31 +36,41 @@ MB::File recordOf(const KVManifestEntryClass &entry) {
     record.InodeNumber = entry.inode;
     record.ProtectionClass =
         static_cast<std::int32_t>(Kelvane::CodeOfProtectionClass(entry.protectionClass));
-    if (CFDictionaryGetCount(entry.properties.get()) > 0) {
-        record.ExtendedAttributes = entry.properties.get();
-    }
     return record;
 }
 
-CF::Data archiveOf(const KVManifestEntryClass &entry) {
-    const auto archive = ZK::make_keyed_archive(recordOf(entry));
+void encodeGenerally(const KVManifestEntryClass &entry, Bytes &bytes) {
+    auto record = recordOf<MB::File>(entry);
+    record.ExtendedAttributes = entry.properties.get();
+    const auto archive = ZK::make_keyed_archive(record);
     Kelvane::LocalError error;
-    auto data = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
+    const auto data = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
         archive, kCFPropertyListBinaryFormat_v1_0, error.out());
     if (!data) {
         throw std::runtime_error(error.get().GetDescription().GetUTF8());
     }
-    return data;
+    bytes = data.GetVector();
 }
 
 } // namespace
 
-CFDataRef KVManifestEntryCreateMBFileDataRepresentation(const KVManifestEntryClass *entry) {
+// Few entries have properties.
+bool Kelvane::EncodeEntryRecord(const KVManifestEntryClass &entry, Bytes &record) {
     try {
-        return archiveOf(*entry).detach();
+        if (CFDictionaryGetCount(entry.properties.get()) > 0) {
+            encodeGenerally(entry, record);
+        } else {
+            EncodeMBFile(recordOf<MBFileFields>(entry), record);
+        }
+        return true;
     } catch (const std::exception &exception) {
-        ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelBadRecord,
-                    CFSTR("Failed to serialize MBFile -- %s"), exception.what());
-        return nullptr;
+        ZLLogDomain(GetLogDomain(), kZLLogLevelBadRecord, CFSTR("Failed to serialize MBFile -- %s"),
+                    exception.what());
+        return false;
     }
+}
+
+CFDataRef KVManifestEntryCreateMBFileDataRepresentation(const KVManifestEntryClass *entry) {
+    Bytes record;
+    return Kelvane::EncodeEntryRecord(*entry, record) ? CF::Data(record).detach() : nullptr;
 }

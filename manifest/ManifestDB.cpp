@@ -14,6 +14,8 @@
 #include <boost/filesystem/exception.hpp>
 #include <boost/system/system_error.hpp>
 
+#include <cstdint>
+#include <span>
 #include <utility>
 
 namespace Kelvane {
@@ -148,7 +150,11 @@ void ManifestDB::ProcessEntries(const EntryCallback &callback) {
 
 void ManifestDB::AddEntry(const CF::String &fileID, const CF::String &domain,
                           const CF::String &relativePath, int flags, const CF::Data &file) {
-    ManifestRowWriter(*this).Add(fileID, domain.get(), relativePath.get(), flags, file.get());
+    // An address even for empty data, which is not NULL.
+    static constexpr std::uint8_t kNothing = 0;
+    const auto bytes = file.IsEmpty() ? std::span(&kNothing, 0) : file.GetBytes();
+    ManifestRowWriter(*this).Add(fileID, domain.get(), relativePath.get(), flags,
+                                 file ? bytes : std::span<const std::uint8_t>());
 }
 
 } // namespace Kelvane

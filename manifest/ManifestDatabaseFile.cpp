@@ -3,13 +3,16 @@
 #include "KVManifestEntry.h"
 #include "Kelvane/Error.hpp"
 #include "Kelvane/ManifestDB.hpp"
+#include "manifest/EntryToMBFile.hpp"
 #include "manifest/KVManifestClass.hpp"
 #include "manifest/ManifestRowWriter.hpp"
 #include "manifest/ManifestVersion.hpp"
-#include "support/cf/Data.hpp"
 #include "support/cf/Number.hpp"
 
 #include <boost/filesystem/operations.hpp>
+
+#include <cstdint>
+#include <vector>
 
 namespace Kelvane {
 
@@ -30,13 +33,12 @@ ManifestDB NewDatabase() {
 CF::Array AddEntries(KVManifestClass *manifest, ManifestRowWriter &writer) {
     const CF::Array entries = CopySortedEntries(manifest);
     const auto failed = CF::Array::Mutable();
+    std::vector<std::uint8_t> record;
     for (CFIndex i = 0; i < entries.GetCount(); ++i) {
         const auto *const entry = static_cast<const KVManifestEntryClass *>(entries.GetAt(i));
-        const auto record = CF::Data::Adopt(KVManifestEntryCreateMBFileDataRepresentation(entry));
-        if (record) {
+        if (EncodeEntryRecord(*entry, record)) {
             writer.Add(KVManifestEntryGetFileID(entry), KVManifestEntryGetDomain(entry),
-                       KVManifestEntryGetPath(entry), KVManifestEntryGetFileType(entry),
-                       record.get());
+                       KVManifestEntryGetPath(entry), KVManifestEntryGetFileType(entry), record);
         } else {
             failed.Append(entry);
         }
@@ -48,7 +50,7 @@ void AddPlaceholders(KVManifestClass *manifest, ManifestRowWriter &writer) {
     manifest->placeholderFileIDs.ForEach([&](CFTypeRef fileID, CFTypeRef flags) {
         int value = 0;
         CFNumberGetValue(static_cast<CFNumberRef>(flags), kCFNumberIntType, &value);
-        writer.Add(static_cast<CFStringRef>(fileID), nullptr, nullptr, value, nullptr);
+        writer.Add(static_cast<CFStringRef>(fileID), nullptr, nullptr, value, {});
     });
 }
 

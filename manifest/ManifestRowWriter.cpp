@@ -4,6 +4,9 @@
 
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Transaction.h>
+#include <sqlite3.h>
+
+#include <climits>
 
 namespace Kelvane {
 
@@ -15,39 +18,35 @@ constexpr const char *kCachePragma = "PRAGMA cache_size=-65536;";
 constexpr const char *kInsertRow = "INSERT OR REPLACE INTO Files "
                                    "(fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)";
 
-// The text in UTF-8. Throws code 2 when it has no such form.
-std::string EncodeText(CFStringRef text) {
+// Sets utf8 to the text in UTF-8. Throws code 2 when it has no such form.
+void EncodeText(CFStringRef text, std::string &utf8) {
     const CFIndex units = CFStringGetLength(text);
     constexpr CFIndex kMaximumBytesPerUnit = 3;
-    std::string result(static_cast<std::size_t>(units * kMaximumBytesPerUnit), '\0');
+    utf8.resize(static_cast<std::size_t>(units * kMaximumBytesPerUnit));
     CFIndex written = 0;
     const CFIndex converted = CFStringGetBytes(text, CFRangeMake(0, units), kCFStringEncodingUTF8,
-                                               0, false, reinterpret_cast<UInt8 *>(result.data()),
-                                               static_cast<CFIndex>(result.size()), &written);
+                                               0, false, reinterpret_cast<UInt8 *>(utf8.data()),
+                                               static_cast<CFIndex>(utf8.size()), &written);
     if (converted != units) {
         throw Error(kKVErrorInvalidArgument, nullptr, "Text cannot be encoded as UTF-8");
     }
-    result.resize(static_cast<std::size_t>(written));
-    return result;
+    utf8.resize(static_cast<std::size_t>(written));
 }
 
-void BindText(SQLite::Statement &statement, int index, CFStringRef text) {
-    if (text == nullptr) {
+// Sizes are passed to SQLite as int; its own limit is lower.
+void RequireBindable(std::size_t size) {
+    if (size > INT_MAX) {
+        throw SQLite::Exception(sqlite3_errstr(SQLITE_TOOBIG), SQLITE_TOOBIG);
+    }
+}
+
+void BindData(SQLite::Statement &statement, int index, std::span<const std::uint8_t> data) {
+    if (data.data() == nullptr) {
         statement.bind(index);
     } else {
-        statement.bind(index, EncodeText(text));
+        RequireBindable(data.size());
+        statement.bindNoCopy(index, data.data(), static_cast<int>(data.size()));
     }
-}
-
-void BindData(SQLite::Statement &statement, int index, CFDataRef data) {
-    if (data == nullptr) {
-        statement.bind(index);
-        return;
-    }
-    const auto length = static_cast<int>(CFDataGetLength(data));
-    // A null pointer would be stored as NULL, which empty data is not.
-    statement.bind(index, length == 0 ? static_cast<const void *>("") : CFDataGetBytePtr(data),
-                   length);
 }
 
 } // namespace
@@ -78,8 +77,18 @@ void ManifestRowWriter::Commit() {
     });
 }
 
+void ManifestRowWriter::BindText(int index, CFStringRef text, std::string &utf8) {
+    if (text == nullptr) {
+        insert_->bind(index);
+    } else {
+        EncodeText(text, utf8);
+        RequireBindable(utf8.size());
+        insert_->bindNoCopy(index, utf8);
+    }
+}
+
 void ManifestRowWriter::Add(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath,
-                            int flags, CFDataRef file) {
+                            int flags, std::span<const std::uint8_t> file) {
     if (fileID == nullptr) {
         throw Error(kKVErrorInvalidArgument, nullptr, "fileID must be non-null");
     }
@@ -88,9 +97,9 @@ void ManifestRowWriter::Add(CFStringRef fileID, CFStringRef domain, CFStringRef 
             insert_ = std::make_unique<SQLite::Statement>(database_, kInsertRow);
         }
         insert_->reset();
-        BindText(*insert_, 1, fileID);
-        BindText(*insert_, 2, domain);
-        BindText(*insert_, 3, relativePath);
+        BindText(1, fileID, fileID_);
+        BindText(2, domain, domain_);
+        BindText(3, relativePath, relativePath_);
         insert_->bind(4, flags);
         BindData(*insert_, 5, file);
         insert_->exec();

@@ -5,7 +5,9 @@
 
 #include <SQLiteCpp/Statement.h>
 
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace SQLite {
@@ -29,15 +31,22 @@ class ManifestRowWriter {
     void Commit();
 
     // Adds or replaces a row. fileID must not be null: code 2, "fileID must be non-null".
-    // Null domain, relativePath and file are stored as NULL. A text without a UTF-8 form
-    // is refused with code 2 instead of being stored as another one.
+    // Null domain and relativePath are stored as NULL, and so is a file without an address.
+    // A text without a UTF-8 form is refused with code 2 instead of being stored as another
+    // one.
     void Add(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int flags,
-             CFDataRef file);
+             std::span<const std::uint8_t> file);
 
   private:
+    void BindText(int index, CFStringRef text, std::string &utf8);
+
     SQLite::Database &database_;
     std::unique_ptr<SQLite::Transaction> transaction_;
     std::unique_ptr<SQLite::Statement> insert_;
+    // What the statement has bound; used again for the next row.
+    std::string fileID_;
+    std::string domain_;
+    std::string relativePath_;
 };
 
 } // namespace Kelvane
