@@ -94,6 +94,8 @@ class Document {
   private:
     void WriteTable(std::uint8_t *reference);
     void WriteRecord(std::uint8_t *reference);
+    void WriteRecordKeys(std::uint8_t *key);
+    void WriteRecordValues(std::uint8_t *value);
     void WriteClass(std::uint8_t *reference);
     void WriteTop(std::uint8_t *reference);
     void WriteOffsets();
@@ -321,19 +323,19 @@ void Document::WriteTable(std::uint8_t *reference) {
 
 // Keys first, then values, both in the order of the keys.
 void Document::WriteRecord(std::uint8_t *reference) {
-    const auto references =
-        10 + static_cast<std::size_t>((table_.RelativePath != 0) + (table_.Target != 0) +
-                                      (table_.Digest != 0) + (table_.EncryptionKey != 0));
-    std::uint8_t *key = Container(reference, kDictionaryMarker, 2 * references);
-    std::uint8_t *value = key + references;
+    constexpr std::size_t kAlwaysThere = 10; // the class and the numbers
+    const auto pairs =
+        kAlwaysThere + static_cast<std::size_t>((table_.RelativePath != 0) + (table_.Target != 0) +
+                                                (table_.Digest != 0) + (table_.EncryptionKey != 0));
+    std::uint8_t *const keys = Container(reference, kDictionaryMarker, 2 * pairs);
+    WriteRecordKeys(keys);
+    WriteRecordValues(keys + pairs);
+}
+
+void Document::WriteRecordKeys(std::uint8_t *key) {
     const auto nameIf = [&](bool present, std::string_view name) {
         if (present) {
             *key++ = Name(name);
-        }
-    };
-    const auto referTo = [&](std::uint32_t tableNumber) {
-        if (tableNumber != 0) {
-            Reference(value++, tableNumber);
         }
     };
     nameIf(true, "$class");
@@ -348,7 +350,14 @@ void Document::WriteRecord(std::uint8_t *reference) {
     nameIf(true, "Size");
     nameIf(table_.Target != 0, "Target");
     nameIf(true, "UserID");
+}
 
+void Document::WriteRecordValues(std::uint8_t *value) {
+    const auto referTo = [&](std::uint32_t tableNumber) {
+        if (tableNumber != 0) {
+            Reference(value++, tableNumber);
+        }
+    };
     referTo(table_.Class);
     *value++ = Integer(record_.Birth);
     referTo(table_.Digest);
@@ -362,7 +371,7 @@ void Document::WriteRecord(std::uint8_t *reference) {
     referTo(table_.RelativePath);
     *value++ = Integer(record_.Size);
     referTo(table_.Target);
-    *value++ = Integer(record_.UserID);
+    *value = Integer(record_.UserID);
 }
 
 // {"$classes": ["MBFile", "NSObject"], "$classname": "MBFile"}.

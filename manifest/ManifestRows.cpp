@@ -1,7 +1,5 @@
 #include "manifest/ManifestRows.hpp"
 
-#include <boost/filesystem/operations.hpp>
-
 namespace Kelvane {
 
 namespace {
@@ -16,10 +14,14 @@ constexpr const char *kSelectRows = "SELECT fileID, domain, relativePath, flags,
 // A text of UTF-16 databases grows by half at most when it is made UTF-8.
 constexpr std::uint64_t kGrowth = 2;
 
-std::uint64_t ValueBytes(const std::string &path) {
-    boost::system::error_code error;
-    const std::uint64_t size = boost::filesystem::file_size(path, error);
-    return error ? 0 : kGrowth * size;
+// What the values of all rows can take. SQLite counts the pages of a write-ahead log too, and
+// refuses a file that has fewer than it says.
+std::uint64_t ValueBytes(SQLite::Database &database) {
+    const auto number = [&](const char *pragma) {
+        SQLite::Statement query(database, pragma);
+        return static_cast<std::uint64_t>(query.executeStep() ? query.getColumn(0).getInt64() : 0);
+    };
+    return kGrowth * number("PRAGMA page_count;") * number("PRAGMA page_size;");
 }
 
 std::string_view TextOf(const SQLite::Column &column) {
@@ -38,9 +40,9 @@ std::span<const std::uint8_t> BytesOf(const SQLite::Column &column) {
 ManifestRows::ManifestRows(ManifestDB &database) {
     SQLite::Database &open = RequireOpen(database.database_.get());
     limit_.emplace(open, database.localPath_);
-    bytesLeft_ = ValueBytes(database.localPath_);
     WithDatabaseErrors([&] {
         RequirePlainFilesTable(open);
+        bytesLeft_ = ValueBytes(open);
         SQLite::Statement counting(open, kCountRows);
         count_ = counting.executeStep() ? counting.getColumn(0).getInt64() : 0;
         statement_.emplace(open, kSelectRows);

@@ -172,6 +172,12 @@ TEST_F(ManifestDatabase, AddingReplacesTheRowWithThatFileID) {
     EXPECT_THAT(RowsOf(database), ElementsAre("0/1 a|E|2|2|0"));
 }
 
+TEST_F(ManifestDatabase, ReadsLargeRowsThatAreStillInTheLog) {
+    ManifestDB database(2);
+    database.AddEntry("a", "D", "p", 1, DataOf(Octets(1'000'000, 7)));
+    EXPECT_THAT(RowsOf(database), ElementsAre("0/1 a|D|p|1|1000000"));
+}
+
 TEST_F(ManifestDatabase, AddingNeedsAFileID) {
     ManifestDB database(2);
     EXPECT_EQ(ThrownError([&] { database.AddEntry(nullptr, nullptr, nullptr, 1, nullptr); }),
