@@ -42,12 +42,23 @@ class ExportTarget {
                        ExportProgress &progress) = 0;
 };
 
+// A zip is complete only when its directory is written.
+class ZipExportTarget : public ExportTarget {
+  public:
+    // False when the archive could not be created; every Write fails then.
+    virtual bool IsOpen() const noexcept = 0;
+    // Once, after the last file. Throws code 9 "The archive could not be completed (%d)".
+    // An archive that was not completed goes with the object.
+    virtual void Complete() = 0;
+};
+
 // Throws code 14 "File already exists at path %@" when anything bears the name.
 void RequireNothingAt(const CF::String &path);
 
 // Opens targets. The directory is made here: code 3 "Failed to create containing directory
 // %@ - %s (%d)".
 std::unique_ptr<ExportTarget> CreateDirectoryTarget(const CF::String &path);
+std::unique_ptr<ZipExportTarget> CreateZipTarget(const CF::String &path, ExportManner manner);
 
 // Writes everything that the backup stores to the target, skipping and reporting what fails.
 void WriteStoredFiles(Export &job, ExportTarget &target);

@@ -28,6 +28,31 @@ void writeDirectory(Export &job, const CF::String &path) {
     WriteStoredFiles(job, *CreateDirectoryTarget(path));
 }
 
+// Without a report there is nobody to tell that the archive is missing but the log.
+void completeZip(Export &job, ZipExportTarget &target) {
+    try {
+        target.Complete();
+    } catch (const CF::Error &error) {
+        if (job.manner == ExportManner::Unlimited) {
+            throw;
+        }
+        job.report.Note(error);
+    }
+}
+
+void writeZip(Export &job, const CF::String &path) {
+    job.progress.Start();
+    RequireNothingAt(path);
+    const auto target = CreateZipTarget(path, job.manner);
+    if (!target->IsOpen() && job.manner == ExportManner::Unlimited) {
+        target->Complete(); // tells why
+    }
+    WriteStoredFiles(job, *target);
+    if (target->IsOpen()) {
+        completeZip(job, *target);
+    }
+}
+
 // Runs the steps of an export; true when they come to their end.
 template <class Steps>
 bool run(Export job, KVBackupExportReport *report, Steps steps) {
@@ -45,6 +70,11 @@ bool run(Export job, KVBackupExportReport *report, Steps steps) {
 bool exportToDirectory(Export job, CFStringRef path, KVBackupExportReport *report) {
     return run(std::move(job), report,
                [path](Export &started) { writeDirectory(started, CF::String(path)); });
+}
+
+bool exportToZip(Export job, CFStringRef path, KVBackupExportReport *report) {
+    return run(std::move(job), report,
+               [path](Export &started) { writeZip(started, CF::String(path)); });
 }
 
 } // namespace
@@ -74,4 +104,26 @@ Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
                                         KVBackupExportReport *report) {
     return KVBackupContainerExportToDirectoryWithReport(
         container, directoryPath, Kelvane::asFunction(progress, context), report);
+}
+
+bool KVBackupContainerExportToZip(KVBackupContainerClass *container, CFStringRef zipPath,
+                                  std::function<void(double)> progress) {
+    return Kelvane::exportToZip(
+        Kelvane::begin(container, Kelvane::ExportManner::Plain, std::move(progress), nullptr),
+        zipPath, nullptr);
+}
+
+bool KVBackupContainerExportToZipWithReport(KVBackupContainerClass *container, CFStringRef zipPath,
+                                            std::function<void(double)> progress,
+                                            KVBackupExportReport *report) {
+    return Kelvane::exportToZip(
+        Kelvane::begin(container, Kelvane::ExportManner::Unlimited, std::move(progress), report),
+        zipPath, report);
+}
+
+Boolean KVBackupContainerWriteZipFile(KVBackupContainerClass *container, CFStringRef zipPath,
+                                      KVBackupExportProgressCallBack progress, void *context,
+                                      KVBackupExportReport *report) {
+    return KVBackupContainerExportToZipWithReport(container, zipPath,
+                                                  Kelvane::asFunction(progress, context), report);
 }

@@ -6,7 +6,11 @@
 #include "container/KVBackupContainerClass.hpp"
 #include "support/zk/Log.hpp"
 
+#include <csignal>
 #include <map>
+#include <sstream>
+
+#include <sys/resource.h>
 
 namespace container_tests {
 
@@ -104,6 +108,60 @@ inline std::map<std::string, std::string> ReadTree(const std::string &root) {
     return files;
 }
 
+// Programs that are not ours find nothing wrong with an archive.
+inline void ExpectSoundArchive(const std::string &path) {
+    const auto unzip = testing_support::RunCommand({"unzip", "-tqq", path});
+    EXPECT_EQ(unzip.status, 0) << unzip.output << unzip.errors;
+    const auto zip = testing_support::RunCommand({"zip", "-qT", path});
+    EXPECT_EQ(zip.status, 0) << zip.output << zip.errors;
+    const auto python = testing_support::RunPython(
+        "import sys, zipfile\n"
+        "archive = zipfile.ZipFile(sys.argv[1])\n"
+        "assert archive.testzip() is None\n"
+        "assert len(archive.namelist()) == len(set(archive.namelist()))\n",
+        {path});
+    EXPECT_EQ(python.status, 0) << python.errors;
+}
+
+// What Python's zipfile finds in an archive, in its order: a line for each record by that
+// expression of its info and content.
+inline Texts ReadRecords(const std::string &path, const std::string &expression) {
+    const auto python = testing_support::RunPython("import sys, zipfile, hashlib\n"
+                                                   "archive = zipfile.ZipFile(sys.argv[1])\n"
+                                                   "for info in archive.infolist():\n"
+                                                   "    content = archive.read(info)\n"
+                                                   "    print(" +
+                                                       expression + ")\n",
+                                                   {path});
+    EXPECT_EQ(python.status, 0) << python.errors;
+    Texts lines;
+    std::istringstream stream(python.output);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// Files cannot grow past the limit while it lives.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(::rlim_t bytes) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        const ::rlimit limit{bytes, before_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    FileSizeLimit(const FileSizeLimit &) = delete;
+    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
+    ~FileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &before_);
+        ::signal(SIGXFSZ, SIG_DFL);
+    }
+
+  private:
+    ::rlimit before_{};
+};
+
 // A container of that version with nothing in it.
 inline Editable EmptyOfVersion(KVManifestDataVersion version) {
     const Editable container = Editable::Empty();
@@ -131,6 +189,14 @@ inline void AddForged(const Editable &container, const std::string &fileID,
                       const std::string &content) {
     AddForged(container, fileID, fileID,
               [content](CFStringRef, CFErrorRef *) { return Editable::FileOf(content).detach(); });
+}
+// The same with content that is on the disk before it is asked for.
+inline void AddPrepared(const Editable &container, const std::string &fileID,
+                        const std::string &content) {
+    AddForged(container, fileID, fileID,
+              [whole = Editable::FileOf(content)](CFStringRef, CFErrorRef *) {
+                  return KVFileCreateCopy(whole.get());
+              });
 }
 
 } // namespace container_tests

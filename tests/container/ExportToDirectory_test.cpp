@@ -1,10 +1,6 @@
 // Backups written out to directories.
 #include "tests/container/ExportFixture.hpp"
 
-#include <cmath>
-#include <csignal>
-
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace container_tests {
@@ -253,33 +249,10 @@ TEST_F(DirectoryExport, LeavesNoPartOfAFileThatVanishesBeforeItIsRead) {
     EXPECT_TRUE(has("Status.plist"));
 }
 
-// Files cannot grow past the limit while it lives.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(::rlim_t bytes) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &before_);
-        const ::rlimit limit{bytes, before_.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileSizeLimit(const FileSizeLimit &) = delete;
-    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
-    ~FileSizeLimit() {
-        ::setrlimit(RLIMIT_FSIZE, &before_);
-        ::signal(SIGXFSZ, SIG_DFL);
-    }
-
-  private:
-    ::rlimit before_{};
-};
-
 TEST_F(DirectoryExport, LeavesNoPartOfAFileThatDoesNotFit) {
     const Editable container = EmptyOfVersion(kKVManifestDataVersion24);
     AddForged(container, kIDs[0], "fits");
-    AddForged(container, kIDs[1], "path",
-              [whole = Editable::FileOf(std::string(100000, 'x'))](CFStringRef, CFErrorRef *) {
-                  return KVFileCreateCopy(whole.get());
-              });
+    AddPrepared(container, kIDs[1], std::string(100000, 'x'));
     const FileSizeLimit limit(50000);
     const Exported result = exportTo(container);
     EXPECT_TRUE(result.finished);

@@ -1,0 +1,209 @@
+#include "container/Export.hpp"
+
+#include "Kelvane/Error.hpp"
+#include "container/ZipDirectory.hpp"
+#include "container/ZipOutput.hpp"
+#include "container/ZipTime.hpp"
+#include "support/cf/Extensions.hpp"
+
+#include <minizip/zip.h>
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <set>
+#include <utility>
+
+namespace Kelvane {
+
+namespace {
+
+// The greatest size that a plain record can hold; one more stands for "see zip64".
+constexpr std::uint64_t kGreatestPlainSize = 0xfffffffe;
+// What a plain archive can count, less one that stands for "see zip64".
+constexpr std::uint64_t kMostPlainRecords = 0xfffe;
+// Data that does not compress grows by five bytes in each stored block of some 16 KiB.
+constexpr std::uint64_t kGrowth = 1024;
+constexpr std::uint64_t kSmallestGrowth = 4096;
+// The length of a name is a field of two bytes, which the library fills unchecked.
+constexpr std::size_t kLongestName = 0xffff;
+// Longer ones cannot be told to the library.
+constexpr std::size_t kLongestPiece = std::numeric_limits<std::uint32_t>::max();
+
+bool fitsPlainRecord(std::uint64_t size) { return size <= kGreatestPlainSize; }
+
+// True when the size, or that of the compressed data, may be too much for a plain record.
+bool mayNeedZip64(std::uint64_t size) {
+    const std::uint64_t room = size / kGrowth + kSmallestGrowth;
+    return size > kGreatestPlainSize || room > kGreatestPlainSize - size;
+}
+
+// What a step of the zip library failed with: its status, the system's error beneath.
+[[noreturn]] void throwZipError(const char *text, int status, int failure) {
+    CF::Error cause;
+    if (failure != 0) {
+        cause = CF::Error::Adopt(CFErrorCreatePOSIXError(kCFAllocatorDefault, failure, nullptr));
+    }
+    throw Error(kKVErrorArchive, cause, CF::String(text), status);
+}
+
+class ZipTarget : public ZipExportTarget {
+  public:
+    ZipTarget(const CF::String &path, ExportManner manner)
+        : zip64Allowed_(manner == ExportManner::Unlimited), output_(path.GetUTF8()) {
+        zlib_filefunc64_def functions = output_.Functions();
+        archive_ = zipOpen2_64(path.GetUTF8().c_str(), APPEND_STATUS_CREATE, nullptr, &functions);
+    }
+    ~ZipTarget() override {
+        if (archive_ != nullptr) {
+            zipClose(archive_, nullptr); // frees what it holds; the output goes
+        }
+    }
+
+    bool IsOpen() const noexcept override { return archive_ != nullptr; }
+    CFStringRef NotLoaded() const override {
+        return CFSTR("File %@ could not be loaded for writing to zip");
+    }
+    CFStringRef NotWritten() const override { return CFSTR("File %@ could not be written in zip"); }
+    void Write(const std::string &name, const KVFileClass *file, ExportProgress &progress) override;
+    void Complete() override;
+
+  private:
+    class Record;
+
+    bool zip64Allowed_;
+    ZipOutput output_;
+    zipFile archive_ = nullptr;
+    // The library lists records that failed all the same, and counts no more than 65,535:
+    // programs take an archive of more for damaged.
+    bool needsOwnDirectory(std::uint64_t start) const;
+    std::set<std::string> failed_;
+    std::uint64_t records_ = 0;
+};
+
+// A record that is no part of the archive unless it was completed.
+class ZipTarget::Record {
+  public:
+    Record(ZipTarget &target, const std::string &name, const KVFileClass *file)
+        : target_(target), name_(name), start_(target.output_.Position()) {
+        const int status = open(file);
+        if (status != ZIP_OK) {
+            const int failure = target_.output_.Failure();
+            discard();
+            throwZipError("The zip record could not be opened (%d)", status, failure);
+        }
+    }
+    Record(const Record &) = delete;
+    Record &operator=(const Record &) = delete;
+    ~Record() {
+        if (open_) {
+            zipCloseFileInZip(target_.archive_);
+            discard();
+        }
+    }
+
+    void Append(const std::vector<std::uint8_t> &bytes) const {
+        const int status = zipWriteInFileInZip(target_.archive_, bytes.data(),
+                                               static_cast<unsigned>(bytes.size()));
+        throwIfFailed("ZipWriteInFile failed (%d)", status);
+    }
+    void Complete() {
+        const int status = zipCloseFileInZip(target_.archive_);
+        open_ = false;
+        // Whether it is on the disk must be known while it can still be taken back.
+        target_.output_.Flush();
+        try {
+            throwIfFailed("The zip record could not be completed (%d)", status);
+        } catch (...) {
+            discard();
+            throw;
+        }
+    }
+
+  private:
+    int open(const KVFileClass *file) {
+        zip_fileinfo info{};
+        info.tmz_date = ZipTime(KVFileGetModifiedDate(file));
+        const bool zip64 = target_.zip64Allowed_ && mayNeedZip64(KVFileGetSize(file));
+        constexpr int kWindowBits = -15; // raw deflate
+        constexpr int kMemoryLevel = 8;
+        const int status =
+            zipOpenNewFileInZip3_64(target_.archive_, name_.c_str(), &info, nullptr, 0, nullptr, 0,
+                                    nullptr, Z_DEFLATED, Z_DEFAULT_COMPRESSION, 0, kWindowBits,
+                                    kMemoryLevel, Z_DEFAULT_STRATEGY, nullptr, 0, zip64 ? 1 : 0);
+        open_ = status == ZIP_OK;
+        return status;
+    }
+    void throwIfFailed(const char *text, int status) const {
+        const int failure = target_.output_.Failure();
+        if (status != ZIP_OK || failure != 0) {
+            throwZipError(text, status != ZIP_OK ? status : ZIP_ERRNO, failure);
+        }
+    }
+    void discard() {
+        if (target_.IsOpen()) {
+            target_.output_.Rewind(start_);
+            target_.failed_.insert(name_);
+        }
+    }
+
+    ZipTarget &target_;
+    const std::string name_;
+    std::uint64_t start_;
+    bool open_ = false;
+};
+
+void ZipTarget::Write(const std::string &name, const KVFileClass *file, ExportProgress &progress) {
+    const std::uint64_t size = KVFileGetSize(file);
+    if (!zip64Allowed_ && !fitsPlainRecord(size)) {
+        throw Error(kKVErrorArchive, nullptr,
+                    CFSTR("Too large for a plain zip record (%llu bytes)"),
+                    static_cast<unsigned long long>(size));
+    }
+    if (name.size() > kLongestName) {
+        throw Error(kKVErrorArchive, nullptr, CFSTR("Name too long for a zip record (%llu bytes)"),
+                    static_cast<unsigned long long>(name.size()));
+    }
+    Record record(*this, name, file);
+    const auto append = [&](const std::vector<std::uint8_t> &bytes) {
+        if (!bytes.empty() && bytes.size() < kLongestPiece) {
+            progress.Count(bytes.size());
+            record.Append(bytes);
+        }
+        return true;
+    };
+    if (const auto content = KVFileGetDataQuickly(file)) {
+        append(*content);
+    } else {
+        KVFileGetData(file, kKVFileDefaultDataChunkSize, append);
+    }
+    record.Complete();
+    ++records_;
+}
+
+bool ZipTarget::needsOwnDirectory(std::uint64_t start) const {
+    return !failed_.empty() || records_ > kMostPlainRecords || start > kGreatestPlainSize;
+}
+
+void ZipTarget::Complete() {
+    const std::uint64_t directory = output_.Position();
+    int status = zipClose(std::exchange(archive_, nullptr), nullptr);
+    if (status == ZIP_OK && needsOwnDirectory(directory) &&
+        !RewriteZipDirectory(output_, directory, failed_)) {
+        status = output_.Failure() != 0 ? ZIP_ERRNO : ZIP_BADZIPFILE;
+    }
+    if (status == ZIP_OK && !output_.Keep()) {
+        status = ZIP_ERRNO;
+    }
+    if (status != ZIP_OK) {
+        throwZipError("The archive could not be completed (%d)", status, output_.Failure());
+    }
+}
+
+} // namespace
+
+std::unique_ptr<ZipExportTarget> CreateZipTarget(const CF::String &path, ExportManner manner) {
+    return std::make_unique<ZipTarget>(path, manner);
+}
+
+} // namespace Kelvane
