@@ -30,7 +30,10 @@ constexpr std::size_t kLongestName = 0xffff;
 // Longer ones cannot be told to the library.
 constexpr std::size_t kLongestPiece = std::numeric_limits<std::uint32_t>::max();
 
-bool fitsPlainRecord(std::uint64_t size) { return size <= kGreatestPlainSize; }
+[[noreturn]] void throwTooLarge(std::uint64_t size) {
+    throw Error(kKVErrorArchive, nullptr, CFSTR("Too large for a plain zip record (%llu bytes)"),
+                static_cast<unsigned long long>(size));
+}
 
 // True when the size, or that of the compressed data, may be too much for a plain record.
 bool mayNeedZip64(std::uint64_t size) {
@@ -102,7 +105,9 @@ class ZipTarget::Record {
         }
     }
 
-    void Append(const std::vector<std::uint8_t> &bytes) const {
+    void Append(const std::vector<std::uint8_t> &bytes) {
+        size_ += bytes.size();
+        requireFits(size_); // content may turn out larger than it said to be
         const int status = zipWriteInFileInZip(target_.archive_, bytes.data(),
                                                static_cast<unsigned>(bytes.size()));
         throwIfFailed("ZipWriteInFile failed (%d)", status);
@@ -114,6 +119,7 @@ class ZipTarget::Record {
         target_.output_.Flush();
         try {
             throwIfFailed("The zip record could not be completed (%d)", status);
+            requireFits(target_.output_.Position() - start_); // the header is some bytes too many
         } catch (...) {
             discard();
             throw;
@@ -124,13 +130,13 @@ class ZipTarget::Record {
     int open(const KVFileClass *file) {
         zip_fileinfo info{};
         info.tmz_date = ZipTime(KVFileGetModifiedDate(file));
-        const bool zip64 = target_.zip64Allowed_ && mayNeedZip64(KVFileGetSize(file));
+        zip64_ = target_.zip64Allowed_ && mayNeedZip64(KVFileGetSize(file));
         constexpr int kWindowBits = -15; // raw deflate
         constexpr int kMemoryLevel = 8;
         const int status =
             zipOpenNewFileInZip3_64(target_.archive_, name_.c_str(), &info, nullptr, 0, nullptr, 0,
                                     nullptr, Z_DEFLATED, Z_DEFAULT_COMPRESSION, 0, kWindowBits,
-                                    kMemoryLevel, Z_DEFAULT_STRATEGY, nullptr, 0, zip64 ? 1 : 0);
+                                    kMemoryLevel, Z_DEFAULT_STRATEGY, nullptr, 0, zip64_ ? 1 : 0);
         open_ = status == ZIP_OK;
         return status;
     }
@@ -138,6 +144,12 @@ class ZipTarget::Record {
         const int failure = target_.output_.Failure();
         if (status != ZIP_OK || failure != 0) {
             throwZipError(text, status != ZIP_OK ? status : ZIP_ERRNO, failure);
+        }
+    }
+    // The library writes sizes that do not fit as if they did.
+    void requireFits(std::uint64_t size) const {
+        if (!zip64_ && size > kGreatestPlainSize) {
+            throwTooLarge(size);
         }
     }
     void discard() {
@@ -150,15 +162,14 @@ class ZipTarget::Record {
     ZipTarget &target_;
     const std::string name_;
     std::uint64_t start_;
+    std::uint64_t size_ = 0;
+    bool zip64_ = false;
     bool open_ = false;
 };
 
 void ZipTarget::Write(const std::string &name, const KVFileClass *file, ExportProgress &progress) {
-    const std::uint64_t size = KVFileGetSize(file);
-    if (!zip64Allowed_ && !fitsPlainRecord(size)) {
-        throw Error(kKVErrorArchive, nullptr,
-                    CFSTR("Too large for a plain zip record (%llu bytes)"),
-                    static_cast<unsigned long long>(size));
+    if (!zip64Allowed_ && KVFileGetSize(file) > kGreatestPlainSize) {
+        throwTooLarge(KVFileGetSize(file));
     }
     if (name.size() > kLongestName) {
         throw Error(kKVErrorArchive, nullptr, CFSTR("Name too long for a zip record (%llu bytes)"),
