@@ -1,5 +1,7 @@
 #include "manifest/DomainEntries.hpp"
 
+#include <numeric>
+
 namespace Kelvane {
 
 namespace {
@@ -40,9 +42,11 @@ const PathIndex &DomainEntries::Paths(const EntryTable &table) {
     return *paths_;
 }
 
-void DomainEntries::Append(EntryPosition position) {
-    positions_.push_back(position);
-    ++count_;
+void DomainEntries::AppendRun(EntryPosition first, EntryPosition end) {
+    const std::size_t size = positions_.size();
+    positions_.resize(size + (end - first));
+    std::iota(positions_.begin() + static_cast<std::ptrdiff_t>(size), positions_.end(), first);
+    count_ += end - first;
 }
 
 void DomainEntries::Add(const EntryTable &table, EntryPosition position) {
@@ -50,7 +54,7 @@ void DomainEntries::Add(const EntryTable &table, EntryPosition position) {
     if (positions_.size() > 2 * count_ + kFewPositions) {
         (void)Positions(table);
     }
-    Append(position);
+    AppendRun(position, position + 1);
     if (firstAtPath_) {
         firstAtPath_->Add(table, {&position, 1});
     }

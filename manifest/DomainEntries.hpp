@@ -28,8 +28,8 @@ class DomainEntries {
 
     // Of an entry behind all others.
     void Add(const EntryTable &table, EntryPosition position);
-    // The same while the domain is gathered for the first time.
-    void Append(EntryPosition position);
+    // Of the entries from first to before end, while the domain is gathered for the first time.
+    void AppendRun(EntryPosition first, EntryPosition end);
     // Given in ascending order, while the table still has the entries.
     void Remove(const EntryTable &table, std::span<const EntryPosition> positions);
     // Forgets removed entries; to be called before the table is compacted.

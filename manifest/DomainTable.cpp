@@ -18,25 +18,33 @@ void FetchDomain(const EntryTable &table, EntryPosition position) {
     }
 }
 
+CFStringRef DomainAt(const EntryTable &table, EntryPosition position) {
+    const KVManifestEntryClass *const entry = table.At(position);
+    return entry == nullptr ? nullptr : entry->domain.get();
+}
+
+// Behind the entries from a position on that share its domain string; a gap is like a domain.
+EntryPosition EndOfRun(const EntryTable &table, EntryPosition position) {
+    CFStringRef domain = DomainAt(table, position);
+    do {
+        FetchDomain(table, ++position + kAhead);
+    } while (position < table.End() && DomainAt(table, position) == domain);
+    return position;
+}
+
 bool IsNamed(CFStringRef domain) { return CFStringGetLength(domain) > 0; }
 
 } // namespace
 
 // Entries of one domain mostly come in a row and share its string.
 DomainTable::DomainTable(const EntryTable &table) {
-    CFStringRef last = nullptr;
-    DomainEntries *entries = nullptr;
-    for (EntryPosition position = 0; position < table.End(); ++position) {
-        FetchDomain(table, position + kAhead);
+    for (EntryPosition position = 0; position < table.End();) {
+        const EntryPosition end = EndOfRun(table, position);
         const KVManifestEntryClass *const entry = table.At(position);
-        if (entry == nullptr || !IsNamed(KVManifestEntryGetDomain(entry))) {
-            continue;
+        if (entry != nullptr && IsNamed(KVManifestEntryGetDomain(entry))) {
+            domains_[KVManifestEntryGetDomain(entry)].AppendRun(position, end);
         }
-        if (KVManifestEntryGetDomain(entry) != last) {
-            last = KVManifestEntryGetDomain(entry);
-            entries = &domains_[last];
-        }
-        entries->Append(position);
+        position = end;
     }
 }
 

@@ -27,7 +27,7 @@ Kelvane::EntryPointer makeEntry(CFAllocatorRef allocator, const NewEntry &kind, 
     auto entry = Kelvane::AllocateEntry(allocator);
     KVManifestEntryClass &body = *entry.get();
     Kelvane::SetEntryPath(body, domain, relativePath);
-    body.fileID = CF::Adopt(KVManifestEntryCopyFileIDForPath(domain, relativePath));
+    Kelvane::SetFileID(body, CF::Adopt(KVManifestEntryCopyFileIDForPath(domain, relativePath)));
     body.external = true;
     body.mode = kind.mode;
     body.fileType = kind.fileType;
@@ -110,6 +110,7 @@ EntryPointer CopyEntry(CFAllocatorRef allocator, const KVManifestEntryClass &sou
     body.domainPathPair = source.domainPathPair;
     body.deviceFilename = source.deviceFilename;
     body.fileID = source.fileID;
+    body.fileIDHash = source.fileIDHash;
     body.auxiliaryArray = source.auxiliaryArray;
     body.file = source.file;
     body.external = source.external;

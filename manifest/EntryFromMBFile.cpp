@@ -113,7 +113,7 @@ EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fil
     }
     SetEntryPath(body, domain, relativePath);
     if (fileID != nullptr) {
-        body.fileID = CF::Adopt(CFStringCreateCopy(kCFAllocatorDefault, fileID));
+        SetFileID(body, CF::Adopt(CFStringCreateCopy(kCFAllocatorDefault, fileID)));
     }
     body.fileType = static_cast<std::uint8_t>(flags);
     body.getFileFunc = loader;

@@ -17,9 +17,7 @@ static_assert(kMaximumEntries < kGroupMark);
 constexpr std::size_t kFewestCells = 16;
 // The lines of memory that hold most file IDs and paths.
 constexpr std::size_t kCacheLine = 64;
-// Entries at a time: their memory is fetched ahead, which makes adding many of them
-// several times as quick. They lie all over the heap.
-constexpr std::size_t kBlock = 32;
+constexpr std::size_t kAhead = 8;
 
 // Beyond this share of cells, probes would become long.
 std::size_t MostUsed(std::size_t cells) { return cells / 4 * 3; }
@@ -37,6 +35,33 @@ void Fetch(const void *memory) { __builtin_prefetch(memory); }
 
 CFStringRef EntryIndex::TextAt(const EntryTable &table, EntryPosition position) const noexcept {
     return (table.At(position)->*field_).get();
+}
+
+std::uint32_t EntryIndex::RememberedHash(const EntryTable &table,
+                                         EntryPosition position) const noexcept {
+    return hash_ == nullptr ? 0 : table.At(position)->*hash_;
+}
+
+void EntryIndex::FetchEntry(const EntryTable &table, EntryPosition position) const noexcept {
+    const KVManifestEntryClass *const entry = table.At(position);
+    if (hash_ == nullptr) {
+        Fetch(&(entry->*field_));
+    } else {
+        Fetch(&(entry->*hash_));
+    }
+}
+
+void EntryIndex::FetchText(const EntryTable &table, EntryPosition position) const noexcept {
+    if (RememberedHash(table, position) == 0) {
+        const auto *const text = reinterpret_cast<const char *>(TextAt(table, position));
+        Fetch(text);
+        Fetch(text + kCacheLine);
+    }
+}
+
+std::uint32_t EntryIndex::HashAt(const EntryTable &table, EntryPosition position) const noexcept {
+    const std::uint32_t remembered = RememberedHash(table, position);
+    return remembered != 0 ? remembered : HashText(TextAt(table, position));
 }
 
 std::span<const EntryPosition> EntryIndex::PositionsOf(const Cell &cell) const noexcept {
@@ -125,35 +150,50 @@ bool EntryIndex::AppendOccurrences(const EntryTable &table, const KVManifestEntr
     return limit == 0;
 }
 
-void EntryIndex::Add(const EntryTable &table, std::span<const EntryPosition> positions) {
+void EntryIndex::MakeRoom(const EntryTable &table, std::size_t additional) {
     // Groups count too: a text that comes and goes twice leaves one behind each time.
-    if (used_ + groups_.size() + positions.size() > MostUsed(cells_.size())) {
-        Rehash(table, positions.size());
-    }
-    while (!positions.empty()) {
-        const auto block = positions.first(std::min(kBlock, positions.size()));
-        AddBlock(table, block);
-        positions = positions.subspan(block.size());
+    if (used_ + groups_.size() + additional > MostUsed(cells_.size())) {
+        Rehash(table, additional);
     }
 }
 
-void EntryIndex::AddBlock(const EntryTable &table, std::span<const EntryPosition> positions) {
-    for (const EntryPosition position : positions) {
-        Fetch(&(table.At(position)->*field_));
+// Each entry goes through four steps, kAhead entries apart, and each step fetches the memory
+// that the next one needs. It lies all over the heap: without fetching ahead, adding many
+// would take several times as long.
+template <class PositionAt>
+void EntryIndex::AddEach(const EntryTable &table, std::size_t count, PositionAt positionAt) {
+    std::array<std::uint32_t, kAhead> hashes{};
+    for (std::size_t i = 0; i < count + 3 * kAhead; ++i) {
+        if (i >= 3 * kAhead) {
+            Place(table, positionAt(i - 3 * kAhead), hashes[i % kAhead]);
+        }
+        if (i >= 2 * kAhead && i - 2 * kAhead < count) {
+            const std::uint32_t hash = HashAt(table, positionAt(i - 2 * kAhead));
+            hashes[i % kAhead] = hash;
+            Fetch(&cells_[hash & (cells_.size() - 1)]);
+        }
+        if (i >= kAhead && i - kAhead < count) {
+            FetchText(table, positionAt(i - kAhead));
+        }
+        if (i < count) {
+            FetchEntry(table, positionAt(i));
+        }
     }
-    for (const EntryPosition position : positions) {
-        const auto *const text = reinterpret_cast<const char *>(TextAt(table, position));
-        Fetch(text);
-        Fetch(text + kCacheLine);
+}
+
+void EntryIndex::Add(const EntryTable &table, std::span<const EntryPosition> positions) {
+    MakeRoom(table, positions.size());
+    AddEach(table, positions.size(), [&](std::size_t i) { return positions[i]; });
+}
+
+void EntryIndex::AddAll(const EntryTable &table) {
+    if (table.Count() < table.End()) {
+        Add(table, table.Positions());
+        return;
     }
-    std::array<std::uint32_t, kBlock> hashes;
-    for (std::size_t i = 0; i < positions.size(); ++i) {
-        hashes[i] = HashText(TextAt(table, positions[i]));
-        Fetch(&cells_[hashes[i] & (cells_.size() - 1)]);
-    }
-    for (std::size_t i = 0; i < positions.size(); ++i) {
-        Place(table, positions[i], hashes[i]);
-    }
+    // Without gaps no list of positions is needed.
+    MakeRoom(table, table.Count());
+    AddEach(table, table.Count(), [](std::size_t i) { return static_cast<EntryPosition>(i); });
 }
 
 void EntryIndex::Place(const EntryTable &table, EntryPosition position, std::uint32_t hash) {
@@ -195,7 +235,7 @@ void EntryIndex::Rehash(const EntryTable &table, std::size_t additional) {
             live += IsGroup(cell.value) ? 2 : 1;
         }
     }
-    EntryIndex other(field_);
+    EntryIndex other(field_, hash_);
     other.cells_.assign(CellsFor(live), Cell{0, kFree});
     for (const Cell &cell : cells_) {
         if (cell.value != kFree) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "manifest/EntryTable.hpp"
+#include "support/zk/LargePages.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,12 +19,17 @@ namespace Kelvane {
 // An index whose function has thrown (std::bad_alloc) is of no further use.
 class EntryIndex {
   public:
-    // The field of entries that is looked up.
+    // The field of entries that is looked up, and the one that may hold its HashText, or 0.
     using Field = CF::Pointer<CFStringRef> KVManifestEntryClass::*;
-    explicit EntryIndex(Field field) noexcept : field_(field) {}
+    using HashField = std::uint32_t KVManifestEntryClass::*;
+    explicit EntryIndex(Field field, HashField hash = nullptr) noexcept
+        : field_(field), hash_(hash) {}
 
     // Positions that hold an entry, ascending and above all that were added before.
     void Add(const EntryTable &table, std::span<const EntryPosition> positions);
+
+    // The same for every entry of a table, in an index that is empty.
+    void AddAll(const EntryTable &table);
 
     // The first or last entry with the text in manifest order; kNoEntry for none.
     EntryPosition First(const EntryTable &table, CFStringRef text);
@@ -53,11 +59,17 @@ class EntryIndex {
         std::size_t first = 0;
     };
 
-    void AddBlock(const EntryTable &table, std::span<const EntryPosition> positions);
+    void MakeRoom(const EntryTable &table, std::size_t additional);
+    template <class PositionAt>
+    void AddEach(const EntryTable &table, std::size_t count, PositionAt positionAt);
     void Place(const EntryTable &table, EntryPosition position, std::uint32_t hash);
     void Join(Cell &cell, EntryPosition position);
     Cell *Find(const EntryTable &table, CFStringRef text);
     CFStringRef TextAt(const EntryTable &table, EntryPosition position) const noexcept;
+    std::uint32_t RememberedHash(const EntryTable &table, EntryPosition position) const noexcept;
+    void FetchEntry(const EntryTable &table, EntryPosition position) const noexcept;
+    void FetchText(const EntryTable &table, EntryPosition position) const noexcept;
+    std::uint32_t HashAt(const EntryTable &table, EntryPosition position) const noexcept;
     EntryPosition FirstOf(const EntryTable &table, const Cell &cell) noexcept;
     EntryPosition LastOf(const EntryTable &table, const Cell &cell) noexcept;
     std::span<const EntryPosition> PositionsOf(const Cell &cell) const noexcept;
@@ -66,7 +78,8 @@ class EntryIndex {
     void MoveTo(EntryIndex &other, const EntryTable &table, const Cell &cell);
 
     Field field_;
-    std::vector<Cell> cells_; // a power of two of them, or none
+    HashField hash_;                                        // null for none
+    std::vector<Cell, ZK::LargePageAllocator<Cell>> cells_; // a power of two of them, or none
     std::vector<Group> groups_;
     std::size_t used_ = 0; // cells that are not free
 };

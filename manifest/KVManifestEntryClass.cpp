@@ -1,6 +1,7 @@
 #include "manifest/KVManifestEntryClass.hpp"
 
 #include "foundation/RuntimeClass.hpp"
+#include "manifest/TextHash.hpp"
 #include "support/cf/CF.hpp"
 
 #include <string>
@@ -105,6 +106,11 @@ void SetEntryPath(KVManifestEntryClass &entry, CFStringRef domain, CFStringRef r
     entry.givenPath = entry.relativePath;
     entry.domainPathPair = nullptr;
     entry.deviceFilename = nullptr;
+}
+
+void SetFileID(KVManifestEntryClass &entry, CF::Pointer<CFStringRef> fileID) noexcept {
+    entry.fileIDHash = HashText(fileID.get());
+    entry.fileID = std::move(fileID);
 }
 
 } // namespace Kelvane

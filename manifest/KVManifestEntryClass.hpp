@@ -53,6 +53,9 @@ struct KVManifestEntryClass {
     std::uint32_t uid = 0;
     std::uint32_t gid = 0;
     EntryProtectionClass protectionClass = kEntryProtectionClassNotSet;
+    // HashText of the file ID, or 0 when it was not remembered: an index of all entries of a
+    // manifest then need not read every file ID.
+    std::uint32_t fileIDHash = 0;
     CFAbsoluteTime birth = 0;
     CFAbsoluteTime lastModified = 0;
     CFAbsoluteTime lastStatusChange = 0;
@@ -81,6 +84,8 @@ EntryPointer AllocateEntry(CFAllocatorRef allocator);
 // Sets domain and path (given path included) and forgets the texts made from the old
 // ones. Null reads as empty; mutable strings are copied.
 void SetEntryPath(KVManifestEntryClass &entry, CFStringRef domain, CFStringRef relativePath);
+// Sets the file ID, an immutable string, and remembers its hash.
+void SetFileID(KVManifestEntryClass &entry, CF::Pointer<CFStringRef> fileID) noexcept;
 // What KVManifestEntryCreateCopy does, with a loading function that many copies share.
 EntryPointer CopyEntry(CFAllocatorRef allocator, const KVManifestEntryClass &source,
                        FileLoader loader);

@@ -9,8 +9,8 @@ namespace Kelvane {
 
 EntryIndex &LookupTables::ByFileID(const EntryTable &table) {
     if (!byFileID_) {
-        EntryIndex index(&KVManifestEntryClass::fileID);
-        index.Add(table, table.Positions());
+        EntryIndex index(&KVManifestEntryClass::fileID, &KVManifestEntryClass::fileIDHash);
+        index.AddAll(table);
         byFileID_ = std::move(index);
     }
     return *byFileID_;

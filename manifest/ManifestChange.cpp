@@ -35,6 +35,9 @@ std::vector<EntryPosition> FindByPassing(const EntryTable &table, Occurrences wa
 // when thousands have the same file ID.
 std::vector<EntryPosition> FindPositions(KVManifestClass &manifest,
                                          const std::vector<EntryPointer> &removed) {
+    if (removed.empty()) {
+        return {};
+    }
     Occurrences wanted;
     for (const EntryPointer &entry : removed) {
         ++wanted[entry.get()];

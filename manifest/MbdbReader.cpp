@@ -53,7 +53,7 @@ bool ReadNames(KVManifestEntryClass &entry, ByteCursor &cursor, TextCache &domai
         return false;
     }
     SetEntryPath(entry, domain.get(), path.get());
-    entry.fileID = CF::Adopt(KVManifestEntryCopyFileIDForPath(domain.get(), path.get()));
+    SetFileID(entry, CF::Adopt(KVManifestEntryCopyFileIDForPath(domain.get(), path.get())));
     entry.target = ReadText(cursor);
     if (!entry.target) {
         return false;

@@ -169,6 +169,33 @@ TEST(EntryIndex, FindsTheLastPlacesOfAnEntry) {
     EXPECT_FALSE(indexed.index().AppendOccurrences(indexed.table(), *entry.get(), 1, steps, found));
 }
 
+TEST(EntryIndex, TakesRememberedHashesForTheTexts) {
+    EntryTable table;
+    const auto remembered = MakeEntry("D", "a");
+    Kelvane::SetFileID(*remembered.get(), remembered.get()->fileID);
+    EXPECT_EQ(remembered.get()->fileIDHash, HashText(remembered.get()->fileID.get()));
+    const auto other = MakeEntry("D", "a");
+    ASSERT_EQ(other.get()->fileIDHash, 0U);
+    table.Append(remembered.get());
+    table.Append(other.get());
+    EntryIndex index(&KVManifestEntryClass::fileID, &KVManifestEntryClass::fileIDHash);
+    index.AddAll(table);
+    EXPECT_THAT(index.All(table, other.get()->fileID.get()), ElementsAre(0U, 1U));
+}
+
+TEST(EntryIndex, AddsAllOfATableWithGaps) {
+    EntryTable table;
+    for (const char *path : {"a", "b", "c"}) {
+        table.Append(MakeEntry("D", path).get());
+    }
+    table.Remove(1);
+    EntryIndex index(&KVManifestEntryClass::relativePath);
+    index.AddAll(table);
+    EXPECT_EQ(index.First(table, CFSTR("a")), 0U);
+    EXPECT_EQ(index.First(table, CFSTR("b")), kNoEntry);
+    EXPECT_EQ(index.First(table, CFSTR("c")), 2U);
+}
+
 TEST(EntryIndex, BearsAHundredThousandEntriesOfOneText) {
     constexpr int kMany = 100000;
     IndexedTable indexed;

@@ -132,6 +132,10 @@ Known Pair::MakeKnown() {
     if (Below(3) == 0) {
         known.entry.get()->fileID = Text("id" + std::to_string(Below(20))).get();
     }
+    // As readers do it; an entry may have its hash remembered or not.
+    if (Below(2) == 0) {
+        Kelvane::SetFileID(*known.entry.get(), known.entry.get()->fileID);
+    }
     known.fileID = Plain(known.entry.get()->fileID.get());
     return known;
 }
