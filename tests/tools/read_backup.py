@@ -4,6 +4,7 @@
     read_backup.py BACKUP                              a table of the entries; every content is checked
     read_backup.py BACKUP --json                       the same, one JSON object a line
     read_backup.py BACKUP --info                       a JSON object that describes the backup
+    read_backup.py BACKUP --account                    everything in it that is not as it should be, a line each
     read_backup.py BACKUP --extract DIR                every entry as DIR/DOMAIN/PATH; DIR must not exist
     read_backup.py BACKUP --password-file FILE ...     for an encrypted one
 
@@ -20,6 +21,7 @@ import sys
 from pathlib import Path
 from typing import Any
 
+from backup_reader.account import account
 from backup_reader.backup import Backup
 from backup_reader.errors import BackupError
 from backup_reader.extract import extract
@@ -83,6 +85,11 @@ def run(arguments: argparse.Namespace) -> int:
     if arguments.info:
         print(json.dumps(backup.info()))
         return 0
+    if arguments.account:
+        faults = list(account(backup))
+        for fault in faults:
+            print(ascii(fault))
+        return 1 if faults else 0
     if arguments.extract is None:
         return 1 if print_entries(backup, arguments.json) else 0
     failed = 0
@@ -98,6 +105,7 @@ def main() -> int:
     parser.add_argument("--password-file", type=Path, metavar="FILE")
     parser.add_argument("--json", action="store_true")
     parser.add_argument("--info", action="store_true")
+    parser.add_argument("--account", action="store_true")
     parser.add_argument("--extract", type=Path, metavar="DIR")
     try:
         return run(parser.parse_args())

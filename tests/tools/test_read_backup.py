@@ -161,5 +161,73 @@ class Unreadable(ToolTest):
             self.assertIn(message, result.stderr)
 
 
+class Account(ToolTest):
+    """`--account`: nothing about a sound backup, a line about everything else."""
+
+    def faults(self, backup: Path) -> list[str]:
+        result = self.read(backup, "--account")
+        self.assertEqual(result.returncode, 1 if result.stdout else 0, result.stderr)
+        return result.stdout.splitlines()
+
+    def changed(self, sql: str) -> list[str]:
+        backup = self.make("changed", "--tree", "small")
+        connection = sqlite3.connect(backup / "Manifest.db")
+        with connection:
+            connection.executescript(sql)
+        connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+        connection.close()
+        for name in ("Manifest.db-wal", "Manifest.db-shm"):
+            (backup / name).unlink(missing_ok=True)
+        return self.faults(backup)
+
+    def test_of_sound_backups_is_empty(self) -> None:
+        for name, options in (("old", ("--version", "2.4")), ("new", ("--placeholders", "2")),
+                              ("encrypted.zip", ("--zip", *self.encrypted()))):
+            self.assertEqual(self.faults(self.make(name, *options)), [])
+
+    def test_of_files_that_are_missing_or_belong_to_nothing(self) -> None:
+        backup = self.make("files", "--tree", "small")
+        identifier = next(entry["fileID"] for entry in self.expectations(backup)["entries"] if entry["type"] == "file")
+        stored = backup / identifier[:2] / identifier
+        stored.rename(backup / "stray")
+        found = self.faults(backup)
+        self.assertIn(f"'{identifier[:2]}/{identifier} is missing'", found)
+        self.assertIn("'stray belongs to nothing'", found)
+
+    def test_of_flags(self) -> None:
+        [fault] = self.changed("UPDATE Files SET flags = 2 WHERE relativePath = 'Documents/Welcome.txt'")
+        self.assertIn("the flags are 2", fault)
+
+    def test_of_the_schema(self) -> None:
+        self.assertEqual(self.changed("PRAGMA user_version = 3; DROP INDEX FilesFlagsIdx"), [
+            "\"the schema holds ['Files', 'FilesDomainIdx', 'FilesRelativePathIdx', 'Properties']\"",
+            "'FilesFlagsIdx is no index of flags'", "'user_version is 3'"])
+
+    def test_of_file_ids(self) -> None:
+        [fault] = self.changed("UPDATE Files SET fileID = 'ff' || substr(fileID, 3) WHERE flags = 2"
+                               " AND relativePath = 'Documents' AND domain LIKE '%notes'")
+        self.assertIn("the file ID is ff", fault)
+
+    def test_of_directories_that_are_missing(self) -> None:
+        found = self.changed("DELETE FROM Files WHERE relativePath = 'Documents' AND domain LIKE '%notes'")
+        self.assertTrue(found)
+        self.assertTrue(all("'Documents' above it is no directory" in fault for fault in found), found)
+
+    def test_of_contents(self) -> None:
+        for variant in ("stored-truncated", "stored-changed", "digest-wrong"):
+            self.assert_one(variant, self.make(variant, "--tree", "small", "--hostile", variant))
+
+    def test_of_keys(self) -> None:
+        for variant in ("key-missing", "key-short", "key-damaged", "device-bound"):
+            self.assert_one(variant, self.make(variant, "--tree", "small", "--hostile", variant,
+                                               *self.encrypted("--device-bound")))
+
+    def assert_one(self, variant: str, backup: Path) -> None:
+        """One entry at fault; the directories above it are not there either, which is not asked about."""
+        found = [fault for fault in self.faults(backup) if "above it is no directory" not in fault]
+        self.assertTrue(found)
+        self.assertTrue(all(f"{variant}.txt" in fault for fault in found), found)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import hashlib
 import plistlib
 import shutil
@@ -54,7 +55,7 @@ class Backup:
         self.status_plist = self._plist("Status.plist")
         self.version: str = self.status_plist["Version"]
         self.encrypted = bool(self.manifest_plist.get("IsEncrypted"))
-        self._keybag = self._unlock(password)
+        self.keybag = self._unlock(password)
         self._manifest = self._read_manifest()
 
     @property
@@ -64,6 +65,15 @@ class Backup:
     @property
     def placeholders(self) -> int:
         return self._manifest.placeholders
+
+    @functools.cached_property
+    def kinds(self) -> dict[tuple[str, str], str]:
+        """The kind of each entry by its domain and path."""
+        return {(entry.domain, entry.path): entry.kind for entry in self.entries}
+
+    @property
+    def manifest_faults(self) -> list[str]:
+        return self._manifest.faults
 
     def stored_names(self) -> set[str]:
         return self._source.names()
@@ -95,7 +105,7 @@ class Backup:
 
         def stored() -> Iterator[bytes]:
             nonlocal stored_size
-            for chunk in self._stored_chunks(self._stored_name(entry.file_id)):
+            for chunk in self.stored_chunks(self.stored_name(entry.file_id)):
                 stored_hash.update(chunk)
                 stored_size += len(chunk)
                 yield chunk
@@ -111,18 +121,18 @@ class Backup:
             raise BackupError("the digest does not match")
 
     def _file_key(self, entry: Entry) -> bytes:
-        if entry.key is None or self._keybag is None:
+        if entry.key is None or self.keybag is None:
             raise BackupError("the file has no key")
-        return self._keybag.unlock(entry.key)
+        return self.keybag.unlock(entry.key)
 
-    def _stored_name(self, file_id: str) -> str:
+    def stored_name(self, file_id: str) -> str:
         if self.version == BINARY_VERSION:
             return file_id
         if len(file_id) < 2:
             raise BackupError(f"unsafe stored name {file_id!r}")
         return f"{file_id[:2]}/{file_id}"
 
-    def _stored_chunks(self, name: str) -> Iterator[bytes]:
+    def stored_chunks(self, name: str) -> Iterator[bytes]:
         with self._source.open(name) as file:
             try:
                 while chunk := file.read(CHUNK_SIZE):
@@ -132,7 +142,7 @@ class Backup:
 
     def _plist(self, name: str) -> dict[str, Any]:
         try:
-            return plistlib.loads(b"".join(self._stored_chunks(name)))
+            return plistlib.loads(b"".join(self.stored_chunks(name)))
         except (plistlib.InvalidFileException, ExpatError, ValueError) as error:
             raise BackupError(f"{name} is no property list") from error
 
@@ -147,10 +157,10 @@ class Backup:
 
     def _read_manifest(self) -> Manifest:
         if self.version == BINARY_VERSION:
-            return read_binary(b"".join(self._stored_chunks("Manifest.mbdb")))
-        chunks = self._stored_chunks("Manifest.db")
-        if self._keybag is not None:
-            chunks = decrypt(chunks, self._keybag.unlock(self.manifest_plist["ManifestKey"]))
+            return read_binary(b"".join(self.stored_chunks("Manifest.mbdb")))
+        chunks = self.stored_chunks("Manifest.db")
+        if self.keybag is not None:
+            chunks = decrypt(chunks, self.keybag.unlock(self.manifest_plist["ManifestKey"]))
         folder = tempfile.mkdtemp()
         try:
             path = Path(folder) / "Manifest.db"

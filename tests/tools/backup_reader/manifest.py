@@ -39,6 +39,9 @@ class Entry:
     digest: bytes | None
     key: bytes | None
     attributes: dict[str, Any] = field(default_factory=dict)
+    inode: int = 0
+    # What the row of a database says of the kind; None where there is no row.
+    flags: int | None = None
 
     @property
     def kind(self) -> str:
@@ -86,18 +89,19 @@ def reference(item: Any) -> int | None:
     return None
 
 
-def decode_row(file_id: str, domain: str, path: str, blob: bytes) -> Entry:
+def decode_row(file_id: str, domain: str, path: str, flags: int, blob: bytes) -> Entry:
     archive = Archive(blob)
     record = archive.root()
     numbers = {key: archive.value(record[key]) for key in (
-        "Mode", "UserID", "GroupID", "Birth", "LastModified", "LastStatusChange", "Size", "ProtectionClass")}
+        "Mode", "UserID", "GroupID", "Birth", "LastModified", "LastStatusChange", "Size", "ProtectionClass",
+        "InodeNumber")}
     if archive.value(record["RelativePath"]) != path:
         raise BackupError(f"row {file_id!r} and its record differ in their paths")
     return Entry(
         file_id, domain, path, archive.value(record.get("Target")) or "", numbers["Mode"], numbers["UserID"],
         numbers["GroupID"], numbers["Birth"], numbers["LastModified"], numbers["LastStatusChange"], numbers["Size"],
         numbers["ProtectionClass"], archive.value(record.get("Digest")), archive.value(record.get("EncryptionKey")),
-        archive.attributes(record.get("ExtendedAttributes")))
+        archive.attributes(record.get("ExtendedAttributes")), numbers["InodeNumber"], flags)
 
 
 @dataclass
@@ -106,6 +110,8 @@ class Manifest:
 
     entries: list[Entry]
     placeholders: int = 0
+    # What is wrong with the database as such, beside its rows.
+    faults: list[str] = field(default_factory=list)
 
 
 def read_database(path: Path) -> Manifest:
@@ -118,12 +124,38 @@ def read_database(path: Path) -> Manifest:
             if flags == PLACEHOLDER and not domain and not blob:
                 manifest.placeholders += 1
                 continue
-            manifest.entries.append(decode_row(file_id, domain, relative_path, blob))
+            manifest.entries.append(decode_row(file_id, domain, relative_path, flags, blob))
+        manifest.faults = list(database_faults(connection))
     except (sqlite3.Error, plistlib.InvalidFileException, KeyError, IndexError, TypeError, ValueError) as error:
         raise BackupError(f"Manifest.db cannot be read: {error!r}") from error
     finally:
         connection.close()
     return manifest
+
+
+COLUMNS = [("fileID", "TEXT", 1), ("domain", "TEXT", 0), ("relativePath", "TEXT", 0), ("flags", "INTEGER", 0),
+           ("file", "BLOB", 0)]
+PROPERTIES = [("key", "TEXT", 1), ("value", "BLOB", 0)]
+INDEXES = {"FilesDomainIdx": "domain", "FilesFlagsIdx": "flags", "FilesRelativePathIdx": "relativePath"}
+USER_VERSION, PAGE_SIZE = 2, 4096
+
+
+def database_faults(connection: sqlite3.Connection) -> Iterator[str]:
+    """How the database differs from what devices write, and whether it is sound."""
+    for table, wanted in (("Files", COLUMNS), ("Properties", PROPERTIES)):
+        found = [(row[1], row[2], row[5]) for row in connection.execute(f"PRAGMA table_info({table})")]
+        if found != wanted:
+            yield f"table {table} has the columns {found}"
+    names = {row[0] for row in connection.execute("SELECT name FROM sqlite_master WHERE sql IS NOT NULL")}
+    if names != {"Files", "Properties", *INDEXES}:
+        yield f"the schema holds {sorted(names)}"
+    for index, column in INDEXES.items():
+        if [row[2] for row in connection.execute(f"PRAGMA index_info({index})")] != [column]:
+            yield f"{index} is no index of {column}"
+    for pragma, wanted_value in (("user_version", USER_VERSION), ("page_size", PAGE_SIZE), ("integrity_check", "ok")):
+        [value] = connection.execute(f"PRAGMA {pragma}").fetchone()
+        if value != wanted_value:
+            yield f"{pragma} is {value!r}"
 
 
 class Cursor:
@@ -158,9 +190,9 @@ def binary_entries(cursor: Cursor) -> Iterator[Entry]:
     while not cursor.at_end():
         domain, path, target = (cursor.value().decode() for _ in range(3))
         digest, key = cursor.value(), cursor.value()
-        mode, _inode, uid, gid, changed, modified, birth, size, protection, count = FIXED.unpack(
+        mode, inode, uid, gid, changed, modified, birth, size, protection, count = FIXED.unpack(
             cursor.take(FIXED.size))
         attributes = {cursor.value().decode(): cursor.value() for _ in range(count)}
         file_id = hashlib.sha1(f"{domain}-{path}".encode()).hexdigest()
         yield Entry(file_id, domain, path, target, mode, uid, gid, birth, modified, changed, size, protection,
-                    digest or None, key or None, attributes)
+                    digest or None, key or None, attributes, inode)
