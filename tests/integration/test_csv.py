@@ -113,7 +113,8 @@ class Dump(CSVTest):
 class Refused(CSVTest):
     def test_is_a_backup_without_a_database(self) -> None:
         self.assertEqual(self.fail_with(FAILED, "csv", backup("--tree", "small", "--version", "2.4")), [
-            "kelvane: A backup of version 2.4 has no Manifest.db that could be dumped; see 'kelvane ls --all'"])
+            "kelvane: This backup has a binary manifest and no Manifest.db that could be dumped;"
+            " see 'kelvane ls --all'"])
 
     def test_are_rows_without_a_record(self) -> None:
         path = backup("--tree", "small", "--placeholders", "1")

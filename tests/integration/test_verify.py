@@ -230,7 +230,8 @@ class Entries(VerifyTest):
         identifier = self.entry(path)["fileID"]
 
         def repeat(connection: sqlite3.Connection) -> None:
-            connection.execute("CREATE TABLE Other (fileID TEXT, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB)")
+            connection.execute("CREATE TABLE Other (fileID TEXT, domain TEXT, relativePath TEXT, flags INTEGER,"
+                               " file BLOB)")
             connection.execute("INSERT INTO Other SELECT * FROM Files")
             connection.execute("INSERT INTO Other SELECT * FROM Files WHERE fileID = ?", (identifier,))
             connection.execute("DROP TABLE Files")
@@ -417,7 +418,8 @@ class Output(VerifyTest):
         for entry in entries_of(path):
             if entry["damaged"] and entry["hostile"] != "stored-symlink":
                 self.assertIn((entry["domain"], entry["path"]), named)
-        digests = {hashlib.sha1(f"{entry['domain']}-{entry['path']}".encode()).hexdigest() for entry in entries_of(path)}
+        digests = {hashlib.sha1(f"{entry['domain']}-{entry['path']}".encode()).hexdigest()
+                   for entry in entries_of(path)}
         foreign = [entry for entry in entries_of(path) if entry["fileID"] not in digests]
         self.assertEqual(sum(one["kind"] == "file-id-foreign" for one in problems), len(foreign))
 

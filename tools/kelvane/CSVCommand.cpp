@@ -85,11 +85,9 @@ FileReference sourceManifest(const Container &container) {
 }
 
 void requireDatabase(const Container &container) {
-    const auto status = CF::Dictionary::Adopt(KVBackupContainerCopyStatusDict(container.get()));
-    const std::string version = status.Get<CF::String>(CFSTR("Version")).GetUTF8();
-    if (version == "2.4") {
-        throw Failure("A backup of version " + version +
-                      " has no Manifest.db that could be dumped; see 'kelvane ls --all'");
+    if (!UsesDatabase(container)) {
+        throw Failure("This backup has a binary manifest and no Manifest.db that could be dumped;"
+                      " see 'kelvane ls --all'");
     }
 }
 

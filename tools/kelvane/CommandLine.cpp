@@ -40,6 +40,8 @@ class Parser {
         addCat();
         addExtract();
         addVerify();
+        addExport();
+        addEdit();
         addCSV();
     }
 
@@ -149,6 +151,62 @@ class Parser {
         command->callback([this] { result_.command = verify_; });
     }
 
+    void addBackupOutput(CLI::App *command, BackupOutputOptions &options) {
+        command->add_option("OUT", options.output, "New directory, or a zip when it ends in .zip")
+            ->required()
+            ->check(&requireText);
+        command->add_flag("--zip", options.zip, "Write a zip whatever its name");
+    }
+
+    void addExport() {
+        CLI::App *command = addCommand("export", "Write the whole backup anew");
+        addBackupOutput(command, export_.output);
+        command->callback([this] { result_.command = export_; });
+    }
+
+    // The option's words become one more step, in the order of the command line.
+    void addOperation(CLI::App *command, const std::string &name, const char *words, int count,
+                      const char *description) {
+        const auto add = [this, name](const CLI::results_t &results) {
+            std::vector<std::string> operation{name};
+            operation.insert(operation.end(), results.begin(), results.end());
+            edit_.steps.emplace_back(ParseOperation(operation));
+            return true;
+        };
+        command->add_option("--" + name, add, description)
+            ->type_name(words)
+            ->type_size(count)
+            ->expected(1)
+            ->allow_extra_args(false)
+            ->trigger_on_parse();
+    }
+
+    void addEdit() {
+        CLI::App *command =
+            addCommand("edit", "Write the backup anew with changes, made in the order given");
+        addBackupOutput(command, edit_.output);
+        addOperation(command, "put", "DOMAIN PATH FILE", 3,
+                     "Store FILE there; a file that is there keeps its attributes and class");
+        addOperation(command, "mkdir", "DOMAIN PATH", 2, "Make a directory and those above it");
+        addOperation(command, "link", "DOMAIN PATH TARGET", 3, "Make or replace a symbolic link");
+        addOperation(command, "rm", "DOMAIN PATH", 2,
+                     "Remove what is there and below; \"\" drops the domain");
+        const auto addScript = [this](const CLI::results_t &results) {
+            edit_.steps.emplace_back(EditScriptFile{results.front()});
+            return true;
+        };
+        command
+            ->add_option("--script", addScript,
+                         "Operations from FILE, one a line, quoted as in a shell: put, mkdir,"
+                         " link, rm; - is standard input")
+            ->type_name("FILE")
+            ->expected(1)
+            ->allow_extra_args(false)
+            ->check(&requireText)
+            ->trigger_on_parse();
+        command->callback([this] { result_.command = edit_; });
+    }
+
     void addCSV() {
         CLI::App *command =
             addCommand("csv", "Print every row of a Manifest.db as a line of CSV",
@@ -168,6 +226,8 @@ class Parser {
     CatOptions cat_;
     ExtractOptions extract_;
     VerifyOptions verify_;
+    ExportOptions export_;
+    EditOptions edit_;
     CSVOptions csv_;
 };
 

@@ -10,7 +10,8 @@ namespace tool {
 struct CommandLine {
     BackupOptions backup;
     int verbosity = 0;
-    std::variant<InfoOptions, ListOptions, CatOptions, ExtractOptions, VerifyOptions, CSVOptions>
+    std::variant<InfoOptions, ListOptions, CatOptions, ExtractOptions, VerifyOptions, ExportOptions,
+                 EditOptions, CSVOptions>
         command;
 };
 

@@ -1,11 +1,15 @@
 // The commands. Each returns an exit status or throws Failure.
 #pragma once
 
+#include "BackupOutput.hpp"
 #include "OpenBackup.hpp"
+#include "Operation.hpp"
 #include "TemporaryArea.hpp"
 
 #include <optional>
 #include <string>
+#include <variant>
+#include <vector>
 
 namespace tool {
 
@@ -43,6 +47,22 @@ struct VerifyOptions {
     bool json = false;
 };
 int RunVerify(const Container &container, const TemporaryArea &area, const VerifyOptions &options);
+
+struct ExportOptions {
+    BackupOutputOptions output;
+};
+int RunExport(const BackupOptions &backup, const ExportOptions &options);
+
+struct EditScriptFile {
+    std::string path; // "-": standard input
+};
+using EditStep = std::variant<Operation, EditScriptFile>;
+struct EditOptions {
+    BackupOutputOptions output;
+    // In the order of the command line.
+    std::vector<EditStep> steps;
+};
+int RunEdit(const BackupOptions &backup, const EditOptions &options);
 
 struct CSVOptions {
     std::string output; // empty: standard output

@@ -77,7 +77,14 @@ void Failure::Print() const { printAfter(""); }
 
 void Failure::PrintFor(std::string_view name) const { printAfter(std::string(name) + ": "); }
 
-void Failure::printAfter(const std::string &prefix) const {
+Failure Failure::Within(std::string_view name) const {
+    Failure failure = *this;
+    failure.prefix_ = std::string(name) + ": " + prefix_;
+    return failure;
+}
+
+void Failure::printAfter(const std::string &outer) const {
+    const std::string prefix = outer + prefix_;
     if (message_.empty()) {
         PrintMessage(prefix + describe(error_));
         printCauses(error_.GetUnderlying());

@@ -26,12 +26,15 @@ class Failure {
     // The same as the failure of one of many things, which the name tells apart.
     void PrintFor(std::string_view name) const;
     int Status() const noexcept { return status_; }
+    // The same failure, told of as that of the thing.
+    Failure Within(std::string_view name) const;
     // Says that status is to be returned whatever the error is.
     Failure WithStatus(int status) &&;
 
   private:
-    void printAfter(const std::string &prefix) const;
+    void printAfter(const std::string &outer) const;
 
+    std::string prefix_;
     std::string message_;
     CF::Error error_;
     int status_ = kFailed;

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
-#include <ranges>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -116,8 +115,8 @@ void NewOutput::remove() const {
         PrintMessage("'" + partial_ + "' could not be removed");
     }
     // Those that somebody else has put something in stay.
-    for (const std::string &directory : madeParents_ | std::views::reverse) {
-        rmdir(directory.c_str());
+    for (auto directory = madeParents_.rbegin(); directory != madeParents_.rend(); ++directory) {
+        rmdir(directory->c_str());
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "Diagnostics.hpp"
 #include "Password.hpp"
+#include "support/cf/Dictionary.hpp"
 #include "support/cf/Error.hpp"
 
 #include <sys/stat.h>
@@ -9,6 +10,8 @@
 namespace tool {
 
 namespace {
+
+constexpr const char *kBinaryManifestVersion = "2.4";
 
 bool isDirectory(const std::string &path) {
     struct stat status;
@@ -63,6 +66,11 @@ Container OpenBackup(const BackupOptions &options) {
         throw Failure(error).WithStatus(status);
     }
     return container;
+}
+
+bool UsesDatabase(const Container &container) {
+    const auto status = CF::Dictionary::Adopt(KVBackupContainerCopyStatusDict(container.get()));
+    return status.Get<CF::String>(CFSTR("Version")).GetUTF8() != kBinaryManifestVersion;
 }
 
 } // namespace tool

@@ -20,4 +20,7 @@ struct BackupOptions {
 // Failure.
 Container OpenBackup(const BackupOptions &options);
 
+// False for a backup of the version with a binary manifest.
+bool UsesDatabase(const Container &container);
+
 } // namespace tool

@@ -2,7 +2,6 @@
 
 #include "EntryRecord.hpp"
 #include "KVManifest.h"
-#include "support/cf/Dictionary.hpp"
 
 #include <algorithm>
 #include <array>
@@ -12,8 +11,6 @@ namespace tool {
 
 namespace {
 
-// The version without a database, which stores contents flat.
-constexpr const char *kFlatVersion = "2.4";
 constexpr CFIndex kDirectoryLength = 2;
 
 constexpr std::array kMetadata = {"Manifest.plist", "Info.plist", "Status.plist", "Manifest.mbdb",
@@ -22,11 +19,6 @@ constexpr const char *kLog = "Manifest.db-wal";
 constexpr const char *kJournal = "Manifest.db-journal";
 // Only tells processes that have the database open about the log.
 constexpr const char *kSharedMemory = "Manifest.db-shm";
-
-bool hasDatabase(const Container &container) {
-    const auto status = CF::Dictionary::Adopt(KVBackupContainerCopyStatusDict(container.get()));
-    return status.Get<CF::String>(CFSTR("Version")).GetUTF8() != kFlatVersion;
-}
 
 std::string octal(unsigned mode) {
     std::array<char, 16> text;
@@ -38,7 +30,7 @@ std::string octal(unsigned mode) {
 
 Verification::Verification(const Container &container, const TemporaryArea &area, ProblemSink sink)
     : container_(container), sink_(std::move(sink)), contentCheck_(container, area, sink_),
-      entries_(AllEntries(container)), usesDatabase_(hasDatabase(container)) {}
+      entries_(AllEntries(container)), usesDatabase_(UsesDatabase(container)) {}
 
 void Verification::CheckEntries(const std::function<void(Entry *entry)> &checked) {
     for (CFIndex i = 0; i < entries_.GetCount(); ++i) {

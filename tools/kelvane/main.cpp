@@ -24,6 +24,8 @@ struct RunCommand {
         return RunExtract(open(), area, options);
     }
     int operator()(const VerifyOptions &options) const { return RunVerify(open(), area, options); }
+    int operator()(const ExportOptions &options) const { return RunExport(backup, options); }
+    int operator()(const EditOptions &options) const { return RunEdit(backup, options); }
     int operator()(const CSVOptions &options) const { return RunCSV(backup, area, options); }
 
   private:

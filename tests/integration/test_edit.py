@@ -1,0 +1,611 @@
+"""`edit`: what it changes, what it keeps, and what it refuses to do by mistake."""
+
+from __future__ import annotations
+
+import hashlib
+import os
+import plistlib
+import shlex
+import sqlite3
+import stat
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+from reading_back import Place, ResultTest, facts_of, raw, read
+from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD, PASSWORD_PROBLEM, USAGE, WITH_PASSWORD, backup, \
+    entries_of, main, make, run, snapshot
+
+from backup_maker import hostile  # found through tool_testing
+
+NOTES = "AppDomain-com.example.notes"
+SIZES = "AppDomain-com.example.sizes"
+WELCOME, LATEST, SHOPPING = "Documents/Welcome.txt", "Documents/Latest", "Documents/Shopping list.txt"
+CIPHER = ("--device-bound", *ENCRYPTED)
+FORMS = (("--version", "2.4"), ("--version", "3.0"), ("--version", "3.1", "--zip"), ("--version", "3.2"),
+         ("--version", "3.3"), ("--version", "3.2", *CIPHER), ("--version", "3.3", "--zip", *CIPHER))
+KEPT = ("mode", "uid", "gid", "birth", "modified", "changed", "inode", "protection")
+FRESH_FILE = {"mode": 0o100644, "uid": 501, "gid": 501, "protection": 4}
+FRESH_DIRECTORY = {"mode": 0o040755, "uid": 501, "gid": 501, "protection": 0, "size": 0, "key": None}
+Facts = dict[Place, dict[str, Any]]
+
+
+class EditTest(ResultTest):
+    def setUp(self) -> None:
+        super().setUp()
+        self.file = self.folder / "new.txt"
+        self.file.write_bytes(b"what is new\n" * 5000)
+
+    def edit(self, source: Path, *operations: str | Path) -> Facts:
+        """Edits the backup, which must succeed and give a sound one; gives what the result holds."""
+        self.messages = self.write("edit", source, self.output, *operations)
+        self.assert_sound(self.output)
+        self.assert_same_metadata(source, self.output)
+        return facts_of(self.output)
+
+    def each_form(self) -> list[Path]:
+        return [backup("--tree", "small", *options) for options in FORMS]
+
+    def edit_each_form(self, *operations: str | Path) -> list[tuple[Facts, Facts]]:
+        """Before and after, of a backup of every version, plain and encrypted."""
+        results = []
+        for source in self.each_form():
+            self.output = self.folder / f"out {source.name}"
+            results.append((facts_of(source, as_written=True), self.edit(source, *operations)))
+        return results
+
+    def assert_changed_only(self, before: Facts, after: Facts, *places: Place) -> None:
+        for place in set(before) | set(after):
+            if place not in places:
+                self.assertEqual(after.get(place), before.get(place), place)
+
+    def assert_content(self, facts: dict[str, Any], content: bytes) -> None:
+        self.assertEqual(facts["sha256"], hashlib.sha256(content).hexdigest())
+
+    def refuse(self, source: Path, *operations: str | Path, status: int = FAILED) -> list[str]:
+        """Runs an edit that must fail with nothing written."""
+        messages = self.fail_with(status, "edit", source, self.output, *operations, *self.password_for(source))
+        self.assertFalse(os.path.lexists(self.output))
+        self.assert_no_leftovers()
+        return messages
+
+
+class Put(EditTest):
+    def test_over_nothing_makes_the_directories_above(self) -> None:
+        for before, after in self.edit_each_form("--put", NOTES, "new/a/b.txt", self.file):
+            places = [(NOTES, path) for path in ("new", "new/a", "new/a/b.txt")]
+            self.assert_changed_only(before, after, *places)
+            for place in places[:2]:
+                self.assertEqual({key: after[place][key] for key in FRESH_DIRECTORY}, FRESH_DIRECTORY)
+            self.assertEqual({key: after[places[2]][key] for key in FRESH_FILE}, FRESH_FILE)
+            self.assert_content(after[places[2]], self.file.read_bytes())
+
+    def test_into_a_new_domain_makes_its_root(self) -> None:
+        for before, after in self.edit_each_form("--put", "NewDomain", "a/b/c", self.file):
+            self.assertEqual(self.messages[0], "kelvane: note: the domain 'NewDomain' is new in this backup")
+            places = [("NewDomain", path) for path in ("", "a", "a/b", "a/b/c")]
+            self.assertEqual(set(after) - set(before), set(places))
+            self.assert_changed_only(before, after, *places)
+
+    def test_over_a_file_keeps_its_attributes(self) -> None:
+        for before, after in self.edit_each_form("--put", NOTES, WELCOME, self.file):
+            place = (NOTES, WELCOME)
+            self.assert_changed_only(before, after, place)
+            self.assertEqual({key: after[place][key] for key in KEPT}, {key: before[place][key] for key in KEPT})
+            self.assert_content(after[place], self.file.read_bytes())
+
+    def test_over_files_of_every_class_gives_fresh_keys_of_the_class(self) -> None:
+        source = backup("--device-bound", *ENCRYPTED)
+        names = [f"Documents/size-{size:06}.bin" for size in (1, 15, 16, 17)]
+        operations = [word for name in names for word in ("--put", SIZES, name, str(self.file))]
+        before, after = facts_of(source, as_written=True), self.edit(source, *operations)
+        self.assertEqual({before[SIZES, name]["protection"] for name in names}, {1, 2, 3, 4})
+        keybag = read(self.output).keybag
+        assert keybag is not None
+        keys = set()
+        for name in names:
+            old, new = before[SIZES, name], after[SIZES, name]
+            self.assertEqual(new["protection"], old["protection"])
+            self.assertEqual(new["key"][:4], old["protection"].to_bytes(4, "little"))
+            self.assertNotEqual(new["key"], old["key"])
+            keys.add(keybag.unlock(new["key"]))
+            self.assert_content(new, self.file.read_bytes())
+        self.assertEqual(len(keys), 4)
+
+    def test_records_the_stored_content(self) -> None:
+        for options in ((), CIPHER):
+            source = backup("--tree", "small", *options)
+            self.output = self.folder / f"out{len(options)}"
+            facts = self.edit(source, "--put", NOTES, WELCOME, self.file)[NOTES, WELCOME]
+            identifier = facts["file_id"]
+            stored = (self.output / identifier[:2] / identifier).read_bytes()
+            self.assertEqual((facts["size"], facts["digest"]), (len(stored), hashlib.sha1(stored).digest()))
+            self.assertEqual(stored == self.file.read_bytes(), not options)
+
+    def test_over_a_link_makes_a_file(self) -> None:
+        for before, after in self.edit_each_form("--put", NOTES, LATEST, self.file):
+            self.assert_changed_only(before, after, (NOTES, LATEST))
+            self.assertEqual({key: after[NOTES, LATEST][key] for key in FRESH_FILE}, FRESH_FILE)
+            self.assertEqual(after[NOTES, LATEST]["target"], "")
+
+    def test_over_a_directory_is_refused(self) -> None:
+        for source in self.each_form():
+            self.assertEqual(self.refuse(source, "--put", NOTES, "Documents", self.file), [
+                f"kelvane: put {NOTES} Documents {self.file}: A directory is there; remove it first, with all that is"
+                " in it, to replace it"])
+
+    def test_over_a_directory_that_is_removed_first(self) -> None:
+        for before, after in self.edit_each_form("--rm", NOTES, "Documents", "--put", NOTES, "Documents", self.file):
+            gone = {place for place in before if place[0] == NOTES and place[1].split("/")[0] == "Documents"}
+            self.assertGreater(len(gone), 3)
+            self.assert_changed_only(before, after, *gone)
+            self.assertEqual(gone & set(after), {(NOTES, "Documents")})
+            self.assert_content(after[NOTES, "Documents"], self.file.read_bytes())
+
+    def test_of_an_empty_file(self) -> None:
+        self.file.write_bytes(b"")
+        for _, after in self.edit_each_form("--put", NOTES, WELCOME, self.file, "--put", NOTES, "empty", self.file):
+            self.assert_content(after[NOTES, WELCOME], b"")
+            self.assert_content(after[NOTES, "empty"], b"")
+
+    def test_of_a_large_file(self) -> None:
+        content = os.urandom(5_000_001)
+        self.file.write_bytes(content)
+        for options in ((), CIPHER):
+            self.output = self.folder / f"out{len(options)}"
+            after = self.edit(backup("--tree", "small", *options), "--put", NOTES, "large.bin", self.file)
+            self.assert_content(after[NOTES, "large.bin"], content)
+
+    def test_of_one_file_to_many_places(self) -> None:
+        operations = [word for name in ("one", "two", "a/three") for word in ("--put", NOTES, name, str(self.file))]
+        after = self.edit(backup("--tree", "small", *CIPHER), *operations)
+        facts = [after[NOTES, name] for name in ("one", "two", "a/three")]
+        self.assertEqual(len({one["sha256"] for one in facts}), 1)
+        self.assertEqual(len({one["key"] for one in facts}), 3)
+
+    def test_twice_to_one_place_stores_the_last(self) -> None:
+        (second := self.folder / "second").write_text("second")
+        for options in ((), CIPHER):
+            self.output = self.folder / f"out{len(options)}"
+            after = self.edit(backup("--tree", "small", *options), "--put", NOTES, WELCOME, self.file,
+                              "--put", NOTES, WELCOME, second)
+            self.assert_content(after[NOTES, WELCOME], b"second")
+
+    def test_below_what_is_no_directory_is_refused(self) -> None:
+        source = backup("--tree", "small")
+        for above in (WELCOME, LATEST):
+            self.assertEqual(self.refuse(source, "--put", NOTES, f"{above}/x/y", self.file), [
+                f"kelvane: put {NOTES} {above}/x/y {self.file}: '{above}' is no directory"])
+
+    def test_of_what_is_no_file_is_refused(self) -> None:
+        os.mkfifo(fifo := self.folder / "fifo")
+        for path in (self.folder / "none", self.folder, fifo):
+            messages = self.refuse(backup("--tree", "small"), "--put", NOTES, "x", path)
+            self.assertTrue(messages[0].startswith(f"kelvane: put {NOTES} x {path}: "), messages)
+
+    def test_of_a_relative_name_is_from_the_current_directory(self) -> None:
+        self.fail_with(DONE, "edit", backup("--tree", "small"), "out", "--put", NOTES, "x", "new.txt", cwd=self.folder)
+        self.assertEqual(self.succeed("cat", self.folder / "out", NOTES, "x"), self.file.read_bytes())
+
+    def test_over_a_file_whose_key_stays_locked_gives_one_that_opens(self) -> None:
+        # Its class opens, though its key names one of the device's own.
+        source = backup("--tree", "small", "--hostile", "device-bound", *CIPHER)
+        self.edit(source, "--mkdir", hostile.DOMAIN, "Documents", "--put", hostile.DOMAIN, "Documents/device-bound.txt",
+                  self.file)
+
+
+class MakeDirectory(EditTest):
+    def test_makes_those_above_it(self) -> None:
+        for before, after in self.edit_each_form("--mkdir", NOTES, "x/y/z"):
+            places = [(NOTES, path) for path in ("x", "x/y", "x/y/z")]
+            self.assert_changed_only(before, after, *places)
+            for place in places:
+                self.assertEqual({key: after[place][key] for key in FRESH_DIRECTORY}, FRESH_DIRECTORY)
+
+    def test_may_end_in_a_slash(self) -> None:
+        self.assertIn((NOTES, "x/y"), self.edit(backup("--tree", "small"), "--mkdir", NOTES, "x/y//"))
+
+    def test_that_exists_changes_nothing(self) -> None:
+        for before, after in self.edit_each_form("--mkdir", NOTES, "Documents", "--mkdir", NOTES, ""):
+            self.assertEqual(after, before)
+
+    def test_of_a_domain_makes_its_root(self) -> None:
+        source = backup("--tree", "small")
+        before, after = facts_of(source), self.edit(source, "--mkdir", "NewDomain", "")
+        self.assertEqual(set(after) - set(before), {("NewDomain", "")})
+
+    def test_over_or_below_what_is_no_directory_is_refused(self) -> None:
+        for path, at in ((WELCOME, WELCOME), (LATEST, LATEST), (f"{WELCOME}/x", WELCOME), (f"{LATEST}/x", LATEST)):
+            self.assertEqual(self.refuse(backup("--tree", "small"), "--mkdir", NOTES, path),
+                             [f"kelvane: mkdir {NOTES} {path}: '{at}' is no directory"])
+
+
+class Link(EditTest):
+    def test_over_nothing_makes_the_directories_above(self) -> None:
+        for before, after in self.edit_each_form("--link", NOTES, "x/y", "../Documents"):
+            self.assert_changed_only(before, after, (NOTES, "x"), (NOTES, "x/y"))
+            self.assertEqual((after[NOTES, "x/y"]["target"], after[NOTES, "x/y"]["mode"]), ("../Documents", 0o120755))
+            self.assertEqual(after[NOTES, "x"]["mode"], 0o040755)
+
+    def test_at_the_root_of_a_new_domain(self) -> None:
+        source = backup("--tree", "small")
+        before, after = facts_of(source), self.edit(source, "--link", "NewDomain", "link", "/")
+        self.assertEqual(set(after) - set(before), {("NewDomain", ""), ("NewDomain", "link")})
+
+    def test_over_a_link_replaces_it(self) -> None:
+        for before, after in self.edit_each_form("--link", NOTES, LATEST, "elsewhere"):
+            self.assert_changed_only(before, after, (NOTES, LATEST))
+            self.assertEqual(after[NOTES, LATEST]["target"], "elsewhere")
+
+    def test_over_a_file_or_directory_is_refused(self) -> None:
+        for path in (WELCOME, "Documents"):
+            self.assertEqual(self.refuse(backup("--tree", "small"), "--link", NOTES, path, "x"), [
+                f"kelvane: link {NOTES} {path} x: What is there is no link; remove it first to replace it"])
+
+    def test_below_what_is_no_directory_is_refused(self) -> None:
+        self.refuse(backup("--tree", "small"), "--link", NOTES, f"{WELCOME}/x", "x")
+
+    def test_to_nothing_is_refused(self) -> None:
+        self.assertEqual(self.refuse(backup("--tree", "small"), "--link", NOTES, "x", ""),
+                         [f"kelvane: link {NOTES} x '': The link's target is empty"])
+
+
+class Remove(EditTest):
+    def assert_gone(self, before: Facts, after: Facts, gone: set[Place]) -> None:
+        self.assertTrue(gone)
+        self.assertEqual(set(after), set(before) - gone)
+        self.assert_changed_only(before, after, *gone)
+
+    def test_of_a_file(self) -> None:
+        for before, after in self.edit_each_form("--rm", NOTES, WELCOME):
+            self.assert_gone(before, after, {(NOTES, WELCOME)})
+
+    def test_of_a_link_leaves_what_it_leads_to(self) -> None:
+        for before, after in self.edit_each_form("--rm", NOTES, LATEST):
+            self.assert_gone(before, after, {(NOTES, LATEST)})
+
+    def test_of_a_directory_takes_all_below_it(self) -> None:
+        for before, after in self.edit_each_form("--rm", NOTES, "Documents/"):
+            self.assert_gone(before, after, {place for place in before if place[0] == NOTES
+                                             and (place[1] + "/").startswith("Documents/")})
+
+    def test_of_a_domain(self) -> None:
+        for before, after in self.edit_each_form("--rm", NOTES, ""):
+            self.assert_gone(before, after, {place for place in before if place[0] == NOTES})
+
+    def test_takes_the_stored_files_along(self) -> None:
+        source = backup("--tree", "small")
+        self.edit(source, "--rm", "CameraRollDomain", "")
+        gone = {entry["fileID"] for entry in entries_of(source, "file") if entry["domain"] == "CameraRollDomain"}
+        self.assertFalse(gone & {os.path.basename(name) for name in raw(self.output)})
+
+    def test_of_everything(self) -> None:
+        source = backup("--tree", "small")
+        domains = {entry["domain"] for entry in entries_of(source)}
+        self.assertEqual(self.edit(source, *[word for domain in domains for word in ("--rm", domain, "")]), {})
+
+    def test_of_nothing_is_an_error(self) -> None:
+        source = backup("--tree", "small")
+        for domain, path, reason in (
+                (NOTES, "Documents/Welcome", f"The domain '{NOTES}' has nothing at 'Documents/Welcome'"),
+                (NOTES, "Document", f"The domain '{NOTES}' has nothing at 'Document'"),
+                (NOTES, "/Documents", f"The domain '{NOTES}' has nothing at '/Documents'"),
+                (NOTES, "../Documents", f"The domain '{NOTES}' has nothing at '../Documents'"),
+                ("NoDomain", "", "The backup has no domain 'NoDomain'"),
+                ("", "", "The backup has no domain ''")):
+            [message] = self.refuse(source, "--rm", domain, path)
+            self.assertTrue(message.endswith(f": {reason}"), message)
+
+    def test_of_a_slash_is_not_of_the_domain(self) -> None:
+        for path in ("/", "//"):
+            self.assertEqual(self.refuse(backup("--tree", "small"), "--rm", NOTES, path), [
+                f"kelvane: rm {NOTES} {path}: The path is absolute; \"\" stands for the whole domain"])
+
+    def test_twice_is_an_error(self) -> None:
+        [message] = self.refuse(backup("--tree", "small"), "--rm", NOTES, WELCOME, "--rm", NOTES, WELCOME)
+        self.assertTrue(message.endswith(f"has nothing at '{WELCOME}'"))
+
+    def test_of_a_file_takes_what_lies_below_it(self) -> None:
+        source = backup("--tree", "small", "--hostile", "entry-below-file")
+        after = self.edit(source, "--rm", hostile.DOMAIN, "Documents/not a folder")
+        self.assertFalse([path for domain, path in after if path.startswith("Documents/not a folder")])
+
+    def test_of_odd_paths_mends_a_backup(self) -> None:
+        source = backup("--tree", "small", "--hostile", "path-dotdot", "--hostile", "domain-dotdot",
+                        "--hostile", "entry-below-symlink")
+        places = [(entry["domain"], entry["path"]) for entry in entries_of(source) if entry["hostile"]]
+        gone = [place for place in places if "/way " not in place[1]] + [
+            (hostile.DOMAIN, f"Documents/{name}") for name in ("way out", "way later")]
+        after = self.edit(source, *[word for place in gone for word in ("--rm", *place)])
+        self.assertFalse(set(places) & set(after))
+
+
+class Order(EditTest):
+    def test_is_that_of_the_command_line(self) -> None:
+        source = backup("--tree", "small")
+        after = self.edit(source, "--mkdir", "D", "a", "--put", "D", "a/b", self.file, "--rm", "D", "a",
+                          "--link", "D", "a", "b", "--rm", "D", "a", "--put", "D", "a", self.file)
+        self.assertEqual({path for domain, path in after if domain == "D"}, {"", "a"})
+        self.assert_content(after["D", "a"], self.file.read_bytes())
+        self.assertEqual(self.messages[-2], "kelvane: 6 operations done")
+
+    def test_holds_across_scripts(self) -> None:
+        script = self.folder / "script"
+        script.write_text("rm D a\nlink D a b\n")
+        after = self.edit(backup("--tree", "small"), "--put", "D", "a", self.file, "--script", script,
+                          "--rm", "D", "a", "--mkdir", "D", "a/c", "--script", script)
+        self.assertEqual({path: facts["target"] for (domain, path), facts in after.items() if domain == "D"},
+                         {"": "", "a": "b"})
+
+    def test_of_nothing_is_an_export(self) -> None:
+        source = backup("--tree", "small")
+        self.assertEqual(self.edit(source), facts_of(source))
+        self.assertEqual(self.messages[0], "kelvane: 0 operations done")
+
+    def test_may_mix_with_other_arguments(self) -> None:
+        self.fail_with(DONE, "edit", "--rm", NOTES, WELCOME, backup("--tree", "small"), "--zip", "--mkdir", NOTES, "x",
+                       self.output)
+        places = {(entry.domain, entry.path) for entry in read(self.output).entries}
+        self.assertIn((NOTES, "x"), places)
+        self.assertNotIn((NOTES, WELCOME), places)
+
+    def test_takes_words_that_look_like_options(self) -> None:
+        names = ("--rm", "-x", "--", "[a,b]", "{}", "a,b", "--put=x", "%%", "@file")
+        operations = [word for name in names for word in ("--put", NOTES, name, str(self.file))]
+        after = self.edit(backup("--tree", "small"), *operations)
+        self.assertTrue(set((NOTES, name) for name in names) <= set(after), after.keys())
+
+    def test_of_too_few_words_is_wrong_usage(self) -> None:
+        for words in (("--put", NOTES, "x"), ("--rm", NOTES), ("--mkdir",), ("--link", NOTES, "a")):
+            self.refuse(backup("--tree", "small"), *words, status=USAGE)
+
+
+class Refused(EditTest):
+    def test_are_paths_that_are_none(self) -> None:
+        source = backup("--tree", "small")
+        reason = "The path must be relative, without empty, \".\" or \"..\" components"
+        for path in ("", "/", "/a", "a//b", "a/", "./a", "a/.", "..", "a/../b", "../a"):
+            for operation in (("--put", NOTES, path, self.file), ("--link", NOTES, path, "x")):
+                with self.subTest(path=path, operation=operation[0]):
+                    [message] = self.refuse(source, *operation)
+                    self.assertTrue(message.endswith(": " + reason), message)
+        for path in ("/", "/a", "a//b", "./a", "a/..", ".."):
+            self.assertTrue(self.refuse(source, "--mkdir", NOTES, path)[0].endswith(": " + reason))
+
+    def test_are_domains_that_are_none(self) -> None:
+        for domain in ("", ".", "..", "a/b"):
+            for operation in (("--put", domain, "x", self.file), ("--mkdir", domain, ""), ("--link", domain, "a", "b")):
+                [message] = self.refuse(backup("--tree", "small"), *operation)
+                self.assertTrue(message.endswith(f"'{domain}' is no name of a domain"), message)
+
+    def test_leaves_the_source_as_it_was(self) -> None:
+        source = make(self.folder / "backup", "--tree", "small")
+        before = snapshot(source)
+        self.refuse(source, "--rm", NOTES, "", "--rm", NOTES, "")
+        self.fail_with(DONE, "edit", source, self.output, "--rm", NOTES, "", "--put", NOTES, WELCOME, self.file)
+        self.assertEqual(snapshot(source), before)
+
+    def test_is_a_target_that_exists_or_lies_inside(self) -> None:
+        source = backup("--tree", "small")
+        self.output.mkdir()
+        self.assertEqual(self.fail_with(FAILED, "edit", source, self.output, "--rm", NOTES, ""),
+                         [f"kelvane: '{self.output}' exists already"])
+        self.assertEqual(self.fail_with(FAILED, "edit", source, source / "out", "--rm", NOTES, ""),
+                         [f"kelvane: '{source}/out' would lie inside the backup"])
+
+    def test_is_a_wrong_password(self) -> None:
+        (wrong := self.folder / "wrong").write_text("wrong\n")
+        self.fail_with(PASSWORD_PROBLEM, "edit", backup("--tree", "small", *ENCRYPTED), self.output,
+                       "--password-file", wrong, "--rm", NOTES, "")
+        self.assertFalse(self.output.exists())
+
+    def test_is_what_is_no_text(self) -> None:
+        odd = os.fsdecode(b"\xff")
+        for operation in (("--put", NOTES, odd, self.file), ("--rm", odd, ""), ("--link", NOTES, "x", odd)):
+            result = run("edit", backup("--tree", "small"), self.output, *operation)
+            self.assertEqual((result.returncode, result.stdout), (FAILED, b""))
+            self.assertIn(b"is not UTF-8 text", result.stderr)
+        self.assertFalse(self.output.exists())
+
+
+class Forged(EditTest):
+    """Entries whose file IDs are not their own must not be changed in the place of others."""
+
+    def forge(self, change: Callable[[sqlite3.Connection, str, str], None]) -> Path:
+        source = make(self.folder / "backup", "--tree", "small")
+        identifiers = {entry["path"]: entry["fileID"] for entry in entries_of(source) if entry["domain"] == NOTES}
+        connection = sqlite3.connect(source / "Manifest.db")
+        with connection:
+            change(connection, identifiers[WELCOME], identifiers[SHOPPING])
+        connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+        connection.close()
+        return source
+
+    def swap(self) -> Path:
+        def change(connection: sqlite3.Connection, one: str, other: str) -> None:
+            for old, new in ((one, "swap"), (other, one), ("swap", other)):
+                connection.execute("UPDATE Files SET fileID = ? WHERE fileID = ?", (new, old))
+        return self.forge(change)
+
+    def test_by_each_other(self) -> None:
+        source = self.swap()
+        for operation in (("--put", NOTES, WELCOME, self.file), ("--rm", NOTES, WELCOME),
+                          ("--link", NOTES, WELCOME, "x"), ("--mkdir", NOTES, WELCOME)):
+            [message] = self.refuse(source, *operation)
+            self.assertTrue(message.endswith(f"The file ID of this path belongs to {NOTES}/{SHOPPING}"), message)
+
+    def test_to_something_else(self) -> None:
+        source = self.forge(lambda connection, one, _: connection.execute(
+            "UPDATE Files SET fileID = ? WHERE fileID = ?", ("00" + one[2:], one)))
+        [message] = self.refuse(source, "--put", NOTES, WELCOME, self.file)
+        self.assertTrue(message.endswith(f"The entry at '{WELCOME}' has a file ID that is not its own"), message)
+        # It may go, though.
+        self.fail_with(DONE, "edit", source, self.output, "--rm", NOTES, WELCOME)
+        self.assertNotIn((NOTES, WELCOME), {(entry.domain, entry.path) for entry in read(self.output).entries})
+
+    def test_above_a_new_file(self) -> None:
+        source = make(self.folder / "backup", "--tree", "small")
+        with sqlite3.connect(source / "Manifest.db") as connection:
+            connection.execute("UPDATE Files SET fileID = '00' || substr(fileID, 3) WHERE domain = ? AND"
+                               " relativePath = 'Documents'", (NOTES,))
+        connection.close()
+        [message] = self.refuse(source, "--put", NOTES, "Documents/new", self.file)
+        self.assertTrue(message.endswith("The entry at 'Documents' has a file ID that is not its own"), message)
+
+    def test_kinds_of_entries_are_not_put_over(self) -> None:
+        source = make(self.folder / "backup", "--tree", "small")
+        with sqlite3.connect(source / "Manifest.db") as connection:
+            [blob] = connection.execute("SELECT file FROM Files WHERE relativePath = ?", (WELCOME,)).fetchone()
+            record = plistlib.loads(blob)
+            record["$objects"][record["$top"]["root"].data]["Mode"] = 0o010644
+            connection.execute("UPDATE Files SET file = ? WHERE relativePath = ?",
+                               (plistlib.dumps(record, fmt=plistlib.FMT_BINARY, sort_keys=False), WELCOME))
+        connection.close()
+        [message] = self.refuse(source, "--put", NOTES, WELCOME, self.file)
+        self.assertTrue(message.endswith("What is there is no file or link"), message)
+
+
+class Script(EditTest):
+    def script(self, text: str | bytes) -> Path:
+        path = self.folder / "script"
+        path.write_bytes(text.encode() if isinstance(text, str) else text)
+        return path
+
+    def paths_made(self, text: str | bytes) -> list[str]:
+        """The directories that a script makes in a domain."""
+        self.output = self.folder / f"out{len(os.listdir(self.folder))}"
+        self.fail_with(DONE, "edit", backup("--tree", "none"), self.output, "--script", self.script(text))
+        return sorted(entry.path for entry in read(self.output).entries if entry.domain == "D" and entry.path)
+
+    def test_does_every_operation(self) -> None:
+        text = f"""# changes
+put {NOTES} Documents/new.txt {shlex.quote(str(self.file))}
+
+  mkdir {NOTES} made     # and a comment
+link {NOTES} 'a link' "../else where"
+\trm {NOTES} "{SHOPPING}"
+rm CameraRollDomain ""
+"""
+        source = backup("--tree", "small", *CIPHER)
+        before = facts_of(source)
+        after = self.edit(source, "--script", self.script(text))
+        self.assertEqual(self.messages[0], "kelvane: 5 operations done")
+        self.assert_content(after[NOTES, "Documents/new.txt"], self.file.read_bytes())
+        self.assertEqual(after[NOTES, "a link"]["target"], "../else where")
+        self.assertEqual({place for place in before if place not in after},
+                         {(NOTES, SHOPPING)} | {place for place in before if place[0] == "CameraRollDomain"})
+
+    def test_is_quoted_as_shells_do(self) -> None:
+        words = ["plain", "two words", "it's", 'say "x"', "back\\slash", "$HOME `x`", "*?[a]", "tab\there", "#first",
+                 "mid#dle", "new\nline", "\u00e4\U0001F600", "a;b|c&d<e>(f)", "!", "~", "{a,b}", "'", "\\", "end\\"]
+        self.assertEqual(self.paths_made("".join(f"mkdir D {shlex.quote(word)}\n" for word in words)), sorted(words))
+
+    def test_takes_double_quotes_and_backslashes(self) -> None:
+        text = r"""mkdir D "a\"b\\c\$d\`e\f"
+mkdir D one\ word\'s
+mkdir D joi'n'"e"d
+mkdir D con\
+tinued
+mkdir \
+  D   apart
+mkdir D "in quotes \
+goes on"
+"""
+        self.assertEqual(self.paths_made(text), sorted(
+            ['a"b\\c$d`e\\f', "one word's", "joined", "continued", "apart", "in quotes goes on"]))
+
+    def test_may_have_other_line_ends(self) -> None:
+        self.assertEqual(self.paths_made(b"\xef\xbb\xbfmkdir D a\r\n\r\n# c\r\nmkdir D 'b\r'\r\nmkdir D c"),
+                         ["a", "b\r", "c"])
+
+    def test_may_be_empty(self) -> None:
+        self.assertEqual(self.paths_made("\n# nothing\n   \n"), [])
+
+    def test_comes_from_standard_input(self) -> None:
+        self.fail_with(DONE, "edit", backup("--tree", "small"), self.output, "--script", "-",
+                       input=b"rm CameraRollDomain ''\n")
+        self.assertNotIn("CameraRollDomain", {entry.domain for entry in read(self.output).entries})
+
+    def test_shares_standard_input_with_nothing(self) -> None:
+        source = backup("--tree", "small", *ENCRYPTED)
+        for options in (("--script", "-", "--password-file", "-"), ("--script", "-", "--script", "-", *WITH_PASSWORD)):
+            self.assertEqual(self.fail_with(USAGE, "edit", source, self.output, *options, input=PASSWORD.encode()),
+                             ["kelvane: Standard input cannot be read twice"])
+
+    def test_with_a_mistake_is_refused_with_its_line(self) -> None:
+        for text, line, reason in (
+                ("mkdir D a\n\nmove D a b\n", 3, "'move' is no operation; put, mkdir, link and rm are"),
+                ("mkdir D 'a\nb'\nrm D\n", 3, "rm takes DOMAIN PATH, 2 words, and not 1"),
+                ("# c\nput D a b c\n", 2, "put takes DOMAIN PATH FILE, 3 words, and not 4"),
+                ("mkdir D a; mkdir D b\n", 1, "mkdir takes DOMAIN PATH, 2 words, and not 5"),
+                ("mkdir D \\\n 'a\n\n", 1, "The single quote is not closed"),
+                ("mkdir D a\nmkdir D \"a\n", 2, "The double quote is not closed"),
+                ("mkdir D a\\", 1, "There is nothing behind the last backslash"),
+                ("mkdir D a\0b\n", 1, "The script holds a NUL"),
+                ("''\n", 1, "'' is no operation; put, mkdir, link and rm are")):
+            with self.subTest(text):
+                path = self.script(text)
+                self.assertEqual(self.refuse(backup("--tree", "small"), "--script", path),
+                                 [f"kelvane: {path}:{line}: {reason}"])
+
+    def test_with_a_failing_operation_names_its_line(self) -> None:
+        path = self.script(f"mkdir {NOTES} x\n# nothing there\nrm {NOTES} 'no such'\nmkdir {NOTES} y\n")
+        self.assertEqual(self.refuse(backup("--tree", "small"), "--script", path), [
+            f"kelvane: {path}:3: rm {NOTES} 'no such': The domain '{NOTES}' has nothing at 'no such'"])
+
+    def test_that_is_not_there_is_an_error(self) -> None:
+        self.assertEqual(self.refuse(backup("--tree", "small"), "--script", "/no/script"), [
+            "kelvane: The script '/no/script' could not be opened",
+            "  caused by: No such file or directory (NSPOSIXErrorDomain 2)"])
+        self.assertEqual(self.refuse(backup("--tree", "small"), "--script", self.folder)[0],
+                         f"kelvane: The script '{self.folder}' could not be read")
+
+    def test_that_is_no_script_ends(self) -> None:
+        self.assertEqual(self.refuse(backup("--tree", "small"), "--script", "/dev/zero"),
+                         ["kelvane: The script '/dev/zero' is too long"])
+
+    def test_of_many_operations(self) -> None:
+        text = "".join(f"put D d{number % 100}/f{number} {self.file}\n" for number in range(2000))
+        after = self.edit(backup("--tree", "none"), "--script", self.script(text))
+        self.assertEqual(sum(facts["sha256"] is not None for facts in after.values()), 2000)
+
+
+class Written(EditTest):
+    def test_as_a_zip(self) -> None:
+        self.output = self.output.with_suffix(".zip")
+        after = self.edit(backup("--tree", "small", *CIPHER), "--put", NOTES, WELCOME, self.file)
+        self.assert_content(after[NOTES, WELCOME], self.file.read_bytes())
+
+    def test_with_what_the_source_lacks_named(self) -> None:
+        source = backup("--tree", "small", "--hostile", "stored-missing")
+        messages = self.fail_with(FAILED, "edit", source, self.output, "--rm", NOTES, "")
+        self.assertIn(f"{hostile.DOMAIN}/Documents/stored-missing.txt: ", messages[1])
+        self.assertTrue(messages[-1].endswith("; 1 file skipped"))
+        # What lacks its content may be dropped.
+        self.output = self.folder / "mended"
+        self.fail_with(DONE, "edit", source, self.output, "--rm", hostile.DOMAIN, "Documents/stored-missing.txt")
+        self.assert_sound(self.output)
+
+    def test_can_be_edited_again(self) -> None:
+        for options in ((), CIPHER, ("--version", "2.4")):
+            source = backup("--tree", "small", *options)
+            self.output = self.folder / f"one{len(options)}"
+            self.edit(source, "--put", NOTES, WELCOME, self.file, "--put", "D", "x", self.file)
+            source, self.output = self.output, self.folder / f"two{len(options)}"
+            (second := self.folder / "second").write_text("second")
+            after = self.edit(source, "--put", NOTES, WELCOME, second, "--put", "D", "x", second)
+            self.assert_content(after[NOTES, WELCOME], b"second")
+            self.assert_content(after["D", "x"], b"second")
+
+    def test_extracts_as_it_was_put(self) -> None:
+        source = backup("--tree", "small", *CIPHER)
+        self.edit(source, "--put", NOTES, "a/b.txt", self.file)
+        edited, self.output = self.output, self.folder / "extracted"
+        self.extract(edited, *WITH_PASSWORD)
+        copied = self.output / NOTES / "a" / "b.txt"
+        self.assertEqual(copied.read_bytes(), self.file.read_bytes())
+        self.assertEqual(stat.S_IMODE(copied.stat().st_mode), 0o644)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,200 @@
+#include "BackupOutput.hpp"
+
+#include "Diagnostics.hpp"
+#include "EntryRecord.hpp"
+#include "ExitStatus.hpp"
+#include "FileIDTable.hpp"
+#include "Interruption.hpp"
+#include "KVManifest.h"
+#include "NewOutput.hpp"
+#include "ProgressBar.hpp"
+#include "Selection.hpp"
+#include "Units.hpp"
+#include "support/cf/Array.hpp"
+
+#include <cmath>
+#include <filesystem>
+
+namespace tool {
+
+namespace {
+
+// The three metadata property lists and the manifest.
+constexpr std::size_t kFilesBesideTheManifests = 4;
+
+bool asZip(const BackupOutputOptions &options) {
+    return options.zip || WithoutTrailingSlashes(options.output).ends_with(".zip");
+}
+
+// Of what exists of the path, with links resolved.
+std::filesystem::path realPath(const std::string &path) {
+    std::error_code error;
+    const auto real = std::filesystem::weakly_canonical(path, error);
+    if (error) {
+        throw Failure("'" + path + "' cannot be reached: " + error.message());
+    }
+    return real;
+}
+
+bool liesIn(const std::filesystem::path &path, const std::filesystem::path &directory) {
+    const auto [end, ignored] =
+        std::mismatch(directory.begin(), directory.end(), path.begin(), path.end());
+    return end == directory.end();
+}
+
+// Turns the fractions that an export reports into bytes.
+class Progress {
+  public:
+    explicit Progress(const Container &container)
+        : total_(KVManifestGetTotalFileSize(KVBackupContainerGetManifest(container.get()))),
+          bar_(total_) {}
+
+    static void Report(double fraction, void *context) {
+        Interruption::Checkpoint();
+        static_cast<Progress *>(context)->advanceTo(fraction);
+    }
+
+  private:
+    void advanceTo(double fraction) {
+        const double bytes = fraction * static_cast<double>(total_);
+        // Sizes in a manifest need not be true; without any, every fraction is infinite.
+        if (std::isfinite(bytes) && bytes >= 0 && bytes < 9e18) {
+            const auto done = static_cast<std::int64_t>(bytes);
+            bar_.Advance(done - done_);
+            done_ = done;
+        }
+    }
+
+    std::int64_t total_;
+    std::int64_t done_ = 0;
+    ProgressBar bar_;
+};
+
+// What an export tells of itself.
+struct Outcome {
+    bool finished = false;
+    bool isBackup = false;
+    CF::Array errors;
+};
+
+Outcome runExport(const Container &container, const std::string &path, bool zip) {
+    Progress progress(container);
+    KVBackupExportReport report{};
+    const auto write = zip ? &KVBackupContainerWriteZipFile : &KVBackupContainerWriteDirectory;
+    const bool finished = write(container.get(), ArgumentText(path).get(), &Progress::Report,
+                                &progress, &report) != 0;
+    return {finished, report.metadataWritten != 0, CF::Array::Adopt(report.errors)};
+}
+
+CF::Error errorAt(const CF::Array &errors, CFIndex index) {
+    return CF::Error(static_cast<CFErrorRef>(const_cast<void *>(errors.GetAt(index))));
+}
+
+// The entry whose stored file the error's reason names, "File NAME could not be ..."; else null.
+Entry *entryOf(const Container &container, const CF::Error &error) {
+    constexpr std::string_view kBefore = "File ";
+    constexpr std::string_view kAfter = " could not be ";
+    const std::string reason = error.GetFailureReason().GetUTF8();
+    const std::size_t end = reason.rfind(kAfter);
+    if (!reason.starts_with(kBefore) || end == std::string::npos || end < kBefore.size()) {
+        return nullptr;
+    }
+    const CF::String name(reason.substr(kBefore.size(), end - kBefore.size()));
+    return KVBackupContainerGetEntryForLocalFilename(container.get(), name.get(), nullptr);
+}
+
+void printErrors(const Container &container, const CF::Array &errors) {
+    for (CFIndex i = 0; i < errors.GetCount(); ++i) {
+        const CF::Error error = errorAt(errors, i);
+        Entry *entry = entryOf(container, error);
+        if (entry != nullptr) {
+            Failure(error).PrintFor(FullPath(entry));
+        } else {
+            Failure(error).Print();
+        }
+    }
+}
+
+// The number of stored names: contents, of which two entries may share one, and metadata.
+std::size_t fileCount(const Container &container) {
+    FileIDTable contents;
+    const CF::Array entries = AllEntries(container);
+    for (CFIndex i = 0; i < entries.GetCount(); ++i) {
+        Entry *entry = EntryAt(entries, i);
+        const EntryType type = TypeOf(entry);
+        if (type != EntryType::Directory && type != EntryType::Symlink) {
+            contents.Add(CF::String::GetUTF8(KVManifestEntryGetFileID(entry)),
+                         static_cast<std::uint32_t>(i));
+        }
+    }
+    contents.Sort();
+    return contents.Size() - contents.Repetitions().size() + kFilesBesideTheManifests;
+}
+
+std::int64_t bytesAt(const std::string &path) {
+    std::error_code error;
+    if (!std::filesystem::is_directory(path, error)) {
+        return static_cast<std::int64_t>(std::filesystem::file_size(path, error));
+    }
+    std::int64_t total = 0;
+    for (auto item = std::filesystem::recursive_directory_iterator(path, error);
+         !error && item != std::filesystem::recursive_directory_iterator(); item.increment(error)) {
+        if (item->is_regular_file(error)) {
+            total += static_cast<std::int64_t>(item->file_size(error));
+        }
+    }
+    return total;
+}
+
+std::string countText(std::size_t count, const char *what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+} // namespace
+
+void CheckBackupOutput(const BackupOutputOptions &options, const BackupOptions &backup) {
+    RequireVacant(WithoutTrailingSlashes(options.output), IfPresent::Refuse);
+    std::error_code error;
+    // What is written into a backup would be taken for a part of it.
+    if (std::filesystem::is_directory(backup.backup, error) &&
+        liesIn(realPath(options.output), realPath(backup.backup))) {
+        throw Failure("'" + options.output + "' would lie inside the backup");
+    }
+}
+
+void WarnOfUnreadChanges(const Container &container) {
+    if (!UsesDatabase(container)) {
+        return;
+    }
+    const auto visit = [](const KVBackupSourceFile *file, void *) -> Boolean {
+        const bool found = CFEqual(file->name, CFSTR("Manifest.db-wal")) && file->size > 0;
+        if (found) {
+            PrintMessage("warning: Manifest.db-wal holds " + std::to_string(file->size) +
+                         " bytes of changes to the manifest, which are not read");
+        }
+        return !found;
+    };
+    // A source that cannot be listed fails in what it is read for.
+    KVBackupContainerListSourceFiles(container.get(), visit, nullptr, nullptr);
+}
+
+int WriteBackup(const Container &container, const BackupOutputOptions &options) {
+    NewOutput output(options.output, IfPresent::Refuse);
+    const bool zip = asZip(options);
+    const Outcome outcome = runExport(container, output.PartialPath(), zip);
+    printErrors(container, outcome.errors);
+    if (!outcome.finished || !outcome.isBackup) {
+        throw Failure("Nothing was written to '" + options.output +
+                      "': without its manifest and metadata it would be no backup");
+    }
+    const auto skipped = static_cast<std::size_t>(outcome.errors.GetCount());
+    const std::int64_t bytes = bytesAt(output.PartialPath());
+    output.Publish();
+    PrintMessage(countText(fileCount(container) - skipped, "file") + ", " + SizeText(bytes) + " (" +
+                 std::to_string(bytes) + " bytes), written to the " + (zip ? "zip" : "directory") +
+                 " '" + options.output + "'" +
+                 (skipped > 0 ? "; " + countText(skipped, "file") + " skipped" : ""));
+    return skipped == 0 ? kDone : kFailed;
+}
+
+} // namespace tool
