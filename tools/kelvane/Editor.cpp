@@ -132,6 +132,10 @@ void Editor::makeDirectories(const Place &place) {
 }
 
 void Editor::noteNewDomain(const Place &place) const {
+    // Nearly always there, and quickly found; the domain's table is made anew after an edit.
+    if (KVManifestGetEntryMatchingPath(manifest(), place.domain.get(), CFSTR("")) != nullptr) {
+        return;
+    }
     const auto entries =
         CF::Array::Adopt(KVManifestCopyEntriesInDomain(manifest(), place.domain.get()));
     if (entries.GetCount() == 0) {
@@ -210,7 +214,10 @@ void Editor::remove(const Operation &operation) {
     }
     const Place place(named);
     requireOwnFileID(place);
-    CFIndex left = EntriesAt(container_, named.domain, named.path).GetCount();
+    CFIndex left = countAt(place);
+    if (left == 0) {
+        EntriesAt(container_, named.domain, named.path); // says what is missing
+    }
     // Entries may lie below a file, and two at one path: removing the file leaves them.
     while (left > 0) {
         KVBackupContainerRemovePath(container_.get(), place.domain.get(), place.pathText.get());
