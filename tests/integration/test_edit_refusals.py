@@ -11,8 +11,8 @@ from pathlib import Path
 
 from editing import CIPHER, EditTest, NOTES, SHOPPING, WELCOME
 from reading_back import facts_of, read
-from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD, PASSWORD_PROBLEM, USAGE, WITH_PASSWORD, backup, entries_of, \
-    main, make, run, snapshot
+from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD, PASSWORD_PROBLEM, USAGE, WITH_PASSWORD, backup, \
+    entries_of, main, make, run, snapshot
 
 
 class Refused(EditTest):
