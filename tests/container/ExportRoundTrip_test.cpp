@@ -129,5 +129,86 @@ INSTANTIATE_TEST_SUITE_P(Samples, RoundTrip,
                                          Case{kBinary, "Binary"}, Case{kZip, "Zip"}),
                          [](const auto &parameter) { return std::string(parameter.param.name); });
 
+class EditedExport : public testing::TestWithParam<bool> {
+  protected:
+    static Editable encrypted() { return Editable::Sample(kEncrypted); }
+    // Written out and opened again.
+    Editable reopened(const Editable &container) const {
+        const Exported result = RunExport(GetParam() ? KVBackupContainerExportToZipWithReport
+                                                     : KVBackupContainerExportToDirectoryWithReport,
+                                          container.get(), target_);
+        EXPECT_EQ(result.reported, Texts{});
+        EXPECT_TRUE(result.metadataWritten);
+        return Editable(
+            OpenPath(target_, {SamplePassword(), kKVBackupOpenKeepDeviceBoundKeysLocked, {}}));
+    }
+    // The bytes that lie in the backup.
+    static std::string stored(const Editable &container, const std::string &path) {
+        const auto *const entry = container.Entry("HomeDomain", path);
+        EXPECT_NE(entry, nullptr);
+        const CopiedFile file = CopyFileForName(
+            container.opened(), CF::String::GetUTF8(KVManifestEntryGetFileID(entry)));
+        EXPECT_TRUE(file.file);
+        return Editable::Text(file.file);
+    }
+
+    const testing_support::TemporaryDirectory directory_;
+    const std::string target_ = (directory_ / "out").string();
+};
+
+TEST_P(EditedExport, EncryptsWhatCameFromOutside) {
+    const Editable container = encrypted();
+    const std::string large(100000, 'k');
+    EXPECT_FALSE(container.Store("HomeDomain", "new/small", "plain text"));
+    EXPECT_FALSE(container.Store("HomeDomain", "new/large", large));
+    const Editable again = reopened(container);
+    EXPECT_EQ(again.Content("HomeDomain", "new/small"), "plain text");
+    EXPECT_EQ(again.Content("HomeDomain", "new/large"), large);
+    EXPECT_EQ(stored(again, "new/small").size(), 16u);
+    EXPECT_EQ(stored(again, "new/large").find("kkkk"), std::string::npos);
+}
+
+TEST_P(EditedExport, KeepsAnEmptyFileFromOutsideEmpty) {
+    const Editable container = encrypted();
+    EXPECT_FALSE(container.Store("HomeDomain", "empty", ""));
+    const Editable again = reopened(container);
+    EXPECT_EQ(again.Content("HomeDomain", "empty"), "");
+    EXPECT_EQ(stored(again, "empty"), "");
+}
+
+TEST_P(EditedExport, HoldsEditsAndNothingThatWasRemoved) {
+    const Editable container = encrypted();
+    const auto file = FindFileOfClass(kEncrypted, 3);
+    const std::string domain = file.at("domain");
+    EXPECT_TRUE(container.Remove(domain, file.at("path")));
+    EXPECT_NE(container.MakeDirectory("HomeDomain", "made"), nullptr);
+    EXPECT_NE(container.Link("HomeDomain", "linked", "elsewhere"), nullptr);
+    const Editable again = reopened(container);
+    EXPECT_EQ(again.Entry(domain, file.at("path")), nullptr);
+    EXPECT_TRUE(KVManifestEntryIsDirectory(again.Entry("HomeDomain", "made")));
+    EXPECT_EQ(CF::String::GetUTF8(KVManifestEntryGetTarget(again.Entry("HomeDomain", "linked"))),
+              "elsewhere");
+    EXPECT_EQ(again.Entries().size(), container.Entries().size());
+}
+
+TEST_P(EditedExport, TakesEntriesOfAnotherBackup) {
+    const Editable container = encrypted();
+    const Editable other = Editable::Sample(kPlain);
+    const auto file = FindFileOfSize(kPlain, 32769);
+    const Editable source = EmptyOfVersion(kKVManifestDataVersion33);
+    EXPECT_FALSE(
+        source.Store("AddedDomain", "added", other.Content(file.at("domain"), file.at("path"))));
+    CFErrorRef error = nullptr;
+    EXPECT_NE(
+        KVBackupContainerAddEntry(container.get(), source.Entry("AddedDomain", "added"), &error),
+        nullptr);
+    EXPECT_EQ(reopened(container).Content("AddedDomain", "added"),
+              other.Content(file.at("domain"), file.at("path")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Targets, EditedExport, testing::Bool(), [](const auto &parameter) {
+    return std::string(parameter.param ? "Zip" : "Directory");
+});
+
 } // namespace
 } // namespace container_tests
