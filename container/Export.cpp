@@ -4,6 +4,7 @@
 #include "container/CopyOut.hpp"
 #include "container/StoredName.hpp"
 #include "foundation/Boundary.hpp"
+#include "manifest/KVManifestEntryClass.hpp"
 
 #include <boost/filesystem/operations.hpp>
 
@@ -36,6 +37,33 @@ void asOwnError(Step step) {
         throw Error(kKVErrorUnknown, nullptr, CF::String(exception.what()));
     }
 }
+
+// An entry keeps its content once it is loaded, half a kilobyte of it. What an export loads
+// it lets go again, or a million entries would grow by that for having been written. Out of
+// a zip content is unpacked to be loaded, which is not to be done twice.
+class LoadedForNow {
+  public:
+    LoadedForNow(const Export &job, CFStringRef name)
+        : entry_(job.container->sourceKind == SourceKind::Directory
+                     ? KVBackupContainerGetEntryForLocalFilename(job.container, name, nullptr)
+                     : nullptr) {
+        if (entry_ != nullptr && !entry_->file) {
+            loader_ = entry_->getFileFunc;
+        }
+    }
+    LoadedForNow(const LoadedForNow &) = delete;
+    LoadedForNow &operator=(const LoadedForNow &) = delete;
+    ~LoadedForNow() {
+        if (loader_ != nullptr) {
+            entry_->file = nullptr;
+            entry_->getFileFunc = loader_;
+        }
+    }
+
+  private:
+    const KVManifestEntryClass *entry_;
+    FileLoader loader_;
+};
 
 // Content that is to be written, with what has to stay until it is.
 struct Loaded {
@@ -92,6 +120,7 @@ void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &kn
         if (!known.insert(name).second) {
             return;
         }
+        const LoadedForNow unloading(job, name);
         Loaded loaded;
         load(job, name, target.NotLoaded(), loaded);
         write(job, target, name, loaded.file.get());

@@ -208,6 +208,24 @@ TEST_P(Telling, LeavesTheContainerAsItWas) {
     EXPECT_EQ(ReadTree(SamplePath(kPlain)), first);
 }
 
+TEST_P(Telling, LeavesNoContentLoadedThatWasNot) {
+    const Editable sample = Editable::Sample(kPlain);
+    const auto loaded = FindFileOfSize(kPlain, 32769);
+    const auto other = FindFileOfSize(kPlain, 32768);
+    const auto fileOf = [&](const nlohmann::json &entry) {
+        return sample.Entry(entry.at("domain"), entry.at("path"))->file.get();
+    };
+    const KVFileClass *const before =
+        KVManifestEntryGetFile(sample.Entry(loaded.at("domain"), loaded.at("path")), nullptr);
+    exportTo(sample);
+    EXPECT_EQ(fileOf(loaded), before);
+    EXPECT_EQ(fileOf(other), nullptr);
+    const CopiedFile copied =
+        CopyFileForPath(sample.opened(), other.at("domain"), other.at("path"));
+    ASSERT_TRUE(copied.file);
+    EXPECT_EQ(SHA256(ReadContent(copied.file.get())), other.at("sha256"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Targets, Telling, testing::ValuesIn(kBoth), [](const auto &parameter) {
     return std::string(parameter.param ? "Zip" : "Directory");
 });
