@@ -137,7 +137,8 @@ class ZipSource : public BackupSource {
             buildIndex();
         }
         const auto found = positions_.find(name);
-        int status = UNZ_END_OF_LIST_OF_FILE;
+        int status = indexStatus_ == UNZ_OK ? UNZ_BADZIPFILE : indexStatus_;
+        errno = indexErrno_;
         if (found != positions_.end()) {
             errno = 0;
             unz64_file_pos position = found->second;
@@ -169,9 +170,10 @@ class ZipSource : public BackupSource {
     }
 
     // One walk over the directory, since a search by name walks it for every file. Of two
-    // records with one name the first counts, as in a search.
+    // records with one name the first counts, as in a search. Records behind a place where
+    // the directory cannot be read are not found, for that reason.
     void buildIndex() const {
-        forEachRecord([this](const std::string &name, const auto &) {
+        indexStatus_ = forEachRecord([this](const std::string &name, const auto &) {
             unz64_file_pos position;
             const bool known = unzGetFilePos64(archive_, &position) == UNZ_OK;
             if (known) {
@@ -179,12 +181,15 @@ class ZipSource : public BackupSource {
             }
             return known;
         });
+        indexErrno_ = errno;
         indexed_ = true;
     }
 
     CF::String path_;
     unzFile archive_;
     mutable bool indexed_ = false;
+    mutable int indexStatus_ = UNZ_END_OF_LIST_OF_FILE; // how the walk ended
+    mutable int indexErrno_ = 0;
     mutable std::unordered_map<std::string, unz64_file_pos> positions_;
 };
 
@@ -192,14 +197,21 @@ class ZipSource : public BackupSource {
 
 std::shared_ptr<BackupSource> OpenZipSource(const CF::String &zipPath) {
     const std::string path = zipPath.GetUTF8();
-    boost::system::error_code ignored;
+    boost::system::error_code error;
     unzFile archive = nullptr;
     // Opening a FIFO would wait for a writer that may never come.
-    if (path.find('\0') == std::string::npos && boost::filesystem::is_regular_file(path, ignored)) {
+    if (path.find('\0') == std::string::npos && boost::filesystem::is_regular_file(path, error)) {
+        errno = 0;
         archive = unzOpen(path.c_str());
+        error.assign(errno, boost::system::generic_category());
     }
     if (archive == nullptr) {
-        throw Error(kKVErrorInvalidBackup, nullptr, CFSTR("Failed to open zip file (%@)"),
+        CF::Error cause;
+        if (error) {
+            errno = error.value();
+            cause = CF::Error::Adopt(ZK::zipCreateError(UNZ_ERRNO));
+        }
+        throw Error(kKVErrorInvalidBackup, cause, CFSTR("Failed to open zip file (%@)"),
                     zipPath.get());
     }
     return std::make_shared<ZipSource>(zipPath, archive);

@@ -107,7 +107,8 @@ class ContentReader {
         input_.resize(chunkSize_);
         input_.resize(source_.read_some(input_, error));
         if (error) {
-            throw Kelvane::MakeFSError(std::runtime_error("Failed to read local file"), path_);
+            throw Kelvane::MakeFSError(error.value(), CFSTR("Failed to read local file (%s)"),
+                                       path_.c_str());
         }
         if (input_.empty()) {
             return nullptr;

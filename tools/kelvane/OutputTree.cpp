@@ -151,6 +151,8 @@ OutputTree::OutputTree(const std::string &root, bool replace) : replace_(replace
     // The root itself is the user's choice, and may be reached through links.
     root_ = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (root_ < 0) {
+        // What kept it from being made says more than that it is missing.
+        errno = error ? error.value() : errno;
         throw Failure("The target directory '" + root + "' could not be opened", SystemError());
     }
 }
