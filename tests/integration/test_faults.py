@@ -1,0 +1,206 @@
+"""Every file operation of the tool fails once, and the tool has to live with it.
+
+The tool runs under faults/fault_shim.c, which lets the n-th operation on the backup, the temporary files or
+the output fail. For every n, and for each of several errors: no crash, no hang, no leak that a sanitizer reports,
+nothing left in the temporary directory, no partial file in the output, and, when the tool fails, a message that names
+the cause. When it succeeds all the same, its output is the one that it has without faults.
+"""
+
+from __future__ import annotations
+
+import concurrent.futures
+import contextlib
+import errno
+import functools
+import hashlib
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+import zipfile
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from tool_testing import (
+    DONE, ENCRYPTED, FAILED, TIMEOUT, WITH_PASSWORD, ToolTest, command, main, make, remove_tree, shared, snapshot,
+)  # fmt: skip
+
+ERRORS = (errno.ENOSPC, errno.EIO, errno.EACCES)
+# What SQLite and zip archives call the same things.
+OTHER_TEXTS = (
+    "disk I/O error", "database disk image is malformed", "database or disk is full", "unable to open database file", "readonly database",
+    "attempt to write a readonly database", "access permission denied",
+)  # fmt: skip
+
+
+@dataclass
+class Job:
+    """A command that writes to an output, which {} stands for."""
+
+    arguments: tuple[str, ...]
+    output: str | None = None
+    # Files whose content is not the same in every run.
+    changing: tuple[str, ...] = ()
+    reference: dict[str, str] = field(default_factory=dict)
+    operations: int = 0
+    standard_output: bytes = b""
+
+
+class Run:
+    """One run of a job, in a directory of its own."""
+
+    def __init__(self, job: Job, at: int, error: int, sticky: bool) -> None:
+        self.what = f"{' '.join(job.arguments[:1])} at {at}, {errno.errorcode[error]}{' for good' if sticky else ''}"
+        with tempfile.TemporaryDirectory(dir=shared / "runs") as name:
+            folder = Path(name)
+            (folder / "tmp").mkdir()
+            self.log = folder.parent / (folder.name + ".log")
+            self.result = self.start(job, folder, at, error, sticky)
+            self.leftovers = os.listdir(folder / "tmp")
+            self.output = content_below(folder / job.output, job.changing) if job.output else {}
+            with contextlib.suppress(FileNotFoundError):
+                self.operations = len(self.log.read_bytes().splitlines())
+                self.log.unlink()
+            for path in folder.iterdir():
+                if path.is_dir():
+                    remove_tree(path)
+
+    def start(self, job: Job, folder: Path, at: int, error: int, sticky: bool) -> subprocess.CompletedProcess[bytes]:
+        environment = {
+            **os.environ, "LD_PRELOAD": preloaded(), "TMPDIR": str(folder / "tmp"), "FAULT_ROOT": str(shared),
+            "FAULT_AT": str(at), "FAULT_ERRNO": str(error), "LC_ALL": "C",
+        }  # fmt: skip
+        if at == 0:
+            environment["FAULT_LOG"] = str(self.log)
+        if sticky:
+            environment["FAULT_STICKY"] = "1"
+        arguments = [argument.replace("{}", str(folder)) for argument in job.arguments]
+        return subprocess.run(
+            command(*arguments), env=environment, stdin=subprocess.DEVNULL, capture_output=True, check=False,
+            timeout=TIMEOUT,
+        )  # fmt: skip
+
+
+@functools.cache
+def preloaded() -> str:
+    """The shim, behind the sanitizer's runtime where the tool has one: that must come first."""
+    libraries = subprocess.run(["ldd", os.environ["KELVANE_TOOL"]], capture_output=True, text=True, check=True).stdout
+    found = [line.split()[2] for line in libraries.splitlines() if "libasan" in line]
+    return " ".join([*found, os.environ["FAULT_SHIM"]])
+
+
+def content_below(path: Path, changing: tuple[str, ...]) -> dict[str, str]:
+    """Digests of the files below a directory, or of the records of a zip; a broken one raises."""
+    found: dict[str, str] = {}
+    if path.is_dir():
+        for folder, directories, files in os.walk(path):
+            for name in directories:
+                with contextlib.suppress(OSError):
+                    os.chmod(os.path.join(folder, name), 0o700)
+            for name in files:
+                file = Path(folder) / name
+                key = str(file.relative_to(path))
+                found[key] = "" if name in changing or file.is_symlink() else digest(file.read_bytes())
+    elif path.exists():
+        try:
+            with zipfile.ZipFile(path) as archive:
+                for name in archive.namelist():
+                    found[name] = "" if name in changing else digest(archive.read(name))
+        except zipfile.BadZipFile as bad:
+            found["(the archive)"] = str(bad)
+    return found
+
+
+def cases_at(at: int) -> list[tuple[int, int, bool]]:
+    """All ways to fail there; by default one error in turn and the full disk, which is quicker."""
+    every = os.environ.get("KELVANE_ALL_FAULTS")
+    errors = ERRORS if every else (ERRORS[at % len(ERRORS)],)
+    full_disk = [(at, errno.ENOSPC, True)] if every or at % 3 == 0 else []
+    return [*((at, error, False) for error in errors), *full_disk]
+
+
+def digest(content: bytes) -> str:
+    return hashlib.sha256(content).hexdigest()
+
+
+@unittest.skipUnless("FAULT_SHIM" in os.environ, "there is no way to preload here")
+class Faults(ToolTest):
+    backup: Path
+    source: dict
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        (shared / "runs").mkdir(exist_ok=True)
+        cls.encrypted = make(shared / "encrypted", "--tree", "small", *ENCRYPTED)
+        cls.binary = make(shared / "binary", "--tree", "small", "--version", "2.4")
+        cls.archive = make(shared / "archive.zip", "--tree", "small", "--zip", "--version", "3.1")
+        cls.before = snapshot(shared / "encrypted")
+        cls.new = shared / "new"
+        cls.new.write_bytes(b"new content\n" * 5000)
+
+    def judge(self, job: Job, run: Run, error: int) -> None:
+        status, messages = run.result.returncode, run.result.stderr.decode(errors="replace")
+        self.assertIn(status, (DONE, FAILED), f"{run.what}: {messages}")
+        self.assertEqual(run.leftovers, [], run.what)
+        for name, content in run.output.items():
+            self.assertEqual(content, job.reference.get(name), f"{run.what}: {name} is partial; {messages}")
+        if status == DONE:
+            self.assertEqual(run.output, job.reference, f"{run.what}: something is missing; {messages}")
+            self.assertEqual(run.result.stdout, job.standard_output, run.what)
+        else:
+            texts = (os.strerror(error), *OTHER_TEXTS)
+            self.assertTrue(any(text in messages for text in texts), f"{run.what}: no cause in {messages!r}")
+
+    def try_everything(self, *arguments: str | Path, output: str | None = None, changing: tuple[str, ...] = ()) -> None:
+        job = Job(tuple(map(str, arguments)), output, changing)
+        reference = Run(job, 0, errno.EIO, False)
+        self.assertEqual(reference.result.returncode, DONE, reference.result.stderr)
+        job.reference, job.operations = reference.output, reference.operations
+        job.standard_output = reference.result.stdout
+        self.assertGreater(job.operations, 10)
+        cases = [case for at in range(1, job.operations + 1) for case in cases_at(at)]
+        with concurrent.futures.ThreadPoolExecutor(2) as pool:
+            for run, (_, error, _) in zip(pool.map(lambda case: Run(job, *case), cases), cases, strict=True):
+                with self.subTest(run.what):
+                    self.judge(job, run, error)
+        print(f"{job.arguments[0]}: {job.operations} operations, {len(cases)} runs", file=sys.stderr)
+
+    def tearDown(self) -> None:
+        self.assertEqual(snapshot(shared / "encrypted"), self.before, "the backup was changed")
+
+    def test_opening(self) -> None:
+        self.try_everything("info", self.encrypted, *WITH_PASSWORD)
+
+    def test_opening_a_binary_manifest(self) -> None:
+        self.try_everything("ls", "--all", self.binary)
+
+    def test_opening_a_zip(self) -> None:
+        self.try_everything("info", self.archive)
+
+    def test_extracting(self) -> None:
+        self.try_everything("extract", self.encrypted, *WITH_PASSWORD, "-o", "{}/out", output="out")
+
+    def test_exporting_to_a_directory(self) -> None:
+        self.try_everything("export", self.encrypted, "{}/out", *WITH_PASSWORD, output="out")
+
+    def test_exporting_a_binary_manifest(self) -> None:
+        self.try_everything("export", self.binary, "{}/out", output="out")
+
+    def test_exporting_to_a_zip(self) -> None:
+        self.try_everything("export", self.encrypted, "{}/out.zip", *WITH_PASSWORD, output="out.zip")
+
+    def test_exporting_from_a_zip(self) -> None:
+        self.try_everything("export", self.archive, "{}/out", output="out")
+
+    def test_editing(self) -> None:
+        # The new file has a fresh key each time, and the manifest records it.
+        name = hashlib.sha1(b"HomeDomain-Library/New").hexdigest()
+        self.try_everything(
+            "edit", self.encrypted, "{}/out", *WITH_PASSWORD, "--put", "HomeDomain", "Library/New", self.new,
+            output="out", changing=("Manifest.db", name),
+        )  # fmt: skip
+
+
+if __name__ == "__main__":
+    main()
