@@ -1,8 +1,10 @@
 // Copies of containers, and the value wrapper.
 #include "KVBackupContainer.hpp"
 
+#include "Kelvane/SharedState.hpp"
 #include "container/KVBackupContainerClass.hpp"
 #include "support/cf/Extensions.hpp"
+#include "support/zk/Log.hpp"
 
 #include <utility>
 
@@ -41,8 +43,9 @@ KVBackupContainerClass *KVBackupContainerCreateCopy(CFAllocatorRef allocator,
     Kelvane::ContainerRef copy = Kelvane::AllocateContainer(allocator);
     try {
         copyInto(*copy.get(), *container);
-    } catch (const CF::Error &) {
+    } catch (const CF::Error &error) {
         // There is no out-parameter to say that the zip has vanished.
+        ZLLogError(error.get(), Kelvane::GetLogDomain(), nullptr);
         return nullptr;
     }
     return copy.detach();

@@ -11,6 +11,44 @@ bool isAt(const KVManifestEntryClass *entry, CFStringRef domain, CFStringRef pat
            CFEqual(KVManifestEntryGetDomain(entry), domain);
 }
 
+void requireAt(const KVManifestEntryClass *found, CFStringRef domain, CFStringRef path) {
+    if (found != nullptr && !isAt(found, domain, path)) {
+        throw Error(kKVErrorInvalidArgument, nullptr,
+                    CFSTR("File ID (%@) belongs to another entry (%@)"),
+                    KVManifestEntryGetFileID(found), KVManifestEntryGetDomainPathPair(found));
+    }
+}
+
+// A manifest that holds one such text cannot be written at all.
+void requireEncodable(CFStringRef text) {
+    const CFIndex length = CFStringGetLength(text);
+    if (CFStringGetBytes(text, CFRangeMake(0, length), kCFStringEncodingUTF8, 0, false, nullptr, 0,
+                         nullptr) != length) {
+        throw Error(kKVErrorInvalidArgument, nullptr, "Text cannot be encoded as UTF-8");
+    }
+}
+
+// Every level above the path may become an entry that holds the path down to it. Devices
+// take paths of 1,024 bytes.
+constexpr CFIndex kMaximumPathLength = 16384;
+constexpr CFIndex kMaximumLevels = 1024;
+
+CFIndex countLevels(CFStringRef path) {
+    CFIndex levels = 1;
+    for (CFIndex i = 0; i < CFStringGetLength(path); ++i) {
+        levels += CFStringGetCharacterAtIndex(path, i) == u'/' ? 1 : 0;
+    }
+    return levels;
+}
+
+void requireReasonablePath(CFStringRef path) {
+    const CFIndex levels = countLevels(path);
+    if (CFStringGetLength(path) > kMaximumPathLength || levels > kMaximumLevels) {
+        throw Error(kKVErrorInvalidArgument, nullptr,
+                    CFSTR("Path is too long or too deep (%ld levels)"), static_cast<long>(levels));
+    }
+}
+
 } // namespace
 
 KVManifestEntryClass *Edit::findByFileID(CFStringRef path) const {
@@ -29,12 +67,24 @@ KVManifestEntryClass *Edit::FindOwn(CFStringRef path) const {
 
 KVManifestEntryClass *Edit::Find(CFStringRef path) const {
     KVManifestEntryClass *const found = findByFileID(path);
-    if (found != nullptr && !isAt(found, domain_, path)) {
-        throw Error(kKVErrorInvalidArgument, nullptr,
-                    CFSTR("File ID (%@) belongs to another entry (%@)"),
-                    KVManifestEntryGetFileID(found), KVManifestEntryGetDomainPathPair(found));
-    }
+    requireAt(found, domain_, path);
     return found != nullptr ? found : findByPath(path);
+}
+
+void Edit::RequireFileIDFor(const KVManifestEntryClass &entry) const {
+    requireAt(KVManifestGetEntryForFileID(container_.manifest.get(), entry.fileID.get()), domain_,
+              KVManifestEntryGetPath(&entry));
+}
+
+void Edit::Add(EntryPointer entry) {
+    // A database row without a domain is no entry, and refuses the whole manifest.
+    if (CFStringGetLength(KVManifestEntryGetDomain(entry.get())) == 0) {
+        throw Error(kKVErrorInvalidArgument, nullptr, "An entry must have a domain");
+    }
+    requireEncodable(KVManifestEntryGetDomain(entry.get()));
+    requireEncodable(KVManifestEntryGetPath(entry.get()));
+    requireEncodable(KVManifestEntryGetTarget(entry.get()));
+    change_.added.push_back(std::move(entry));
 }
 
 void Edit::addDirectory(CFStringRef path) {
@@ -48,6 +98,7 @@ void Edit::EnsureRoot() {
 }
 
 void Edit::EnsureParents(CFStringRef path) {
+    requireReasonablePath(path);
     const CFIndex length = CFStringGetLength(path);
     for (CFIndex i = 0; i < length; ++i) {
         if (CFStringGetCharacterAtIndex(path, i) != u'/') {

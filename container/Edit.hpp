@@ -17,15 +17,20 @@ class Edit {
     // to another entry (%@)", when the manifest gives the file ID of this path to another
     // one: stored content and database rows go by file ID, and one of the two would be lost.
     KVManifestEntryClass *Find(CFStringRef path) const;
-    // The same, but null instead of an error: another entry's file ID is no reason not to
+    // Throws that error when another path has the file ID of the entry.
+    void RequireFileIDFor(const KVManifestEntryClass &entry) const;
+    // The same as Find, but null instead of an error: another entry's file ID is no reason not to
     // take away what is at the path.
     KVManifestEntryClass *FindOwn(CFStringRef path) const;
 
     // Makes the domain's root unless something is there.
     void EnsureRoot();
-    // Makes the directories above the path where nothing is. Without the root.
+    // Makes the directories above the path where nothing is. Without the root. Throws code 2,
+    // "Path is too long or too deep (%ld levels)".
     void EnsureParents(CFStringRef path);
-    void Add(EntryPointer entry) { change_.added.push_back(std::move(entry)); }
+    // Throws code 2 for an entry that no manifest could be written with: "An entry must have a
+    // domain", "Text cannot be encoded as UTF-8".
+    void Add(EntryPointer entry);
     void Remove(KVManifestEntryClass *entry) { change_.removed.emplace_back(entry); }
     // Whatever is at the path and below it.
     void RemoveTree(CFStringRef path);

@@ -18,6 +18,19 @@ EntryPointer copyWithContent(const KVManifestEntryClass *entry) {
     return CF::Adopt(KVManifestEntryCreateCopy(kCFAllocatorDefault, entry, nullptr));
 }
 
+// Content from outside lies plain, whatever it was to become in the backup that the entry
+// comes from.
+void forgetKey(KVManifestEntryClass &entry) {
+    if (!entry.file || CFDataGetLength(entry.encryptionData.get()) == 0) {
+        return;
+    }
+    entry.encryptionData = CF::Pointer<CFDataRef>(EmptyData());
+    entry.unlockedFileKey = nullptr;
+    CF::Data hash(KVFileGetHash(entry.file.get()));
+    entry.dataHash = CF::Adopt(hash.detach());
+    entry.size = static_cast<std::int64_t>(KVFileGetSize(entry.file.get()));
+}
+
 KVManifestEntryClass *addEntry(KVBackupContainerClass &container,
                                const KVManifestEntryClass *entry) {
     EntryPointer copy = copyWithContent(entry);
@@ -30,8 +43,12 @@ KVManifestEntryClass *addEntry(KVBackupContainerClass &container,
         // is encrypted on its way out, as content from outside is.
         copy.get()->external = true;
     }
+    if (!container.encryption && KVManifestEntryIsExternal(copy.get())) {
+        forgetKey(*copy.get());
+    }
     KVManifestEntryClass *const added = copy.get();
     Edit edit(container, KVManifestEntryGetDomain(added));
+    edit.RequireFileIDFor(*added);
     edit.Add(std::move(copy));
     edit.Apply();
     return added;
@@ -64,6 +81,10 @@ void removePath(KVBackupContainerClass &container, CFStringRef domain, CFStringR
         edit.Remove(entry);
     } else {
         edit.RemoveTree(path);
+        // Entries without a domain, which only some manifests hold, are found one by one.
+        if (entry != nullptr && CFStringGetLength(domain) == 0) {
+            edit.Remove(entry);
+        }
     }
     edit.Apply();
 }

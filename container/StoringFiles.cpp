@@ -3,7 +3,6 @@
 #include "Kelvane/SharedState.hpp"
 #include "container/Edit.hpp"
 #include "crypto/EntryKeys.hpp"
-#include "filestore/KVFileClass.hpp"
 #include "foundation/Boundary.hpp"
 #include "support/zk/Log.hpp"
 
@@ -26,34 +25,10 @@ struct Request {
     const char *function;
 };
 
-// The content as the file delivers it, as a file without a crypt step: entries refer to
-// bytes on disk, which for a file that decrypts while it is read are other bytes.
-FileRef asStored(KVFileClass *file) {
-    if (file->cryptMode == CryptMode::None) {
-        return FileRef(file);
-    }
-    LocalError error;
-    FileRef copy(CF::adopt, KVFileCreateAppendable(error.out()));
-    if (!copy) {
-        throw error.get();
-    }
-    KVFileGetData(file, kKVFileDefaultDataChunkSize, [&](const std::vector<std::uint8_t> &bytes) {
-        if (!bytes.empty() && !KVFileAppendData(copy.get(), CF::Data(bytes).get(), error.out())) {
-            throw error.get();
-        }
-        return true;
-    });
-    if (!KVFileFinalizeAppendable(copy.get(), error.out())) {
-        throw error.get();
-    }
-    return copy;
-}
-
 EntryPointer makeEntry(const Request &request) {
     LocalError error;
-    const FileRef file = asStored(request.file);
     auto entry = CF::Adopt(KVManifestEntryCreateForFile(
-        kCFAllocatorDefault, file.get(), request.domain, request.path, nullptr, error.out()));
+        kCFAllocatorDefault, request.file, request.domain, request.path, nullptr, error.out()));
     if (!entry) {
         ZLLogError(error.get().get(), GetLogDomain(),
                    CFSTR("%s: Failed to generate entry for %@:%@"), request.function,
@@ -79,13 +54,17 @@ void takeOver(const Request &request, KVManifestEntryClass &entry,
 // Makes room for the entry: takes what is at its path away, or makes what is missing above.
 void makeRoom(const Request &request, Edit &edit, const EntryPointer &entry) {
     KVManifestEntryClass *const existing = edit.Find(request.path);
-    if (CFStringGetLength(request.path) > 0) {
+    const bool atRoot = CFStringGetLength(request.path) == 0;
+    if (!atRoot) {
         edit.EnsureRoot();
     }
-    if (existing == nullptr) {
+    if (existing == nullptr && !atRoot) {
         ZLLogDomain(GetLogDomain(), kZLLogLevelDetail, CFSTR("%s: Generated new entry %@"),
                     request.function, entry.get());
         edit.EnsureParents(request.path);
+    } else if (existing == nullptr) {
+        // The domain is a directory, with or without an entry for its root.
+        edit.RemoveTree(request.path);
     } else if (KVManifestEntryIsDirectory(existing)) {
         logReplacing(request, CFSTR("%s: Generated new entry %@ (replacing DIRECTORY %@)"), entry,
                      existing);

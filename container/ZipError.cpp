@@ -41,7 +41,8 @@ CFStringRef statusText(int status) {
 } // namespace
 
 CFErrorRef zipCreateError(int status) {
-    if (status == UNZ_ERRNO && errno != 0) {
+    // The library takes a header that it cannot read for a bad one.
+    if ((status == UNZ_ERRNO || status == UNZ_BADZIPFILE) && errno != 0) {
         return CFErrorCreatePOSIXError(kCFAllocatorDefault, errno, nullptr);
     }
     const auto info = CF::Dictionary::Mutable();

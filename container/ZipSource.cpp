@@ -127,6 +127,7 @@ class ZipSource : public BackupSource {
         // A deflate stream that ends early reads like a good end of the record, and its
         // checksum is then not looked at.
         if (total != expected) {
+            errno = 0;
             throwZipError(kKVErrorArchive, UNZ_BADZIPFILE, CFSTR("Failed to extract file data"));
         }
     }

@@ -45,6 +45,11 @@ OwnedFile ReferenceInPlace(CFStringRef path, const std::vector<std::uint8_t> &ha
 // ReferenceStoredFile does.
 OwnedFile CopyIntoStore(const ZK::filesystem::path &source, const std::vector<std::uint8_t> &hash);
 
+// The content as the file delivers it, through its crypt step, in a file of the store that
+// delivers the same without one. Throws what reading and appending throw; no partial file
+// stays.
+OwnedFile CopyAsDelivered(const KVFileClass &file);
+
 // Gives a finished scratch file its place in the store; a regular file that lies there
 // already wins, and the scratch file goes. Throws code 3 "Internal inconsistency (PATH)"
 // when anything else lies there. With _TempFilesystemMutex held.

@@ -238,17 +238,32 @@ KV_EXPORT KVFileClass *KVBackupContainerCopySourceManifest(const KVBackupContain
  * that were got from it stay as they were. One edit costs the same in a manifest of a
  * million entries as in a small one, once the first has built the lookup tables.
  *
- * No path is checked or brought into another form: "a//b" is the path with an empty
- * component. Paths and domains must not be null. In an encrypted container every new file
- * gets a key of its own, at the cost of one pass over its content, and its entry records
- * the SHA-1 and the size of the content as it will be stored, encrypted. */
+ * Paths are taken as they are: "a//b" is the path with an empty component. Arguments must
+ * not be null, but for the file. In an encrypted container every new file gets a key of its
+ * own, at the cost of one pass over its content, and its entry records the SHA-1 and the
+ * size of the content as it will be stored, encrypted.
+ *
+ * What would make a backup that cannot be written, or lose an entry, is refused with code 2
+ * (where there is no error to give, with null):
+ *   "An entry must have a domain"
+ *   "Text cannot be encoded as UTF-8": the domain, path or target holds half of a pair
+ *   "Path is too long or too deep (%ld levels)": over 16384 units or 1024 components, where
+ *     the directories above it would have to be made
+ *   "File ID (%@) belongs to another entry (%@)": the file ID of the path, its domain's root
+ *     or a directory above it is that of an entry of another domain or path. Forged
+ *     manifests hold such entries; else only a domain with a hyphen can: "A-B" and "C" make
+ *     the ID that "A" and "B-C" do. */
 
 /* Adds a copy of an entry, of another container mostly. The given entry is not changed, but
  * for its content being loaded. Returns the copy, borrowed from the manifest. There is no
- * check for an entry of the same path or file ID: both are kept, and a lookup by file ID
- * finds the new one. The content is what KVManifestEntryGetFile gives, which for an entry of
- * another encrypted backup is ciphertext that this container has no key for: carry such a
- * file over with KVBackupContainerCopyFileForPath and KVBackupContainerStoreFileForPath.
+ * check for an entry of the same domain and path: both are kept, and a lookup by file ID
+ * finds the new one. The content is what KVManifestEntryGetFile gives, which for an entry
+ * that was read from another encrypted backup is ciphertext that this container has no key
+ * for: carry such a file over with KVBackupContainerCopyFileForPath and
+ * KVBackupContainerStoreFileForPath. In an encrypted container the copy of a file counts as
+ * made by this library (KVManifestEntryIsExternal): its content is encrypted when it is
+ * written. In a plain one the copy of an entry that this library made loses the key that it
+ * may have, and its digest and size are those of the plain content.
  * Null on failure:
  *   code 6  "A file reference could not be loaded for an entry that represents a file",
  *           with the cause underneath
@@ -264,10 +279,9 @@ KV_EXPORT KVManifestEntryClass *KVBackupContainerAddEntry(KVBackupContainerClass
  * that is below it. The file's content must stay until the backup is written; of one that
  * decrypts or encrypts while it is read, what it delivers is stored, in a copy. False on
  * failure, with the entries unchanged:
- *   code 2  "No file reference": file is null; "File ID (%@) belongs to another entry (%@)":
- *           the manifest gives the file ID of this path to another one, which only a forged
- *           manifest does
- *   code 7  "No valid cache reference available for created file (%s)", cause underneath
+ *   code 2  "No file reference": file is null; and the refusals above
+ *   code 7  "No valid cache reference available for created file (%s)", cause underneath:
+ *           the content is gone, cannot be read or decrypted, or is still appended to
  *   encrypted containers: as KVManifestEntryGenerateFileKey; a key is made for protection
  *           class 4 alone, so replacing a file of class 1 to 3, as nearly all of a device's
  *           are, fails with code 2: KVBackupContainerReplaceFileForPath does that */
@@ -292,8 +306,8 @@ KV_EXPORT KVManifestEntryClass *
 KVBackupContainerCreateDirectoryAtPath(KVBackupContainerClass *container, CFStringRef domain,
                                        CFStringRef path);
 /* Removes the file or link at the path, or the directory with all that is below it; the
- * empty path stands for the whole domain. True when it is gone, also when nothing was
- * there. */
+ * empty path stands for the whole domain. Of several files of one path the last one goes,
+ * and a lookup then finds the one before. Always true, also when nothing was there. */
 KV_EXPORT Boolean KVBackupContainerRemovePath(KVBackupContainerClass *container, CFStringRef domain,
                                               CFStringRef path);
 /* Makes a symbolic link, or replaces one, and the domain's root when it is missing. The

@@ -83,8 +83,10 @@ KV_EXPORT void KVManifestEntryCopyFilesystemAttributes(const KVManifestEntryClas
  * time and protection class None; the caller releases it. Null on failure.
  *
  * encryptionData: a wrapped key, or null for none.
+ * Of a file with a crypt step a copy is stored of what it delivers.
  * Error 7, "No valid cache reference available for created file (HASH)": the file
- * store holds no content with the file's hash at its path; the cause lies underneath. */
+ * store holds no content with the file's hash at its path, or the file is still appended
+ * to; the cause lies underneath. */
 KV_EXPORT KVManifestEntryClass *
 KVManifestEntryCreateForFile(CFAllocatorRef allocator, KVFileClass *file, CFStringRef domain,
                              CFStringRef relativePath, CFDataRef encryptionData, CFErrorRef *error);

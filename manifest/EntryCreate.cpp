@@ -3,6 +3,8 @@
 #include "KVFile.h"
 #include "Kelvane/Error.hpp"
 #include "Kelvane/FileManager.hpp"
+#include "filestore/KVFileClass.hpp"
+#include "filestore/Storage.hpp"
 #include "foundation/Boundary.hpp"
 #include "manifest/KVManifestEntryClass.hpp"
 #include "support/cf/CF.hpp"
@@ -37,18 +39,34 @@ Kelvane::EntryPointer makeEntry(CFAllocatorRef allocator, const NewEntry &kind, 
     return entry;
 }
 
-// Refers to the content where the given file has it, under a registration of the
-// entry's own.
-void adoptContent(KVManifestEntryClass &entry, const KVFileClass *file) {
-    const auto hash = KVFileGetHash(file);
-    const ZK::filesystem::path path(CF::String::GetUTF8(KVFileGetLocalPath(file)));
+// A reference to the content where the given file has it, under a registration of its own.
+// Of a file that decrypts or encrypts while it is read, a copy of what it delivers: on disk
+// lie other bytes than those of its hash.
+CF::Pointer<KVFileClass *> cachedReference(const KVFileClass *file) {
+    if (KVFileIsAppendable(file)) {
+        throw Kelvane::Error(kKVErrorInvalidArgument, nullptr,
+                             CFSTR("File reference is still appendable"));
+    }
+    if (file->cryptMode != Kelvane::CryptMode::None) {
+        return Kelvane::CopyAsDelivered(*file);
+    }
     Kelvane::LocalError cause;
-    entry.file = CF::Adopt(Kelvane::FileManager::CopyCachedFileReference(path, hash, cause.out()));
-    if (!entry.file) {
+    auto reference = CF::Adopt(Kelvane::FileManager::CopyCachedFileReference(
+        ZK::filesystem::path(file->localPath.GetUTF8()), file->hash, cause.out()));
+    if (!reference) {
+        throw cause.get();
+    }
+    return reference;
+}
+
+void adoptContent(KVManifestEntryClass &entry, const KVFileClass *file) {
+    try {
+        entry.file = cachedReference(file);
+    } catch (const CF::Error &cause) {
         throw Kelvane::Error(
-            kKVErrorCachedFileAccess, cause.get(),
+            kKVErrorCachedFileAccess, cause,
             CF::String(CFSTR("No valid cache reference available for created file (%s)")),
-            ZK::Math::hex_encode(hash).c_str());
+            ZK::Math::hex_encode(KVFileGetHash(file)).c_str());
     }
     entry.size = static_cast<std::int64_t>(KVFileGetSize(entry.file.get()));
     entry.dataHash = CF::Data(KVFileGetHash(entry.file.get())).get();

@@ -23,11 +23,10 @@ CFStringRef CopyDebugDescription(CFTypeRef manifest) {
 const CFRuntimeClass kRuntimeClass = Kelvane::RuntimeBody<KVManifestClass>::Record(
     kClassName, {nullptr, CopyFormattingDescription, CopyDebugDescription});
 
-// Compares "domain-path" of both. Making these texts for all entries would take more
-// time and memory than the entries themselves, and the domains alone mostly decide.
-CFComparisonResult CompareDomainsAndPaths(const void *first, const void *second, void *) {
-    const auto *const a = static_cast<const KVManifestEntryClass *>(first);
-    const auto *const b = static_cast<const KVManifestEntryClass *>(second);
+// Whether the first comes before the second by "domain-path". Making these texts for all entries
+// would take more time and memory than the entries themselves, and the domains alone mostly decide.
+CFComparisonResult CompareDomainsAndPaths(const KVManifestEntryClass *a,
+                                          const KVManifestEntryClass *b) {
     CFStringRef domainA = KVManifestEntryGetDomain(a);
     CFStringRef domainB = KVManifestEntryGetDomain(b);
     if (domainA == domainB || CFEqual(domainA, domainB)) {
@@ -54,10 +53,13 @@ KVManifestClass *CreateManifest(CFAllocatorRef allocator, ManifestContents conte
 }
 
 CF::Array CopySortedEntries(KVManifestClass *manifest) {
-    const auto sorted = CF::Array::MutableCopy(manifest->entries.Listing());
-    CFArraySortValues(const_cast<CFMutableArrayRef>(sorted.get()),
-                      CFRangeMake(0, sorted.GetCount()), CompareDomainsAndPaths, nullptr);
-    return sorted;
+    std::vector<EntryPosition> sorted = manifest->entries.Positions();
+    // Stable, so that of entries with one file ID the row of the last stays.
+    std::stable_sort(sorted.begin(), sorted.end(), [&](EntryPosition a, EntryPosition b) {
+        return CompareDomainsAndPaths(manifest->entries.At(a), manifest->entries.At(b)) ==
+               kCFCompareLessThan;
+    });
+    return manifest->entries.ArrayOf(sorted);
 }
 
 } // namespace Kelvane
@@ -77,9 +79,9 @@ KVManifestClass *KVManifestCreateCopy(CFAllocatorRef allocator, KVManifestClass 
     const Kelvane::EntryTable &entries = manifest->entries;
     Kelvane::ManifestContents contents;
     contents.entries.Reserve(entries.Count());
+    const Kelvane::FileLoader loader = Kelvane::ShareFileLoader(getFileFunc);
     for (const Kelvane::EntryPosition position : entries.Positions()) {
-        const auto entry =
-            CF::Adopt(KVManifestEntryCreateCopy(allocator, entries.At(position), getFileFunc));
+        const auto entry = Kelvane::CopyEntry(allocator, *entries.At(position), loader);
         contents.entries.Append(entry.get(), entries.WeightAt(position));
     }
     contents.placeholders = CF::Dictionary::MutableCopy(manifest->placeholderFileIDs.get());

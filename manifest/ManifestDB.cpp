@@ -16,6 +16,9 @@
 
 #include <cstdint>
 #include <span>
+#include <sqlite3.h>
+
+#include <system_error>
 #include <utility>
 
 namespace Kelvane {
@@ -101,8 +104,14 @@ void CreateSchema(SQLite::Database &database, int version) {
     for (const char *const statement : kPragmas) {
         database.exec(statement);
     }
-    // Answers with a row, which exec would take for a failure.
-    SQLite::Statement(database, kJournalPragma).executeStep();
+    // Answers with a row, which exec would take for a failure; when the mode cannot be had
+    // the row names another one, and that is all.
+    SQLite::Statement journal(database, kJournalPragma);
+    if (!journal.executeStep() || journal.getColumn(0).getString() != "wal") {
+        const std::error_code cause(sqlite3_system_errno(database.getHandle()),
+                                    std::generic_category());
+        throw SQLite::Exception("The journal mode cannot be set: " + cause.message());
+    }
 }
 
 } // namespace

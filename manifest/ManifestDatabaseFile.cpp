@@ -46,8 +46,12 @@ CF::Array AddEntries(KVManifestClass *manifest, ManifestRowWriter &writer) {
     return failed;
 }
 
+// One whose file ID an entry has been given since would take the place of the entry's row.
 void AddPlaceholders(KVManifestClass *manifest, ManifestRowWriter &writer) {
     manifest->placeholderFileIDs.ForEach([&](CFTypeRef fileID, CFTypeRef flags) {
+        if (KVManifestGetEntryForFileID(manifest, static_cast<CFStringRef>(fileID)) != nullptr) {
+            return;
+        }
         int value = 0;
         CFNumberGetValue(static_cast<CFNumberRef>(flags), kCFNumberIntType, &value);
         writer.Add(static_cast<CFStringRef>(fileID), nullptr, nullptr, value, {});

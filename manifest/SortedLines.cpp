@@ -87,8 +87,11 @@ void SortedLines::Flush() {
 void SortedLines::Sort() {
     Flush();
     // Its lock keeps readers out.
-    output_.close();
     boost::system::error_code error;
+    output_.close(error);
+    if (error) {
+        Fail(error.value());
+    }
     input_ = ZK::file::readable_file(path_, error);
     if (error) {
         Fail(error.value());
