@@ -374,11 +374,12 @@ bool Reader::SetReferenced() {
         return false;
     }
     if (Has(Field::ExtendedAttributes)) {
-        // Devices refer to plain data here, which is no dictionary: no attributes.
+        // Devices refer to plain data here. Anything else takes the general way.
         const TableEntry *const attributes = EntryOf(Field::ExtendedAttributes);
         if (attributes == nullptr || attributes->kind != TableEntry::Kind::Data) {
             return false;
         }
+        view_.ExtendedAttributesData = attributes->bytes;
     }
     return SetText(Field::RelativePath, view_.RelativePath) &&
            SetText(Field::Target, view_.Target) && SetData(Field::Digest, view_.Digest) &&

@@ -34,7 +34,8 @@ struct MBFileView {
     std::int64_t Size = 0;
     std::uint64_t InodeNumber = 0;
     std::int32_t ProtectionClass = 0;
-    // Extended attributes are not kept here: where the view is used there are none.
+    // As devices write them. Where the view is used there are no others.
+    std::span<const std::uint8_t> ExtendedAttributesData;
 };
 
 // Reads the archive of a record. False when it is not of the usual shape; it may be

@@ -43,7 +43,11 @@ void encode(const File &file, ZK::keyed_archiver &archiver) {
     encodeNumber(CF::Number::FromInt64(file.Size), CFSTR("Size"), archiver);
     encodeNumber(CF::Number::FromUInt64(file.InodeNumber), CFSTR("InodeNumber"), archiver);
     encodeNumber(CF::Number::FromInt32(file.ProtectionClass), CFSTR("ProtectionClass"), archiver);
-    encodeIfPresent(file.ExtendedAttributes, CFSTR("ExtendedAttributes"), archiver);
+    if (file.ExtendedAttributes) {
+        encodeIfPresent(file.ExtendedAttributes, CFSTR("ExtendedAttributes"), archiver);
+    } else {
+        encodeIfPresent(file.ExtendedAttributesData, CFSTR("ExtendedAttributes"), archiver);
+    }
 }
 
 File decode(File *, ZK::keyed_unarchiver &unarchiver) {
@@ -62,6 +66,9 @@ File decode(File *, ZK::keyed_unarchiver &unarchiver) {
     decodeField<unsigned long long>(file.InodeNumber, CFSTR("InodeNumber"), unarchiver);
     decodeField<int>(file.ProtectionClass, CFSTR("ProtectionClass"), unarchiver);
     decodeField<CF::Dictionary>(file.ExtendedAttributes, CFSTR("ExtendedAttributes"), unarchiver);
+    if (!file.ExtendedAttributes) {
+        decodeField<CF::Data>(file.ExtendedAttributesData, CFSTR("ExtendedAttributes"), unarchiver);
+    }
     return file;
 }
 

@@ -50,6 +50,7 @@ void fill(KVManifestEntryClass &entry, const MBFileView &record) {
     fillText(entry.target, record.Target);
     fillData(entry.dataHash, record.Digest);
     fillData(entry.encryptionData, record.EncryptionKey);
+    fillData(entry.attributesData, record.ExtendedAttributesData);
 }
 
 void fill(KVManifestEntryClass &entry, const MB::File &record) {
@@ -66,6 +67,9 @@ void fill(KVManifestEntryClass &entry, const MB::File &record) {
     if (record.ExtendedAttributes.GetCount() > 0) {
         entry.properties =
             CF::Adopt(CFDictionaryCreateCopy(kCFAllocatorDefault, record.ExtendedAttributes.get()));
+    }
+    if (!record.ExtendedAttributesData.IsEmpty()) {
+        entry.attributesData = record.ExtendedAttributesData.get();
     }
 }
 

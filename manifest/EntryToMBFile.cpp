@@ -41,7 +41,11 @@ Record recordOf(const KVManifestEntryClass &entry) {
 
 void encodeGenerally(const KVManifestEntryClass &entry, Bytes &bytes) {
     auto record = recordOf<MB::File>(entry);
-    record.ExtendedAttributes = entry.properties.get();
+    if (CFDictionaryGetCount(entry.properties.get()) > 0) {
+        record.ExtendedAttributes = entry.properties.get();
+    } else {
+        record.ExtendedAttributesData = entry.attributesData.get();
+    }
     const auto archive = ZK::make_keyed_archive(record);
     Kelvane::LocalError error;
     const auto data = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
@@ -54,10 +58,10 @@ void encodeGenerally(const KVManifestEntryClass &entry, Bytes &bytes) {
 
 } // namespace
 
-// Few entries have properties.
+// Few entries have attributes.
 bool Kelvane::EncodeEntryRecord(const KVManifestEntryClass &entry, Bytes &record) {
     try {
-        if (CFDictionaryGetCount(entry.properties.get()) > 0) {
+        if (CFDictionaryGetCount(entry.properties.get()) > 0 || entry.attributesData) {
             encodeGenerally(entry, record);
         } else {
             EncodeMBFile(recordOf<MBFileFields>(entry), record);

@@ -62,6 +62,9 @@ struct KVManifestEntryClass {
     mutable std::int64_t size = 0;
     std::uint64_t inode = 0;
     CF::Pointer<CFDictionaryRef> properties;
+    // Extended attributes in the form in which devices write them, to be written back as they
+    // are; null when there are none.
+    CF::Pointer<CFDataRef> attributesData;
     // Null until first asked for.
     mutable CF::Pointer<CFStringRef> domainPathPair;
     mutable CF::Pointer<CFStringRef> deviceFilename;

@@ -36,6 +36,9 @@ struct KV_VISIBLE File {
     std::uint64_t InodeNumber = 0;
     std::int32_t ProtectionClass = 0;
     CF::Dictionary ExtendedAttributes; // attribute name to value
+    // What the same key holds where devices write it as data, a property list of the
+    // attributes: kept as it is. Absent when ExtendedAttributes is there.
+    CF::Data ExtendedAttributesData;
 };
 
 // "MBFile".

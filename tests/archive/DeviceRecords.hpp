@@ -62,8 +62,10 @@ def record():
         wrapper['$class'] = add({'$classname': 'NSMutableData',
                                  '$classes': ['NSMutableData', 'NSData', 'NSObject']})
     attributes = []
+    attributes_data = None
     if rng.random() < 0.2:
-        body['ExtendedAttributes'] = add(plistlib.dumps({'com.example': b'x'}, fmt=plistlib.FMT_BINARY))
+        attributes_data = plistlib.dumps({'com.example': b'x'}, fmt=plistlib.FMT_BINARY)
+        body['ExtendedAttributes'] = add(attributes_data)
     elif rng.random() < 0.1:
         usual = False
         attributes = ['com.example.%d' % i for i in range(rng.randrange(1, 4))]
@@ -94,7 +96,8 @@ def record():
     numbers = [body['Mode'], body['UserID'], body['GroupID'], body['LastModified'],
                body['LastStatusChange'], body['Birth'], size, body['InodeNumber'], body['ProtectionClass']]
     print(blob.hex(), text(fields['path']), text(fields['target']), text(fields['digest']),
-          text(fields['key']), *numbers, int(usual), len(attributes))
+          text(fields['key']), *numbers, int(usual), len(attributes),
+          text(attributes_data))
 
 for _ in range(count):
     record()
@@ -139,9 +142,10 @@ inline DeviceRecord ParseRecordLine(const std::string &line) {
     DeviceRecord record;
     MB::File &file = record.expected;
     int attributes = 0;
+    std::string attributesData;
     stream >> blob >> path >> target >> digest >> key >> file.Mode >> file.UserID >> file.GroupID >>
         file.LastModified >> file.LastStatusChange >> file.Birth >> file.Size >> file.InodeNumber >>
-        file.ProtectionClass >> record.usual >> attributes;
+        file.ProtectionClass >> record.usual >> attributes >> attributesData;
     if (!stream) {
         throw std::runtime_error("cannot read the line " + line);
     }
@@ -151,6 +155,7 @@ inline DeviceRecord ParseRecordLine(const std::string &line) {
     file.Digest = DataField(digest);
     file.EncryptionKey = DataField(key);
     file.ExtendedAttributes = AttributesField(attributes);
+    file.ExtendedAttributesData = DataField(attributesData);
     return record;
 }
 

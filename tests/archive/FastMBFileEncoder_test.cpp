@@ -243,6 +243,7 @@ TEST(FastMBFileEncoder, WritesWhatTheQuickDecoderReads) {
     for (const DeviceRecord &device : MakeDeviceRecords(300, 5)) {
         MB::File record = device.expected;
         record.ExtendedAttributes = CF::Dictionary();
+        record.ExtendedAttributesData = CF::Data();
         const Octets archive = quickly(record);
         Kelvane::MBFileView view;
         ASSERT_TRUE(Kelvane::DecodeMBFile(archive, view));

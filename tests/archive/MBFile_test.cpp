@@ -151,6 +151,24 @@ TEST(MBFile, HasNoAttributesWhenTheyAreRawData) {
     EXPECT_EQ(record.Size, 5);
 }
 
+TEST(MBFile, KeepsAttributesOfRawDataAsTheyAre) {
+    const CF::Data data(std::vector<std::uint8_t>{'b', 'p', 'l', 'i', 's', 't'});
+    MB::File record;
+    record.ExtendedAttributesData = data;
+    const auto read = extract_keyed_archive<MB::File>(make_keyed_archive(record));
+    EXPECT_EQ(read->ExtendedAttributesData, data);
+    EXPECT_TRUE(read->ExtendedAttributes.IsNull());
+}
+
+TEST(MBFile, WritesAttributesInOneForm) {
+    MB::File record;
+    record.ExtendedAttributes = CF::Dictionary::Cast(Dictionary({{"name", Data({1})}}).get());
+    record.ExtendedAttributesData = CF::Data(std::vector<std::uint8_t>{1});
+    const auto read = extract_keyed_archive<MB::File>(make_keyed_archive(record));
+    EXPECT_EQ(read->ExtendedAttributes, record.ExtendedAttributes);
+    EXPECT_TRUE(read->ExtendedAttributesData.IsNull());
+}
+
 TEST(MBFile, RefusesInlineAttributes) {
     EXPECT_EQ(MessageOf<errors::cant_decode_as_value>([] {
                   (void)decode({{"ExtendedAttributes", Dictionary({})}});

@@ -63,6 +63,7 @@ TEST(PythonArchives, AreReadFieldForField) {
         EXPECT_EQ(file.InodeNumber, expected.InodeNumber);
         EXPECT_EQ(file.ProtectionClass, expected.ProtectionClass);
         EXPECT_EQ(file.ExtendedAttributes, expected.ExtendedAttributes);
+        EXPECT_EQ(file.ExtendedAttributesData, expected.ExtendedAttributesData);
     }
 }
 

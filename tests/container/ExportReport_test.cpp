@@ -155,6 +155,7 @@ TEST_P(Telling, ReportedExportWritesADatabaseOfAnySize) {
     }
     const auto workingFiles = [] {
         const auto directory = testing_support::LibraryTemporaryPath() / "KVManifestDB";
+        fs::create_directories(directory); // made with the first database
         return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
     };
     const auto before = workingFiles();

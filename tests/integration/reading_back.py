@@ -59,7 +59,8 @@ def facts(backup: Backup, entry: Entry, version: str | None = None) -> dict[str,
     if version is not None:
         times = {name: stored_time(seconds, version) for name, seconds in times.items()}
     return times | {name: getattr(entry, name) for name in (
-        "file_id", "target", "mode", "uid", "gid", "inode", "size", "protection", "digest", "key")} | {
+        "file_id", "target", "mode", "uid", "gid", "inode", "size", "protection", "digest", "key",
+        "attributes")} | {
         "sha256": content_of(backup, entry)}
 
 

@@ -212,6 +212,19 @@ TEST(EntryToMBFile, LeavesOutWhatIsEmpty) {
     EXPECT_TRUE(record.ExtendedAttributes.IsNull());
 }
 
+TEST(EntryToMBFile, WritesAttributesOfADeviceAsTheyWereRead) {
+    const CF::Data attributes(std::vector<std::uint8_t>{'b', 'p', 'l', 'i', 's', 't', '0', '0'});
+    const Entry made = makeDirectory("D", "p");
+    made.get()->attributesData = CF::Pointer<CFDataRef>(attributes.get());
+    const auto data = CF::Data::Adopt(KVManifestEntryCreateMBFileDataRepresentation(made.get()));
+    const auto read = CF::Adopt(KVManifestEntryCreateFromMBFileData(
+        nullptr, CFSTR("id"), CFSTR("D"), CFSTR("p"), 2, data, nullptr));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(CFDictionaryGetCount(KVManifestEntryGetProperties(read.get())), 0);
+    const auto copy = CF::Adopt(KVManifestEntryCreateCopy(nullptr, read.get(), nullptr));
+    EXPECT_EQ(written(copy).ExtendedAttributesData, attributes);
+}
+
 TEST(EntryToMBFile, WritesABinaryPropertyList) {
     const auto data = CF::Data::Adopt(
         KVManifestEntryCreateMBFileDataRepresentation(makeDirectory("D", "p").get()));
