@@ -4,6 +4,7 @@
 #include "container/CopyOut.hpp"
 #include "container/StoredName.hpp"
 #include "foundation/Boundary.hpp"
+#include "manifest/KVManifestClass.hpp"
 #include "manifest/KVManifestEntryClass.hpp"
 
 #include <boost/filesystem/operations.hpp>
@@ -113,8 +114,28 @@ void requireSafe(const ExportTarget &target, CFStringRef name) {
     }
 }
 
+// Files whose ID is too short have no stored name by which the list could name them.
+void reportNameless(Export &job, const ExportTarget &target) {
+    const KVManifestDataVersion version = job.container->Version();
+    job.container->manifest.get()->entries.ForEach([&](const KVManifestEntryClass *entry) {
+        if (KVManifestEntryIsDirectory(entry) || KVManifestEntryIsSymlink(entry)) {
+            return;
+        }
+        const CF::String fileID(KVManifestEntryGetFileID(entry));
+        if (ExternalFilePath(fileID, version).IsEmpty()) {
+            const CF::Error cause = Error(kKVErrorInvalidBackup, nullptr,
+                                          CFSTR("Unsafe stored file name (%@)"), fileID.get());
+            job.report.Skipped(Error(kKVErrorWriteRepresentation, cause, target.NotWritten(),
+                                     KVManifestEntryGetDomainPathPair(entry)));
+        }
+    });
+}
+
 void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &known) {
     try {
+        if (job.manner == ExportManner::Unlimited && CFStringGetLength(name) == 0) {
+            return; // reported with its entry
+        }
         requireSafe(target, name);
         // Two entries of one file ID have one content, that of the entry which a lookup finds.
         if (!known.insert(name).second) {
@@ -132,6 +153,16 @@ void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &kn
 
 } // namespace
 
+void RequireWhole(const KVFileClass *file, std::uint64_t written) {
+    const std::uint64_t size = KVFileGetSize(file);
+    if (written != size) {
+        throw Error(kKVErrorFilesystem, nullptr,
+                    CFSTR("The file changed while it was written (%llu of %llu bytes)"),
+                    static_cast<unsigned long long>(written),
+                    static_cast<unsigned long long>(size));
+    }
+}
+
 void RequireNothingAt(const CF::String &path) {
     boost::system::error_code ignored; // the status says it all
     const ZK::filesystem::path location = path.GetUTF8();
@@ -146,6 +177,9 @@ void WriteStoredFiles(Export &job, ExportTarget &target) {
     const auto names =
         CF::Array::Adopt(KVBackupContainerCopyFilesystemPathsList(job.container, false));
     job.progress.SetTotal(KVManifestGetTotalFileSize(job.container->manifest.get()));
+    if (job.manner == ExportManner::Unlimited) {
+        reportNameless(job, target);
+    }
     NameSet known;
     const CFIndex count = names.GetCount();
     for (CFIndex i = 0; i < count; ++i) {

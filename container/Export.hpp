@@ -52,6 +52,13 @@ class ZipExportTarget : public ExportTarget {
     virtual void Complete() = 0;
 };
 
+// A file may change after it was looked at; what the manifest says of it is then not true of
+// what was written. Throws code 3 "The file changed while it was written (%llu of %llu bytes)".
+void RequireWhole(const KVFileClass *file, std::uint64_t written);
+
+// Whether a zip record of content of that size may come to 4 GiB, compressed or not.
+bool MayNeedZip64(std::uint64_t size);
+
 // Throws code 14 "File already exists at path %@" when anything bears the name.
 void RequireNothingAt(const CF::String &path);
 

@@ -37,16 +37,21 @@ void ExportReport::Skipped(const CF::Error &error) {
 
 void ExportReport::Failed(const CF::Error &error) {
     errors_ = CF::Array::Mutable();
+    filesWritten_ = 0;
     missing_.insert(kNoManifestName);
     Skipped(error);
 }
 
-void ExportReport::Written(const std::string &name) { missing_.erase(name); }
+void ExportReport::Written(const std::string &name) {
+    missing_.erase(name);
+    ++filesWritten_;
+}
 
 void ExportReport::FillIn(KVBackupExportReport *report) const {
     if (report != nullptr) {
         report->errors = CFArrayCreateCopy(kCFAllocatorDefault, errors_.get());
         report->metadataWritten = missing_.empty();
+        report->filesWritten = filesWritten_;
     }
 }
 

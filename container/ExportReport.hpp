@@ -31,6 +31,7 @@ class ExportReport {
   private:
     bool keepErrors_;
     CF::Array errors_ = CF::Array::Mutable();
+    std::int64_t filesWritten_ = 0;
     // What a backup cannot do without, as far as it is not yet written.
     std::set<std::string> missing_;
 };

@@ -101,13 +101,16 @@ class DirectoryTarget : public ExportTarget {
         const bool atRoot = separator == std::string::npos;
         const directory &parent = atRoot ? root_ : enter(name.substr(0, separator));
         NewFile target(parent, atRoot ? name : name.substr(separator + 1));
+        std::uint64_t written = 0;
         KVFileGetData(file, kKVFileDefaultDataChunkSize,
                       [&](const std::vector<std::uint8_t> &bytes) {
                           target.Append(bytes);
+                          written += bytes.size();
                           progress.Count(bytes.size());
                           target.RequireOpen();
                           return true;
                       });
+        RequireWhole(file, written);
         target.Complete();
     }
 

@@ -35,12 +35,6 @@ constexpr std::size_t kLongestPiece = std::numeric_limits<std::uint32_t>::max();
                 static_cast<unsigned long long>(size));
 }
 
-// True when the size, or that of the compressed data, may be too much for a plain record.
-bool mayNeedZip64(std::uint64_t size) {
-    const std::uint64_t room = size / kGrowth + kSmallestGrowth;
-    return size > kGreatestPlainSize || room > kGreatestPlainSize - size;
-}
-
 // What a step of the zip library failed with: its status, the system's error beneath.
 [[noreturn]] void throwZipError(const char *text, int status, int failure) {
     CF::Error cause;
@@ -130,7 +124,7 @@ class ZipTarget::Record {
     int open(const KVFileClass *file) {
         zip_fileinfo info{};
         info.tmz_date = ZipTime(KVFileGetModifiedDate(file));
-        zip64_ = target_.zip64Allowed_ && mayNeedZip64(KVFileGetSize(file));
+        zip64_ = target_.zip64Allowed_ && MayNeedZip64(KVFileGetSize(file));
         constexpr int kWindowBits = -15; // raw deflate
         constexpr int kMemoryLevel = 8;
         const int status =
@@ -176,8 +170,10 @@ void ZipTarget::Write(const std::string &name, const KVFileClass *file, ExportPr
                     static_cast<unsigned long long>(name.size()));
     }
     Record record(*this, name, file);
+    std::uint64_t written = 0;
     const auto append = [&](const std::vector<std::uint8_t> &bytes) {
         if (!bytes.empty() && bytes.size() < kLongestPiece) {
+            written += bytes.size();
             progress.Count(bytes.size());
             record.Append(bytes);
         }
@@ -188,6 +184,7 @@ void ZipTarget::Write(const std::string &name, const KVFileClass *file, ExportPr
     } else {
         KVFileGetData(file, kKVFileDefaultDataChunkSize, append);
     }
+    RequireWhole(file, written);
     record.Complete();
     ++records_;
 }
@@ -212,6 +209,12 @@ void ZipTarget::Complete() {
 }
 
 } // namespace
+
+// True when the size, or that of the compressed data, may be too much for a plain record.
+bool MayNeedZip64(std::uint64_t size) {
+    const std::uint64_t room = size / kGrowth + kSmallestGrowth;
+    return size > kGreatestPlainSize || room > kGreatestPlainSize - size;
+}
 
 std::unique_ptr<ZipExportTarget> CreateZipTarget(const CF::String &path, ExportManner manner) {
     return std::make_unique<ZipTarget>(path, manner);

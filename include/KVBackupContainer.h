@@ -333,8 +333,9 @@ KVBackupContainerCreateSymlinkAtPath(KVBackupContainerClass *container, CFString
 
 /* What an export has done beyond its result. */
 typedef struct KVBackupExportReport {
-    /* One CFErrorRef for each stored name that was not written, in their order; or the one
-     * that ended the export. The caller releases the array. Never null once filled.
+    /* One CFErrorRef for each stored name that was not written, in their order, after those
+     * for files that have no stored name (they are named "DOMAIN-PATH"); or the one that ended
+     * the export. The caller releases the array. Never null once filled.
      *   code 8   "File %@ could not be loaded for writing to ..."
      *   code 14  "File %@ could not be written", "File %@ could not be written in zip",
      *            "File already exists at path %@"
@@ -344,6 +345,8 @@ typedef struct KVBackupExportReport {
     /* True when the manifest and all three metadata files were written: without them the
      * result is no backup. */
     Boolean metadataWritten;
+    /* The number of files written, those four among them. */
+    int64_t filesWritten;
 } KVBackupExportReport;
 
 /* Called with the fraction written. */

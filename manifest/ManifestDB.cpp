@@ -104,14 +104,15 @@ void CreateSchema(SQLite::Database &database, int version) {
     for (const char *const statement : kPragmas) {
         database.exec(statement);
     }
-    // Answers with a row, which exec would take for a failure; when the mode cannot be had
-    // the row names another one, and that is all.
+    // Answers with a row, which exec would take for a failure. The mode is in the file only
+    // when the step behind the row has succeeded.
     SQLite::Statement journal(database, kJournalPragma);
     if (!journal.executeStep() || journal.getColumn(0).getString() != "wal") {
         const std::error_code cause(sqlite3_system_errno(database.getHandle()),
                                     std::generic_category());
         throw SQLite::Exception("The journal mode cannot be set: " + cause.message());
     }
+    journal.executeStep();
 }
 
 } // namespace

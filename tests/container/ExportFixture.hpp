@@ -49,6 +49,7 @@ struct Exported {
     // The report's; none without one.
     Texts reported;
     bool metadataWritten = false;
+    std::int64_t filesWritten = 0;
 };
 
 using ProgressFunction = std::function<void(double)>;
@@ -74,7 +75,7 @@ inline Exported RunExport(ExportFunction *function, KVBackupContainerClass *cont
 inline Exported RunExport(ReportFunction *function, KVBackupContainerClass *container,
                           const std::string &path, const ProgressFunction &also = {}) {
     Exported result;
-    KVBackupExportReport report{nullptr, false};
+    KVBackupExportReport report{};
     const ErrorLog log;
     result.finished = function(
         container, CF::String(path),
@@ -93,6 +94,7 @@ inline Exported RunExport(ReportFunction *function, KVBackupContainerClass *cont
             Chain(CF::Error(static_cast<CFErrorRef>(const_cast<void *>(errors.GetAt(i))))));
     }
     result.metadataWritten = report.metadataWritten != 0;
+    result.filesWritten = report.filesWritten;
     return result;
 }
 

@@ -147,6 +147,36 @@ TEST_P(Telling, ReportOfADatabaseThatCannotBeWrittenSaysSo) {
         << result.reported[0];
 }
 
+TEST_P(Telling, ReportNamesFilesThatHaveNoStoredName) {
+    const Editable container = EmptyOfVersion(kKVManifestDataVersion33);
+    const auto text = [](CFStringRef, CFErrorRef *) { return Editable::FileOf("text").detach(); };
+    AddForged(container, "", "nameless", text);
+    AddForged(container, "x", "short", text);
+    const Exported result = exportReported(container);
+    EXPECT_TRUE(result.finished);
+    const std::string ending = zip() ? " could not be written in zip" : " could not be written";
+    EXPECT_EQ(result.reported,
+              (Texts{"14 File HomeDomain-nameless" + ending + " < 10 Unsafe stored file name ()",
+                     "14 File HomeDomain-short" + ending + " < 10 Unsafe stored file name (x)"}));
+    EXPECT_EQ(result.filesWritten, 4);
+}
+
+TEST_P(Telling, FileThatGrowsMeanwhileIsSkipped) {
+    const Editable container = EmptyOfVersion(kKVManifestDataVersion33);
+    const std::string path = directory_.write("grows", "text").string();
+    AddForged(container, "grows", "grows", [path](CFStringRef, CFErrorRef *error) {
+        KVFileClass *const file = KVFileCreateFromFileAtPath(CF::String(path), false, error);
+        std::ofstream(path, std::ios::app) << " and more";
+        return file;
+    });
+    const Exported result = exportReported(container);
+    ASSERT_EQ(result.reported.size(), 1u);
+    EXPECT_NE(result.reported[0].find(" < 3 The file changed while it was written (13 of 4 bytes)"),
+              std::string::npos)
+        << result.reported[0];
+    EXPECT_EQ(result.filesWritten, 4);
+}
+
 TEST_P(Telling, ReportedExportWritesADatabaseOfAnySize) {
     const Editable container = EmptyOfVersion(kKVManifestDataVersion33);
     const std::string target(1024 * 1024, 't');
@@ -186,7 +216,7 @@ TEST_P(Telling, TheCFormDoesTheSame) {
     AddForged(container, "gone", "gone",
               [](CFStringRef, CFErrorRef *) -> KVFileClass * { return nullptr; });
     Calls calls;
-    KVBackupExportReport report{nullptr, false};
+    KVBackupExportReport report{};
     EXPECT_TRUE(function(container.get(), CF::String(target_), countCall, &calls, &report));
     EXPECT_EQ(calls.fractions.size(), 7u);
     EXPECT_TRUE(report.metadataWritten);

@@ -5,10 +5,11 @@ from __future__ import annotations
 import hashlib
 import os
 import stat
+from pathlib import Path
 
 from editing import CIPHER, EditTest, Facts, LATEST, NOTES, SIZES, WELCOME
 from reading_back import Place, facts_of, raw, read
-from tool_testing import DONE, ENCRYPTED, FAILED, USAGE, WITH_PASSWORD, backup, entries_of, main
+from tool_testing import DONE, ENCRYPTED, FAILED, USAGE, WITH_PASSWORD, backup, entries_of, main, run
 
 from backup_maker import hostile  # found through tool_testing
 
@@ -18,6 +19,13 @@ FRESH_DIRECTORY = {"mode": 0o040755, "uid": 501, "gid": 501, "protection": 0, "s
 
 
 class Put(EditTest):
+    def test_of_a_file_whose_size_is_not_known_beforehand(self) -> None:
+        source = backup("--tree", "small")
+        self.write("edit", source, self.output, "--put", "HomeDomain", "status", "/proc/version")
+        self.assert_sound(self.output)
+        content = run("cat", self.output, "HomeDomain", "status").stdout
+        self.assertEqual(content, Path("/proc/version").read_bytes())
+
     def test_over_nothing_makes_the_directories_above(self) -> None:
         for before, after in self.edit_each_form("--put", NOTES, "new/a/b.txt", self.file):
             places = [(NOTES, path) for path in ("new", "new/a", "new/a/b.txt")]

@@ -170,6 +170,21 @@ class Target(ExportTest):
                                  [f"kelvane: '{target}' would lie inside the backup"])
         self.assertEqual(snapshot(source), before)
 
+    def test_inside_the_backup_by_a_relative_name_is_refused(self) -> None:
+        source = make(self.folder / "backup", "--tree", "small")
+        before = snapshot(source)
+        for target in ("out", "a/b", "out.zip"):
+            with self.subTest(target):
+                self.assertEqual(self.fail_with(FAILED, "export", ".", target, cwd=source),
+                                 [f"kelvane: '{target}' would lie inside the backup"])
+        self.assertEqual(snapshot(source), before)
+
+    def test_names_files_without_a_file_id(self) -> None:
+        source = make(self.folder / "backup", "--tree", "small", "--hostile", "file-id-empty")
+        messages = self.export(source, status=FAILED)
+        self.assertTrue(any("could not be written" in line for line in messages), messages)
+        self.assertIn("1 file skipped", messages[-1])
+
     def test_beside_the_backup_is_not_inside(self) -> None:
         source = make(self.folder / "backup", "--tree", "small")
         self.fail_with(DONE, "export", source, self.folder / "backup2")

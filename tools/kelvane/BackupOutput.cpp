@@ -3,7 +3,6 @@
 #include "Diagnostics.hpp"
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
-#include "FileIDTable.hpp"
 #include "Interruption.hpp"
 #include "KVManifest.h"
 #include "NewOutput.hpp"
@@ -19,9 +18,6 @@ namespace tool {
 
 namespace {
 
-// The three metadata property lists and the manifest.
-constexpr std::size_t kFilesBesideTheManifests = 4;
-
 bool asZip(const BackupOutputOptions &options) {
     return options.zip || WithoutTrailingSlashes(options.output).ends_with(".zip");
 }
@@ -29,7 +25,9 @@ bool asZip(const BackupOutputOptions &options) {
 // Of what exists of the path, with links resolved.
 std::filesystem::path realPath(const std::string &path) {
     std::error_code error;
-    const auto real = std::filesystem::weakly_canonical(path, error);
+    // Absolute first: of a relative path nothing of which exists it makes nothing else.
+    const auto absolute = std::filesystem::absolute(path, error);
+    const auto real = error ? absolute : std::filesystem::weakly_canonical(absolute, error);
     if (error) {
         throw Failure("'" + path + "' cannot be reached: " + error.message());
     }
@@ -74,6 +72,7 @@ class Progress {
 struct Outcome {
     bool finished = false;
     bool isBackup = false;
+    std::int64_t filesWritten = 0;
     CF::Array errors;
 };
 
@@ -83,7 +82,8 @@ Outcome runExport(const Container &container, const std::string &path, bool zip)
     const auto write = zip ? &KVBackupContainerWriteZipFile : &KVBackupContainerWriteDirectory;
     const bool finished = write(container.get(), ArgumentText(path).get(), &Progress::Report,
                                 &progress, &report) != 0;
-    return {finished, report.metadataWritten != 0, CF::Array::Adopt(report.errors)};
+    return {finished, report.metadataWritten != 0, report.filesWritten,
+            CF::Array::Adopt(report.errors)};
 }
 
 CF::Error errorAt(const CF::Array &errors, CFIndex index) {
@@ -113,22 +113,6 @@ void printErrors(const Container &container, const CF::Array &errors) {
             Failure(error).Print();
         }
     }
-}
-
-// The number of stored names: contents, of which two entries may share one, and metadata.
-std::size_t fileCount(const Container &container) {
-    FileIDTable contents;
-    const CF::Array entries = AllEntries(container);
-    for (CFIndex i = 0; i < entries.GetCount(); ++i) {
-        Entry *entry = EntryAt(entries, i);
-        const EntryType type = TypeOf(entry);
-        if (type != EntryType::Directory && type != EntryType::Symlink) {
-            contents.Add(CF::String::GetUTF8(KVManifestEntryGetFileID(entry)),
-                         static_cast<std::uint32_t>(i));
-        }
-    }
-    contents.Sort();
-    return contents.Size() - contents.Repetitions().size() + kFilesBesideTheManifests;
 }
 
 std::int64_t bytesAt(const std::string &path) {
@@ -190,9 +174,9 @@ int WriteBackup(const Container &container, const BackupOutputOptions &options) 
     const auto skipped = static_cast<std::size_t>(outcome.errors.GetCount());
     const std::int64_t bytes = bytesAt(output.PartialPath());
     output.Publish();
-    PrintMessage(countText(fileCount(container) - skipped, "file") + ", " + SizeText(bytes) + " (" +
-                 std::to_string(bytes) + " bytes), written to the " + (zip ? "zip" : "directory") +
-                 " '" + options.output + "'" +
+    PrintMessage(countText(static_cast<std::size_t>(outcome.filesWritten), "file") + ", " +
+                 SizeText(bytes) + " (" + std::to_string(bytes) + " bytes), written to the " +
+                 (zip ? "zip" : "directory") + " '" + options.output + "'" +
                  (skipped > 0 ? "; " + countText(skipped, "file") + " skipped" : ""));
     return skipped == 0 ? kDone : kFailed;
 }

@@ -5,6 +5,7 @@
 #include "ExitStatus.hpp"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace tool {
 
@@ -42,6 +43,8 @@ void apply(Editor &editor, const Operation &operation) {
         throw failure.Within(ToText(operation));
     } catch (const CF::Error &error) {
         throw Failure(error).Within(ToText(operation));
+    } catch (const std::runtime_error &error) {
+        throw Failure(error.what()).Within(ToText(operation));
     }
 }
 

@@ -46,15 +46,42 @@ void requireOrdinaryPath(const std::string &domain, const std::string &path) {
     }
 }
 
-FileReference openFile(const std::string &path) {
-    CFErrorRef raised = nullptr;
-    const std::string absolute = std::filesystem::absolute(path);
-    FileReference file(CF::adopt,
-                       KVFileCreateFromFileAtPath(ArgumentText(absolute).get(), false, &raised));
-    if (!file) {
+// By reference: the error is there only when the call beside it has been made.
+void require(bool succeeded, const CFErrorRef &raised) {
+    if (!succeeded) {
         throw Failure(CF::Error::Adopt(raised));
     }
-    return file;
+}
+
+struct Copying {
+    KVFileClass *copy;
+    CFErrorRef error;
+};
+
+Boolean appendPiece(const uint8_t *bytes, CFIndex length, void *context) {
+    auto &copying = *static_cast<Copying *>(context);
+    return length == 0 || KVFileAppendBytes(copying.copy, bytes, length, &copying.error);
+}
+
+// The file's content in a copy of our own: the file may change before the backup is written,
+// and what the manifest says of it must be true of what is.
+FileReference openFile(const std::string &path) {
+    std::error_code failure;
+    const std::string absolute = std::filesystem::absolute(path, failure);
+    if (failure) {
+        throw Failure("'" + path + "' is no path of a file");
+    }
+    CFErrorRef raised = nullptr;
+    const FileReference file(
+        CF::adopt, KVFileCreateFromFileAtPath(ArgumentText(absolute).get(), false, &raised));
+    require(bool(file), raised);
+    FileReference copy(CF::adopt, KVFileCreateAppendable(&raised));
+    require(bool(copy), raised);
+    Copying copying{copy.get(), nullptr};
+    require(KVFileReadData(file.get(), 0, &appendPiece, &copying, &raised) != 0, raised);
+    require(copying.error == nullptr, copying.error);
+    require(KVFileFinalizeAppendable(copy.get(), &raised) != 0, raised);
+    return copy;
 }
 
 bool isAt(Entry *entry, const CF::String &domain, const CF::String &path) {
