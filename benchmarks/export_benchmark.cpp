@@ -91,7 +91,7 @@ void makeBackup(const Data &data, std::size_t bytes, int files) {
             fail("a file could not be stored");
         }
     }
-    KVBackupExportReport report{nullptr, 0};
+    KVBackupExportReport report{};
     KVBackupContainerWriteDirectory(backup, CF::String(data.source).get(), nullptr, nullptr,
                                     &report);
     if (CF::Array::Adopt(report.errors).GetCount() > 0 || report.metadataWritten == 0) {

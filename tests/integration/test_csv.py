@@ -77,6 +77,14 @@ class Dump(CSVTest):
         self.assertEqual(text, self.succeed("csv", path))
         self.assertEqual(text, self.succeed("csv", "Manifest.db", cwd=path))
 
+    def test_tells_of_changes_that_nobody_reads(self) -> None:
+        source = make(self.folder / "backup", "--tree", "small")
+        (source / "Manifest.db-wal").write_bytes(bytes(100))
+        result = run("csv", source)
+        self.assertEqual((result.returncode, result.stderr.decode()),
+                         (DONE, "kelvane: warning: Manifest.db-wal holds 100 bytes of changes to the manifest, which"
+                                " are not read\n"))
+
     def test_has_no_line_end_at_its_end(self) -> None:
         text = self.succeed("csv", backup("--tree", "small"))
         self.assertTrue(text.startswith(b'"fileID","domain",'))

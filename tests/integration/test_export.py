@@ -189,6 +189,10 @@ class Target(ExportTest):
         source = make(self.folder / "backup", "--tree", "small")
         self.fail_with(DONE, "export", source, self.folder / "backup2")
 
+    def test_is_not_the_root_of_all(self) -> None:
+        self.assertEqual(self.fail_with(FAILED, "export", backup("--tree", "small"), "/"),
+                         ["kelvane: '/' exists already"])
+
     def test_needs_a_name(self) -> None:
         self.fail_with(USAGE, "export", backup("--tree", "small"), "")
         self.fail_with(USAGE, "export", backup("--tree", "small"))

@@ -137,7 +137,8 @@ std::string countText(std::size_t count, const char *what) {
 } // namespace
 
 void CheckBackupOutput(const BackupOutputOptions &options, const BackupOptions &backup) {
-    RequireVacant(WithoutTrailingSlashes(options.output), IfPresent::Refuse);
+    const std::string path = WithoutTrailingSlashes(options.output);
+    RequireVacant(path.empty() ? "/" : path, IfPresent::Refuse);
     std::error_code error;
     // What is written into a backup would be taken for a part of it.
     if (std::filesystem::is_directory(backup.backup, error) &&

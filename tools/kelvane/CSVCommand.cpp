@@ -1,3 +1,4 @@
+#include "BackupOutput.hpp"
 #include "Commands.hpp"
 #include "Diagnostics.hpp"
 #include "ExitStatus.hpp"
@@ -95,6 +96,7 @@ void requireDatabase(const Container &container) {
 std::string copyDatabase(const BackupOptions &backup, const TemporaryArea &area) {
     const Container container = OpenBackup(backup);
     requireDatabase(container);
+    WarnOfUnreadChanges(container);
     const FileReference manifest = sourceManifest(container);
     const std::string path = area.Path() + "/Manifest.db";
     Descriptor copy(path);
@@ -138,7 +140,8 @@ CF::String dump(const std::string &database) {
 
 // In UTF-8, piece by piece: of a large backup it is hundreds of megabytes.
 void write(const CF::String &text, const Writer &writer) {
-    std::vector<std::uint8_t> buffer(static_cast<std::size_t>(kPieceLength * kMaxUnitSize));
+    // A piece may be longer by the second half of a pair.
+    std::vector<std::uint8_t> buffer(static_cast<std::size_t>((kPieceLength + 1) * kMaxUnitSize));
     const CFIndex length = text.GetLength();
     for (CFIndex start = 0; start < length;) {
         CFIndex count = std::min(kPieceLength, length - start);
