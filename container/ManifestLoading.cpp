@@ -5,6 +5,7 @@
 #include "Kelvane/SharedState.hpp"
 #include "container/StoredName.hpp"
 #include "foundation/Boundary.hpp"
+#include "manifest/KVManifestClass.hpp"
 #include "support/zk/Log.hpp"
 
 namespace Kelvane {
@@ -34,11 +35,14 @@ CF::String decryptDatabase(const KVBackupContainerClass &container, const CF::St
 
 void buildBinaryManifest(KVBackupContainerClass &container) {
     const FileRef file = container.loader->LoadStoredFile(kManifestMbdbName);
-    const CF::Data bytes(ReadWhole(file.get(), kMaxMbdbSize));
+    const auto content = ReadWhole(file.get(), kMaxMbdbSize);
+    // Not copied: there may be a gigabyte of it.
+    const auto bytes = CF::Data::Adopt(
+        CFDataCreateWithBytesNoCopy(kCFAllocatorDefault, content.data(),
+                                    static_cast<CFIndex>(content.size()), kCFAllocatorNull));
     CF::Pointer<KVManifestClass *> manifest(
-        CF::adopt,
-        KVManifestCreateFromManifestData(kCFAllocatorDefault, bytes.get(), container.Version(),
-                                         container.MakeGetFileFunction(), nullptr));
+        CF::adopt, ReadBinaryManifest(kCFAllocatorDefault, bytes, container.Version(),
+                                      container.MakeGetFileFunction(), nullptr));
     if (!manifest) {
         throw Error(kKVErrorInvalidBackup, nullptr,
                     CFSTR("The backup manifest could not be loaded because it is corrupted."));

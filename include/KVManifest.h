@@ -14,6 +14,10 @@
  * Threads. There is no lock, and lookups fill tables: one manifest is used by one
  * thread at a time.
  *
+ * Size. Readers refuse a manifest of more than 10,000,000 entries, or whose entries would
+ * keep more than about 2 GiB of memory (entries of devices keep some 450 bytes): code 10,
+ * "The manifest has too many entries" or "The manifest's entries take too much memory".
+ *
  * Formats. Manifest.mbdb (version 24) is the binary file that
  * KVManifestCreateManifestDataRepresentation describes; Manifest.db (versions 30 to
  * 33) is the SQLite database of Kelvane/ManifestDB.hpp.

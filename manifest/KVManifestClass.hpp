@@ -4,7 +4,9 @@
 #include "KVManifest.h"
 #include "manifest/EntryTable.hpp"
 #include "manifest/LookupTables.hpp"
+#include "manifest/ManifestBudget.hpp"
 #include "support/cf/Array.hpp"
+#include "support/cf/Data.hpp"
 #include "support/cf/Dictionary.hpp"
 
 #include <CoreFoundation/CFRuntime.h>
@@ -38,9 +40,13 @@ namespace Kelvane {
 struct ManifestContents {
     EntryTable entries;
     CF::Dictionary placeholders = CF::Dictionary::Mutable();
+    ManifestBudget budget;
 
-    // Appends the entry and counts it.
-    void Append(KVManifestEntryClass *entry) { entries.Append(entry); }
+    // Appends the entry and counts it. Throws CF::Error when the manifest gets too large.
+    void Append(KVManifestEntryClass *entry) {
+        budget.TakeEntry(*entry);
+        entries.Append(entry);
+    }
 };
 
 // A new manifest of the contents.
@@ -50,5 +56,12 @@ KVManifestClass *CreateManifest(CFAllocatorRef allocator, ManifestContents conte
 // The entries in the order in which manifests are written: by "domain-path", compared by
 // UTF-16 code units. Entries that compare equal keep their order.
 CF::Array CopySortedEntries(KVManifestClass *manifest);
+
+// A manifest of the bytes of a Manifest.mbdb; null, with a line on standard output, when they
+// are none. Throws CF::Error when it is too large.
+KVManifestClass *ReadBinaryManifest(CFAllocatorRef allocator, const CF::Data &data,
+                                    KVManifestDataVersion version,
+                                    const KVGetFileFunction &getFileFunc,
+                                    const KVProgressFunction &progress);
 
 } // namespace Kelvane

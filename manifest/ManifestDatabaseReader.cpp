@@ -49,6 +49,7 @@ void RowCollector::Add(const ManifestRow &row) {
     } else if (!row.domain.empty() && !row.file.empty()) {
         AddEntry(row, fileID.get());
     } else if (row.flags == kPlaceholderFlags && !row.fileID.empty()) {
+        contents_.budget.TakePlaceholder(fileID.get());
         contents_.placeholders.Set(fileID.get(), CF::Number::FromInt32(row.flags).get());
     } else {
         RefuseUnknown(fileID.get(), row.flags);

@@ -2,6 +2,7 @@
 #include "manifest/KVManifestClass.hpp"
 #include "manifest/MbdbRecord.hpp"
 #include "support/cf/Data.hpp"
+#include "support/cf/Error.hpp"
 
 #include <algorithm>
 #include <array>
@@ -175,30 +176,40 @@ KVManifestEntryClass *KVManifestEntryCreateFromManifestData(CFAllocatorRef alloc
     return entry.detach();
 }
 
+KVManifestClass *Kelvane::ReadBinaryManifest(CFAllocatorRef allocator, const CF::Data &data,
+                                             KVManifestDataVersion version,
+                                             const KVGetFileFunction &getFileFunc,
+                                             const KVProgressFunction &progress) {
+    if (version != kKVManifestDataVersion24) {
+        std::printf("%s: Invalid manifest version '%d' for this encoding scheme", kReaderName,
+                    static_cast<int>(version));
+        return nullptr;
+    }
+    const auto bytes = data.GetBytes();
+    if (data.GetLength() < kHeaderSize) {
+        return Refuse("Invalid file");
+    }
+    if (progress) {
+        progress(0, data.GetLength(), 0);
+    }
+    if (!std::equal(kMagic.begin(), kMagic.end(), bytes.begin())) {
+        return Refuse("Invalid file header");
+    }
+    ManifestContents contents;
+    if (!ReadRecords(allocator, bytes, ShareFileLoader(getFileFunc), progress, contents)) {
+        return Refuse("Invalid manifest entry");
+    }
+    return CreateManifest(allocator, std::move(contents), version);
+}
+
 KVManifestClass *KVManifestCreateFromManifestData(CFAllocatorRef allocator, CFDataRef data,
                                                   KVManifestDataVersion version,
                                                   const KVGetFileFunction &getFileFunc,
                                                   const KVProgressFunction &progress) {
-    if (version != kKVManifestDataVersion24) {
-        std::printf("%s: Invalid manifest version '%d' for this encoding scheme",
-                    Kelvane::kReaderName, static_cast<int>(version));
-        return nullptr;
+    try {
+        return Kelvane::ReadBinaryManifest(allocator, CF::Data(data), version, getFileFunc,
+                                           progress);
+    } catch (const CF::Error &refusal) {
+        return Kelvane::Refuse(refusal.GetFailureReason().GetUTF8().c_str());
     }
-    const CF::Data held(data);
-    const auto bytes = held.GetBytes();
-    if (held.GetLength() < Kelvane::kHeaderSize) {
-        return Kelvane::Refuse("Invalid file");
-    }
-    if (progress) {
-        progress(0, held.GetLength(), 0);
-    }
-    if (!std::equal(Kelvane::kMagic.begin(), Kelvane::kMagic.end(), bytes.begin())) {
-        return Kelvane::Refuse("Invalid file header");
-    }
-    Kelvane::ManifestContents contents;
-    if (!Kelvane::ReadRecords(allocator, bytes, Kelvane::ShareFileLoader(getFileFunc), progress,
-                              contents)) {
-        return Kelvane::Refuse("Invalid manifest entry");
-    }
-    return Kelvane::CreateManifest(allocator, std::move(contents), version);
 }
