@@ -94,6 +94,7 @@ void makeBackup(const Data &data, std::size_t bytes, int files) {
     KVBackupExportReport report{};
     KVBackupContainerWriteDirectory(backup, CF::String(data.source).get(), nullptr, nullptr,
                                     &report);
+    const auto notes = CF::Array::Adopt(report.notes);
     if (CF::Array::Adopt(report.errors).GetCount() > 0 || report.metadataWritten == 0) {
         fail("the backup could not be made");
     }

@@ -1,14 +1,23 @@
 #include "container/BackupSource.hpp"
 
+#include "Kelvane/Error.hpp"
 #include "container/StoredName.hpp"
 
 namespace Kelvane {
 
-FileRef BackupSource::Load(const CF::String &name) const {
+FileRef BackupSource::Load(const CF::String &name, std::uint64_t limit) const {
     if (!IsSafeStoredName(name)) {
         ThrowUnsafeStoredName(name);
     }
-    return LoadNamed(name);
+    return LoadNamed(name, limit);
+}
+
+void RequireSizeWithin(std::uint64_t size, std::uint64_t limit) {
+    if (size > limit) {
+        throw Error(kKVErrorLoadRepresentation, nullptr,
+                    CFSTR("The file is too large to be read into memory (%llu bytes)"),
+                    static_cast<unsigned long long>(size));
+    }
 }
 
 CF::String SourceFileName(std::string_view bytes) {

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string_view>
 
@@ -27,14 +28,17 @@ using SourceFileConsumer = std::function<bool(const SourceFile &file)>;
 
 class BackupSource {
   public:
+    static constexpr std::uint64_t kAnySize = std::numeric_limits<std::uint64_t>::max();
+
     virtual ~BackupSource() = default;
     BackupSource(const BackupSource &) = delete;
     BackupSource &operator=(const BackupSource &) = delete;
 
     // The file of that name relative to the backup's root. Throws CF::Error: code 10
-    // "Unsafe stored file name (%@)" for a name that could lead out of the backup, and
-    // what the kind of source reports.
-    FileRef Load(const CF::String &name) const;
+    // "Unsafe stored file name (%@)" for a name that could lead out of the backup, code 8 for
+    // a file of more than limit bytes, before it is hashed or unpacked, and what the kind of
+    // source reports.
+    FileRef Load(const CF::String &name, std::uint64_t limit = kAnySize) const;
     // Hands every file of the source to the consumer, in no particular order. Throws CF::Error:
     // code 3 for a directory that cannot be read, code 9 for a zip.
     virtual void ListFiles(const SourceFileConsumer &consumer) const = 0;
@@ -44,8 +48,11 @@ class BackupSource {
   protected:
     BackupSource() = default;
     // The name is safe.
-    virtual FileRef LoadNamed(const CF::String &name) const = 0;
+    virtual FileRef LoadNamed(const CF::String &name, std::uint64_t limit) const = 0;
 };
+
+// Throws code 8 "The file is too large to be read into memory (%llu bytes)".
+void RequireSizeWithin(std::uint64_t size, std::uint64_t limit);
 
 // A name as the file system or a zip has it. What is not UTF-8 reads as ISO 8859-1.
 CF::String SourceFileName(std::string_view bytes);

@@ -14,8 +14,8 @@ const BackupSource &ContentLoader::Source() const {
     return *source;
 }
 
-FileRef ContentLoader::LoadStoredFile(const CF::String &storedName) const {
-    return Source().Load(storedName);
+FileRef ContentLoader::LoadStoredFile(const CF::String &storedName, std::uint64_t limit) const {
+    return Source().Load(storedName, limit);
 }
 
 FileRef ContentLoader::LoadFileID(const CF::String &fileID) const {

@@ -114,6 +114,12 @@ FileRef writeMetadata(const CF::Dictionary &dictionary, CFStringRef name) {
         dictionary, kCFPropertyListXMLFormat_v1_0, error.out());
     const auto failure =
         CF::String::Format(CFSTR("Failed to create data representation of metadata (%@)"), name);
+    try {
+        RequireSizeWithin(data ? static_cast<std::uint64_t>(data.GetLength()) : 0,
+                          kMaxMetadataSize);
+    } catch (const CF::Error &tooLarge) {
+        throw Error(kKVErrorUnknown, tooLarge, failure); // nobody could open the backup
+    }
     return fileFromData(data, failure.get(), error.get());
 }
 

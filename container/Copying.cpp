@@ -28,6 +28,7 @@ void copyInto(KVBackupContainerClass &copy, const KVBackupContainerClass &origin
     copy.manifestDict = copyOf(original.manifestDict);
     copy.infoDict = copyOf(original.infoDict);
     copy.statusDict = copyOf(original.statusDict);
+    copy.sourceMetadata = original.sourceMetadata;
     copy.baseDirectory = original.baseDirectory;
     if (!original.password.empty() && original.encryption) {
         copy.password = original.password;

@@ -2,9 +2,20 @@
 #include "container/DirectoryWalk.hpp"
 #include "foundation/Boundary.hpp"
 
+#include <boost/filesystem/operations.hpp>
+
 namespace Kelvane {
 
 namespace {
+
+// What else may be wrong with a file shows when it is referenced.
+void requireSizeOnDisk(const CF::String &path, std::uint64_t limit) {
+    boost::system::error_code error;
+    const std::uintmax_t size = boost::filesystem::file_size(path.GetUTF8(), error);
+    if (!error) {
+        RequireSizeWithin(size, limit);
+    }
+}
 
 class DirectorySource : public BackupSource {
   public:
@@ -19,8 +30,11 @@ class DirectorySource : public BackupSource {
     }
 
   protected:
-    FileRef LoadNamed(const CF::String &name) const override {
+    FileRef LoadNamed(const CF::String &name, std::uint64_t limit) const override {
         const auto path = CF::String::Format(CFSTR("%@/%@"), directory_.get(), name.get());
+        if (limit != kAnySize) {
+            requireSizeOnDisk(path, limit);
+        }
         LocalError error;
         FileRef file(CF::adopt, KVFileCreateFromFileAtPath(path.get(), false, error.out()));
         if (!file) {

@@ -70,20 +70,59 @@ class LoadedForNow {
 struct Loaded {
     std::optional<WrittenManifestDatabase> database;
     FileRef file;
+    // What is to be said of it once it is written; null for nothing.
+    CF::Error note;
 };
 
-void loadContent(const Export &job, CFStringRef name, Loaded &loaded) {
-    if (job.manner == ExportManner::Unlimited &&
-        CF::String::GetUTF8(name) == kManifestDatabaseName) {
-        loaded.database.emplace(*job.container);
-        loaded.file = loaded.database->File();
-        return;
-    }
+void loadPlainly(const Export &job, CFStringRef name, Loaded &loaded) {
     LocalError error;
     loaded.file = FileRef(
         CF::adopt, KVBackupContainerCopyFileForLocalFilename(job.container, name, error.out()));
     if (!loaded.file) {
         throw error.get();
+    }
+}
+
+CF::Error makeNote(const CF::Error &cause, const char *text, CFStringRef name) {
+    return Error(kKVErrorInvalidMetadata, cause, CF::String(text), name);
+}
+
+// A metadata file that could not be read is not known well enough to be written anew, and a
+// dictionary that was read may hold what cannot be written: both go over byte for byte.
+void loadMetadata(const Export &job, CFStringRef name, const SourceMetadata &source,
+                  Loaded &loaded) {
+    if (source.unreadable) {
+        loaded.file = source.file;
+        loaded.note =
+            makeNote(source.unreadable, "File %@ could not be read and was copied as it is", name);
+        return;
+    }
+    try {
+        loadPlainly(job, name, loaded);
+    } catch (const CF::Error &cause) {
+        loaded.file = source.file;
+        loaded.note =
+            makeNote(cause, "File %@ could not be written anew and was copied as it is", name);
+    }
+}
+
+void loadContent(const Export &job, CFStringRef name, Loaded &loaded) {
+    const std::string text = CF::String::GetUTF8(name);
+    const auto source = job.container->sourceMetadata.find(text);
+    const bool fromSource = source != job.container->sourceMetadata.end();
+    if (job.manner == ExportManner::Plain) {
+        loadPlainly(job, name, loaded);
+        if (fromSource && source->second.unreadable) {
+            loaded.note = makeNote(source->second.unreadable,
+                                   "File %@ could not be read and was written empty", name);
+        }
+    } else if (text == kManifestDatabaseName) {
+        loaded.database.emplace(*job.container);
+        loaded.file = loaded.database->File();
+    } else if (fromSource) {
+        loadMetadata(job, name, source->second, loaded);
+    } else {
+        loadPlainly(job, name, loaded);
     }
 }
 
@@ -146,6 +185,9 @@ void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &kn
         load(job, name, target.NotLoaded(), loaded);
         write(job, target, name, loaded.file.get());
         job.report.Written(CF::String::GetUTF8(name));
+        if (loaded.note) {
+            job.report.Noted(loaded.note);
+        }
     } catch (const CF::Error &error) {
         job.report.Skipped(error);
     }

@@ -36,7 +36,7 @@ void completeZip(Export &job, ZipExportTarget &target) {
         if (job.manner == ExportManner::Unlimited) {
             throw;
         }
-        job.report.Note(error);
+        job.report.Log(error);
     }
 }
 

@@ -24,19 +24,27 @@ ExportReport::ExportReport(bool keepErrors, KVManifestDataVersion version)
     : keepErrors_(keepErrors), missing_{manifestName(version), kManifestPlistName, kInfoPlistName,
                                         kStatusPlistName} {}
 
-void ExportReport::Note(const CF::Error &error) const {
+void ExportReport::Log(const CF::Error &error) const {
     ZLLogError(error.get(), GetLogDomain(), nullptr);
 }
 
 void ExportReport::Skipped(const CF::Error &error) {
-    Note(error);
+    Log(error);
     if (keepErrors_) {
         errors_.Append(error.get());
     }
 }
 
+void ExportReport::Noted(const CF::Error &error) {
+    Log(error);
+    if (keepErrors_) {
+        notes_.Append(error.get());
+    }
+}
+
 void ExportReport::Failed(const CF::Error &error) {
     errors_ = CF::Array::Mutable();
+    notes_ = CF::Array::Mutable();
     filesWritten_ = 0;
     missing_.insert(kNoManifestName);
     Skipped(error);
@@ -50,6 +58,7 @@ void ExportReport::Written(const std::string &name) {
 void ExportReport::FillIn(KVBackupExportReport *report) const {
     if (report != nullptr) {
         report->errors = CFArrayCreateCopy(kCFAllocatorDefault, errors_.get());
+        report->notes = CFArrayCreateCopy(kCFAllocatorDefault, notes_.get());
         report->metadataWritten = missing_.empty();
         report->filesWritten = filesWritten_;
     }

@@ -20,8 +20,10 @@ class ExportReport {
     // The export cannot go on. The error takes the place of those of skipped files, which
     // say nothing about a result that does not exist.
     void Failed(const CF::Error &error);
-    // An error that does not change the result.
-    void Note(const CF::Error &error) const;
+    // Something that people should know of a file that was written.
+    void Noted(const CF::Error &error);
+    // An error that does not change the result, and that nobody but the log is told of.
+    void Log(const CF::Error &error) const;
     // A file was written.
     void Written(const std::string &name);
 
@@ -31,6 +33,7 @@ class ExportReport {
   private:
     bool keepErrors_;
     CF::Array errors_ = CF::Array::Mutable();
+    CF::Array notes_ = CF::Array::Mutable();
     std::int64_t filesWritten_ = 0;
     // What a backup cannot do without, as far as it is not yet written.
     std::set<std::string> missing_;

@@ -1,6 +1,7 @@
 // The container's class and its metadata accessors.
 #include "container/KVBackupContainerClass.hpp"
 
+#include "container/StoredName.hpp"
 #include "foundation/RuntimeClass.hpp"
 #include "support/zk/Abort.hpp"
 
@@ -35,9 +36,12 @@ CFMutableDictionaryRef copyMutable(const CF::Dictionary &dictionary) {
                       : nullptr;
 }
 
-void replace(CF::Dictionary &stored, CFDictionaryRef replacement) {
+// A dictionary of the host's takes the place of all that was known of the file.
+void replace(KVBackupContainerClass &container, CF::Dictionary KVBackupContainerClass::*stored,
+             const char *fileName, CFDictionaryRef replacement) {
     if (replacement != nullptr) {
-        stored = CF::Dictionary(replacement);
+        container.*stored = CF::Dictionary(replacement);
+        container.sourceMetadata.erase(fileName);
     }
 }
 
@@ -81,9 +85,10 @@ CFDictionaryRef KVBackupContainerGetManifestDict(const KVBackupContainerClass *b
 
 void KVBackupContainerSetDictionaries(KVBackupContainerClass *container, CFDictionaryRef info,
                                       CFDictionaryRef status, CFDictionaryRef manifest) {
-    replace(container->infoDict, info);
-    replace(container->statusDict, status);
-    replace(container->manifestDict, manifest);
+    replace(*container, &KVBackupContainerClass::infoDict, Kelvane::kInfoPlistName, info);
+    replace(*container, &KVBackupContainerClass::statusDict, Kelvane::kStatusPlistName, status);
+    replace(*container, &KVBackupContainerClass::manifestDict, Kelvane::kManifestPlistName,
+            manifest);
     if (manifest != nullptr) {
         container->UpdateSourceVersion();
     }
@@ -113,5 +118,12 @@ void KVBackupContainerSetSystemDomainsVersion(KVBackupContainerClass *container,
         // A dictionary that the host has set is the host's, and may be immutable.
         container->manifestDict = CF::Dictionary::MutableCopy(container->manifestDict.get());
         container->manifestDict.Set(CFSTR("SystemDomainsVersion"), version);
+        container->sourceMetadata.erase(Kelvane::kManifestPlistName);
     }
+}
+
+CFErrorRef KVBackupContainerCopyMetadataError(const KVBackupContainerClass *container,
+                                              CFStringRef fileName) {
+    const auto found = container->sourceMetadata.find(CF::String::GetUTF8(fileName));
+    return found == container->sourceMetadata.end() ? nullptr : found->second.unreadable.copyRef();
 }

@@ -10,6 +10,7 @@
 
 #include <CoreFoundation/CFRuntime.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,9 +29,17 @@ struct ContentLoader {
     // Throws code 2 "No data source type set for backup container" without a source.
     const BackupSource &Source() const;
     // The stored file of that name. Throws what Source and BackupSource::Load do.
-    FileRef LoadStoredFile(const CF::String &storedName) const;
+    FileRef LoadStoredFile(const CF::String &storedName,
+                           std::uint64_t limit = BackupSource::kAnySize) const;
     // The stored content of a file ID. Throws code 8 "Failed to load file (%@)".
     FileRef LoadFileID(const CF::String &fileID) const;
+};
+
+// A metadata file as the source holds it. What its dictionary cannot tell, because it could not
+// be read or cannot be written, only its bytes carry over into a backup that is written.
+struct SourceMetadata {
+    FileRef file;
+    CF::Error unreadable; // code 20; null when the file gave its dictionary
 };
 
 // A password in UTF-8 that wipes itself.
@@ -66,6 +75,8 @@ struct KVBackupContainerClass {
     CF::Dictionary manifestDict = CF::Dictionary::Mutable();
     CF::Dictionary infoDict = CF::Dictionary::Mutable();
     CF::Dictionary statusDict = CF::Dictionary::Mutable();
+    // By file name, as long as the host has not set the dictionary.
+    std::map<std::string, Kelvane::SourceMetadata> sourceMetadata;
     Kelvane::SecretString password;
     std::optional<MB::ManifestEncryption> encryption;
     CF::String baseDirectory;
@@ -86,6 +97,11 @@ using ContainerRef = CF::Pointer<KVBackupContainerClass *>;
 
 // A new instance as its init callback leaves it.
 ContainerRef AllocateContainer(CFAllocatorRef allocator);
+
+// The largest metadata file that is read or written. Those of devices take a few hundred bytes to
+// several megabytes, icons of hundreds of applications among them; a zip of one megabyte may
+// hold a thousand times of that.
+inline constexpr std::uint64_t kMaxMetadataSize = 64ULL << 20;
 
 // Reads and checks the metadata files and the manifest. Throws CF::Error.
 void LoadMetadata(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,

@@ -34,7 +34,7 @@ CF::String decryptDatabase(const KVBackupContainerClass &container, const CF::St
 }
 
 void buildBinaryManifest(KVBackupContainerClass &container) {
-    const FileRef file = container.loader->LoadStoredFile(kManifestMbdbName);
+    const FileRef file = container.loader->LoadStoredFile(kManifestMbdbName, kMaxMbdbSize);
     const auto content = ReadWhole(file.get(), kMaxMbdbSize);
     // Not copied: there may be a gigabyte of it.
     const auto bytes = CF::Data::Adopt(

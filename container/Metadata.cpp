@@ -11,10 +11,6 @@ namespace Kelvane {
 
 namespace {
 
-// The largest metadata file that is read into memory. Those of devices with hundreds of
-// applications, whose icons lie in them, stay below 100 MB.
-constexpr std::uint64_t kMaxMetadataSize = 512ULL << 20;
-
 struct MetadataFile {
     const char *name;
     bool required;
@@ -38,27 +34,47 @@ constexpr std::array<NamedVersion, 5> kVersions = {{{"2.4", kKVManifestDataVersi
                                                     {"3.2", kKVManifestDataVersion32},
                                                     {"3.3", kKVManifestDataVersion33}}};
 
-// A file that is empty, no property list or no dictionary leaves the target empty: what
-// the backup lacks then shows in the checks that follow.
-void readDictionary(const KVBackupContainerClass &container, const CF::String &name,
-                    const CF::Dictionary &target) {
-    const FileRef file = container.loader->LoadStoredFile(name);
-    const CF::Data bytes(ReadWhole(file.get(), kMaxMetadataSize));
-    target.RemoveAll();
-    const auto parsed = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(bytes);
-    CFDictionarySetValues(target.mutableRef(), parsed.get());
+// Why bytes that gave no dictionary did not; cause is the parser's error, or null.
+CF::Error whyUnreadable(const CF::Data &bytes, const CF::Error &cause, const CF::String &name) {
+    if (bytes.IsEmpty()) {
+        return Error(kKVErrorInvalidMetadata, nullptr, CFSTR("The file is empty (%@)"), name.get());
+    }
+    if (cause) {
+        return Error(kKVErrorInvalidMetadata, cause,
+                     CFSTR("The file is no property list that can be read (%@)"), name.get());
+    }
+    return Error(kKVErrorInvalidMetadata, nullptr,
+                 CFSTR("The root of the property list is no dictionary (%@)"), name.get());
 }
 
-void loadMetadataFile(const KVBackupContainerClass &container, const MetadataFile &file) {
+// A file that is empty, no property list or no dictionary leaves the target empty: what
+// the backup lacks then shows in the checks that follow.
+void readDictionary(KVBackupContainerClass &container, const MetadataFile &metadata,
+                    const CF::String &name) {
+    const FileRef file = container.loader->LoadStoredFile(name, kMaxMetadataSize);
+    const CF::Data bytes(ReadWhole(file.get(), kMaxMetadataSize));
+    const CF::Dictionary &target = container.*metadata.target;
+    target.RemoveAll();
+    LocalError cause;
+    const auto parsed =
+        CF::PropertyListType<CF::Dictionary>::FromPropertyListData(bytes, cause.out());
+    if (parsed) {
+        CFDictionarySetValues(target.mutableRef(), parsed.get());
+    }
+    container.sourceMetadata.insert_or_assign(
+        metadata.name,
+        SourceMetadata{file, parsed ? CF::Error() : whyUnreadable(bytes, cause.get(), name)});
+}
+
+void loadMetadataFile(KVBackupContainerClass &container, const MetadataFile &file) {
     const CF::String name(file.name);
-    const CF::Dictionary &target = container.*file.target;
     try {
-        readDictionary(container, name, target);
+        readDictionary(container, file, name);
     } catch (const CF::Error &error) {
         const bool missing =
             CFErrorDomainAndCodeMatch(error.get(), kKVErrorDomain, kKVErrorFileNotFound);
         if (missing && !file.required) {
-            target.RemoveAll();
+            (container.*file.target).RemoveAll();
         } else if (missing) {
             throw Error(kKVErrorInvalidBackup, error,
                         CFSTR("Backup metadata file missing. Are you sure this is a valid "
@@ -143,11 +159,8 @@ void loadManifest(KVBackupContainerClass &container, const KVProgressFunction &p
 } // namespace
 
 std::vector<std::uint8_t> ReadWhole(const KVFileClass *file, std::uint64_t limit) {
-    const unsigned long long size = KVFileGetSize(file);
-    if (size > limit) {
-        throw Error(kKVErrorLoadRepresentation, nullptr,
-                    CFSTR("The file is too large to be read into memory (%llu bytes)"), size);
-    }
+    const std::uint64_t size = KVFileGetSize(file);
+    RequireSizeWithin(size, limit);
     std::vector<std::uint8_t> bytes;
     bytes.reserve(static_cast<std::size_t>(size));
     bool tooLarge = false;

@@ -1,5 +1,6 @@
 #include "container/BackupSource.hpp"
 #include "container/ZipError.hpp"
+#include "container/ZipRecord.hpp"
 
 #include "Kelvane/Error.hpp"
 #include "foundation/Boundary.hpp"
@@ -72,10 +73,11 @@ class ZipSource : public BackupSource {
     std::shared_ptr<BackupSource> Reopen() const override { return OpenZipSource(path_); }
 
   protected:
-    FileRef LoadNamed(const CF::String &name) const override {
+    FileRef LoadNamed(const CF::String &name, std::uint64_t limit) const override {
         locate(name.GetUTF8());
         OpenRecord record(archive_);
         const std::uint64_t size = recordSize();
+        RequireSizeWithin(size, limit);
         LocalError error;
         FileRef file(CF::adopt, KVFileCreateAppendable(error.out()));
         if (!file) {
@@ -101,6 +103,11 @@ class ZipSource : public BackupSource {
         if (status != UNZ_OK) {
             throwZipError(kKVErrorArchive, status, CFSTR("Failed to read file metadata"));
         }
+        try {
+            RequirePossibleSize(info);
+        } catch (const CF::Error &cause) {
+            throw Error(kKVErrorArchive, cause, "Failed to extract file data");
+        }
         return info.uncompressed_size;
     }
 
@@ -117,6 +124,12 @@ class ZipSource : public BackupSource {
             }
             if (count == 0) {
                 break;
+            }
+            // What is written is bounded by what the archive says, whatever it unpacks to.
+            if (static_cast<std::uint64_t>(count) > expected - total) {
+                errno = 0;
+                throwZipError(kKVErrorArchive, UNZ_BADZIPFILE,
+                              CFSTR("Failed to extract file data"));
             }
             LocalError error;
             if (!KVFileAppendBytes(file.get(), buffer.data(), count, error.out())) {

@@ -50,7 +50,8 @@ typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fra
  * to it. The caller releases the result. Null on failure, with these codes:
  *   2   an unknown bit in options
  *   8   the binary manifest cannot be read: "An error ocurred while loading manifest file"
- *   10  a metadata file is missing or unreadable, or the Status "Version" is missing
+ *   10  a metadata file is missing, cannot be loaded or has more than 64 MiB, or the
+ *       Status "Version" is missing
  *   11  the manifest database cannot be read or holds invalid entries
  *   12  the Status "Version" is not one of 2.4, 3.0, 3.1, 3.2, 3.3
  *   15  an encrypted backup of version 2.4, 3.0 or 3.1
@@ -107,7 +108,8 @@ KV_EXPORT KVBackupContainerClass *KVBackupContainerCreateCopy(CFAllocatorRef all
 /* ---- Metadata ------------------------------------------------------------ */
 
 /* New mutable copies of the metadata dictionaries; the caller releases them. A file that
- * was missing, empty or no property list gives an empty dictionary. */
+ * was missing, empty or no property list gives an empty dictionary: of the last two,
+ * KVBackupContainerCopyMetadataError tells. */
 KV_EXPORT CFMutableDictionaryRef
 KVBackupContainerCopyInfoDict(const KVBackupContainerClass *container);
 KV_EXPORT CFMutableDictionaryRef
@@ -117,7 +119,17 @@ KVBackupContainerCopyManifestDict(const KVBackupContainerClass *container);
 /* The stored Manifest.plist dictionary, borrowed until it is replaced. A null container
  * is a programming error and ends the process. */
 KV_EXPORT CFDictionaryRef KVBackupContainerGetManifestDict(const KVBackupContainerClass *container);
-/* Replaces dictionaries; they are retained. A null argument leaves that one unchanged. */
+/* Why the dictionary of a metadata file ("Manifest.plist", "Info.plist", "Status.plist") is
+ * empty although the backup holds the file. Null when the file was read or is missing, when
+ * its dictionary was set since, and for any other name. The caller releases it. Code 20:
+ *   "The file is empty (%@)"
+ *   "The file is no property list that can be read (%@)", the parser's error underneath
+ *   "The root of the property list is no dictionary (%@)"
+ * A copy of the container tells the same. */
+KV_EXPORT CFErrorRef KVBackupContainerCopyMetadataError(const KVBackupContainerClass *container,
+                                                        CFStringRef fileName);
+/* Replaces dictionaries; they are retained. A null argument leaves that one unchanged. One
+ * that replaces a file which could not be read is written out in the place of its bytes. */
 KV_EXPORT void KVBackupContainerSetDictionaries(KVBackupContainerClass *container,
                                                 CFDictionaryRef info, CFDictionaryRef status,
                                                 CFDictionaryRef manifest);
@@ -175,10 +187,12 @@ KV_EXPORT KVFileClass *KVBackupContainerCopyFileForEntry(const KVBackupContainer
                                                          CFErrorRef *error);
 /* The content as it lies in a backup under the stored name: the manifest and metadata are
  * written anew, content of an encrypted backup stays encrypted, content added from outside
- * to one is encrypted on reading. The caller releases it. Null on failure: code 1 "Failed
- * to create data representation of ...", code 5 "File not present in backup (%@)" or
- * "Found entry referencing a non-file (%@)", code 2 "Found file entry but no file ref is
- * present (%@)". */
+ * to one is encrypted on reading. Of a metadata file that could not be read this is an empty
+ * dictionary; only the exports that fill a report carry its bytes over. The caller releases
+ * it. Null on failure: code 1 "Failed to create data representation of ...", among them of a
+ * metadata file that would come to more than 64 MiB, which no backup could be opened with;
+ * code 5 "File not present in backup (%@)" or "Found entry referencing a non-file (%@)",
+ * code 2 "Found file entry but no file ref is present (%@)". */
 KV_EXPORT KVFileClass *
 KVBackupContainerCopyFileForLocalFilename(const KVBackupContainerClass *container,
                                           CFStringRef storedName, CFErrorRef *error);
@@ -331,7 +345,8 @@ KVBackupContainerCreateSymlinkAtPath(KVBackupContainerClass *container, CFString
  * the manifest's total size on, after every file the number of bytes written divided by
  * that size, which passes 1.0 (the metadata count too) and is infinite for a size of 0. */
 
-/* What an export has done beyond its result. */
+/* What an export has done beyond its result. An export sets every field and reads none, so
+ * that the arrays of an earlier report are to be released before its struct is used again. */
 typedef struct KVBackupExportReport {
     /* One CFErrorRef for each stored name that was not written, in their order, after those
      * for files that have no stored name (they are named "DOMAIN-PATH"); or the one that ended
@@ -342,6 +357,14 @@ typedef struct KVBackupExportReport {
      *   code 3   "Failed to create containing directory %@ - %s (%d)"
      *   code 9   "The archive could not be completed (%d)" */
     CFArrayRef errors;
+    /* One CFErrorRef for each file that was written and that people should look at all the
+     * same; they count neither as skipped nor against the result. The caller releases the
+     * array. Never null once filled.
+     *   code 20  "File %@ could not be read and was copied as it is": a metadata file, with
+     *            what KVBackupContainerCopyMetadataError says underneath; "File %@ could not
+     *            be written anew and was copied as it is": one whose dictionary holds what a
+     *            property list in XML cannot, with the cause underneath */
+    CFArrayRef notes;
     /* True when the manifest and all three metadata files were written: without them the
      * result is no backup. */
     Boolean metadataWritten;
@@ -353,12 +376,13 @@ typedef struct KVBackupExportReport {
 typedef void (*KVBackupExportProgressCallBack)(double fraction, void *context);
 
 /* Export to a new directory, or to a new zip, and tell what was skipped: look at the report,
- * for the result is true when the export ran to its end, whatever it had to skip. A manifest
- * database may be of any size, it is not held in memory. Zip64 records are used where a file
- * of 4 GiB or more, or the number of files, needs them. progress may be null, context is
- * handed to it; report may be null. False, with one error in the report, when
- * something exists at the target, a directory cannot be made, or a zip cannot be completed
- * (it is removed then). */
+ * for the result is true when the export ran to its end, whatever it had to skip. A metadata
+ * file that could not be read, or that cannot be written as XML, is copied byte for byte as long
+ * as its dictionary was not set. A manifest database may be of any size, it is not held in memory.
+ * Zip64 records are used where a file of 4 GiB or more, or the number of files, needs them.
+ * progress may be null, context is handed to it; report may be null. False, with one error in the
+ * report, when something exists at the target, a directory cannot be made, or a zip cannot be
+ * completed (it is removed then). */
 KV_EXPORT Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
                                                   CFStringRef directoryPath,
                                                   KVBackupExportProgressCallBack progress,
@@ -378,9 +402,10 @@ KV_EXPORT bool KVBackupContainerExportToZipWithReport(KVBackupContainerClass *co
                                                       CFStringRef zipPath,
                                                       std::function<void(double)> progress,
                                                       KVBackupExportReport *report);
-/* Without a report: what was skipped stands in the log alone. A manifest database of more
- * than 100 MiB is skipped, and a zip is written in plain records, so that a file of 4 GiB or
- * more is skipped as well. True even when the zip could not be created or completed. */
+/* Without a report: what was skipped stands in the log alone. A metadata file that could not be
+ * read is written as an empty dictionary. A manifest database of more than 100 MiB is skipped,
+ * and a zip is written in plain records, so that a file of 4 GiB or more is skipped as well.
+ * True even when the zip could not be created or completed. */
 KV_EXPORT bool KVBackupContainerExportToDirectory(KVBackupContainerClass *container,
                                                   CFStringRef directoryPath,
                                                   std::function<void(double)> progress);

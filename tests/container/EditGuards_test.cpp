@@ -54,6 +54,7 @@ std::unique_ptr<Editable> Reopened(const Editable &backup,
     EXPECT_TRUE(KVBackupContainerExportToDirectoryWithReport(backup.get(), CF::String(target), {},
                                                              &report));
     EXPECT_EQ(CF::Array::Adopt(report.errors).GetCount(), 0);
+    EXPECT_EQ(CF::Array::Adopt(report.notes).GetCount(), 0);
     return std::make_unique<Editable>(OpenPath(target, arguments));
 }
 

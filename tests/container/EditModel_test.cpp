@@ -248,6 +248,8 @@ void Session::compareWritten() {
                                   : KVBackupContainerExportToDirectoryWithReport;
     ASSERT_TRUE(write(backup_.get(), CF::String(target), {}, &report));
     const auto errors = CF::Array::Adopt(report.errors);
+    const auto notes = CF::Array::Adopt(report.notes);
+    EXPECT_EQ(notes.GetCount(), 0);
     ASSERT_EQ(errors.GetCount(), 0);
     ASSERT_TRUE(report.metadataWritten);
     OpenArguments arguments;

@@ -48,6 +48,7 @@ struct Exported {
     Texts logged;
     // The report's; none without one.
     Texts reported;
+    Texts notes;
     bool metadataWritten = false;
     std::int64_t filesWritten = 0;
 };
@@ -72,6 +73,18 @@ inline Exported RunExport(ExportFunction *function, KVBackupContainerClass *cont
     return result;
 }
 
+// The chains of a report's errors, which are released.
+inline Texts TakeChains(CFArrayRef reported) {
+    const auto errors = CF::Array::Adopt(reported);
+    EXPECT_TRUE(errors);
+    Texts chains;
+    for (CFIndex i = 0; i < errors.GetCount(); ++i) {
+        chains.push_back(
+            Chain(CF::Error(static_cast<CFErrorRef>(const_cast<void *>(errors.GetAt(i))))));
+    }
+    return chains;
+}
+
 inline Exported RunExport(ReportFunction *function, KVBackupContainerClass *container,
                           const std::string &path, const ProgressFunction &also = {}) {
     Exported result;
@@ -87,12 +100,8 @@ inline Exported RunExport(ReportFunction *function, KVBackupContainerClass *cont
         },
         &report);
     result.logged = log.Errors();
-    const auto errors = CF::Array::Adopt(report.errors);
-    EXPECT_TRUE(errors);
-    for (CFIndex i = 0; i < errors.GetCount(); ++i) {
-        result.reported.push_back(
-            Chain(CF::Error(static_cast<CFErrorRef>(const_cast<void *>(errors.GetAt(i))))));
-    }
+    result.reported = TakeChains(report.errors);
+    result.notes = TakeChains(report.notes);
     result.metadataWritten = report.metadataWritten != 0;
     result.filesWritten = report.filesWritten;
     return result;

@@ -220,7 +220,8 @@ TEST_P(Telling, TheCFormDoesTheSame) {
     EXPECT_TRUE(function(container.get(), CF::String(target_), countCall, &calls, &report));
     EXPECT_EQ(calls.fractions.size(), 7u);
     EXPECT_TRUE(report.metadataWritten);
-    EXPECT_EQ(CF::Array::Adopt(report.errors).GetCount(), 1);
+    EXPECT_EQ(TakeChains(report.errors).size(), 1u);
+    EXPECT_EQ(TakeChains(report.notes), Texts{});
 }
 
 TEST_P(Telling, TheCFormNeedsNeitherCallbackNorReport) {

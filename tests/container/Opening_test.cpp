@@ -110,6 +110,18 @@ TEST(Opening, TakesAnEmptyInfoForEmpty) {
     EXPECT_TRUE(OpenPath(copy.root()).container);
 }
 
+TEST(Opening, RefusesMetadataOfMoreThan64MiB) {
+    const BackupCopy copy(kPlain);
+    fs::resize_file(copy.file("Info.plist"), (64u << 20) + 1);
+    for (const std::string &path : {copy.root(), copy.Zip()}) {
+        const Opened backup = OpenPath(path);
+        EXPECT_TRUE(IsError(backup.error, kKVErrorInvalidBackup,
+                            "Failed to load backup metadata file (Info.plist)"));
+        EXPECT_TRUE(IsError(backup.error.GetUnderlying(), kKVErrorLoadRepresentation,
+                            "The file is too large to be read into memory (67108865 bytes)"));
+    }
+}
+
 TEST(Opening, DoesNotWaitForAFIFOInPlaceOfAMetadataFile) {
     const BackupCopy copy(kPlain);
     copy.Remove("Info.plist");

@@ -195,6 +195,56 @@ TEST(Zip, RefusesARecordThatIsShorterThanItSays) {
     EXPECT_TRUE(IsError(error, kKVErrorArchive, "Failed to extract file data"));
 }
 
+// Both headers of the record claim that size.
+std::string claim(const std::string &method, const std::string &size) {
+    return spoil(method, "import struct\n"
+                         "archive = zipfile.ZipFile(sys.argv[1])\n"
+                         "packed = archive.getinfo('a').compress_size\n"
+                         "size = struct.pack('<I', " +
+                             size +
+                             ")\n"
+                             "data[22:26] = size\n"
+                             "i = data.rindex(b'PK\\x01\\x02')\n"
+                             "data[i+24:i+28] = size\n");
+}
+
+class ImpossibleSize : public testing::TestWithParam<std::pair<const char *, const char *>> {};
+
+TEST_P(ImpossibleSize, IsRefusedBeforeAnythingIsUnpacked) {
+    const auto store = testing_support::LibraryTemporaryPath() / "KVFileManager";
+    const auto files = [&] {
+        fs::create_directories(store);
+        return std::distance(fs::directory_iterator(store), fs::directory_iterator());
+    };
+    const auto before = files();
+    const CF::Error error = errorOfDamaged(claim(GetParam().first, GetParam().second));
+    EXPECT_TRUE(IsError(error, kKVErrorArchive, "Failed to extract file data"));
+    const std::string cause = error.GetUnderlying().GetFailureReason().GetUTF8();
+    EXPECT_EQ(cause.find("The zip record claims "), 0u) << cause;
+    EXPECT_EQ(files(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Claims, ImpossibleSize,
+                         testing::Values(std::pair("zipfile.ZIP_STORED", "50001"),
+                                         std::pair("zipfile.ZIP_DEFLATED", "packed * 1032 + 1"),
+                                         std::pair("zipfile.ZIP_DEFLATED", "0xfffffffe")));
+
+TEST(Zip, TakesThePossibleForPossible) {
+    const CF::Error error = errorOfDamaged(claim("zipfile.ZIP_DEFLATED", "packed * 1032"));
+    // It has fewer bytes all the same, which shows when they are unpacked.
+    EXPECT_TRUE(IsError(error, kKVErrorArchive, "Failed to extract file data"));
+    EXPECT_EQ(CF::String::GetUTF8(error.GetUnderlying().GetDomain()), "ZK.ZipErrorDomain");
+}
+
+TEST(Zip, UnpacksWhatCompressesAsWellAsAnythingCan) {
+    testing_support::LibraryTemporaryPath();
+    const testing_support::TemporaryDirectory directory;
+    const std::string path =
+        MakeZip(directory, "archive.writestr(zipfile.ZipInfo('a'), bytes(32 << 20), "
+                           "zipfile.ZIP_DEFLATED, 9)\n");
+    EXPECT_EQ(KVFileGetSize(Kelvane::OpenZipSource(path)->Load("a").get()), 32u << 20);
+}
+
 TEST(Zip, RefusesARecordWithoutItsHeader) {
     const CF::Error error = errorOfDamaged(spoil("zipfile.ZIP_STORED", "data[0:4] = b'xxxx'"));
     EXPECT_TRUE(IsError(error, kKVErrorArchive, "Failed to open file record"));

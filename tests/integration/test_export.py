@@ -11,7 +11,7 @@ from exporting import CIPHER, ExportTest
 from reading_back import facts_of, raw, read
 from terminal import Terminal
 from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, USAGE, WITH_PASSWORD, backup, command, main, make, \
-    snapshot
+    run, snapshot
 
 
 class Whole(ExportTest):
@@ -222,6 +222,40 @@ class Source(ExportTest):
                 warning = "kelvane: warning: Manifest.db-wal holds 100 bytes of changes to the manifest, which are" \
                     " not read"
                 self.assertEqual(messages[0] == warning, warned)
+
+
+class Metadata(ExportTest):
+    """What the library cannot read, or cannot write anew, is not replaced by nothing."""
+
+    NO_LIST = b"no property list \xff\x00"
+
+    def check(self, command: str, *options: str) -> None:
+        source = make(self.folder / "source", "--tree", "small", *options)
+        for name in ("Info.plist", "Manifest.plist"):
+            (source / name).write_bytes(self.NO_LIST)
+        messages = self.fail_with(DONE, command, source, self.output)
+        for name in ("Info.plist", "Manifest.plist"):
+            self.assertEqual(raw(self.output)[name], self.NO_LIST)
+            [warning] = [line for line in messages if line.startswith("kelvane: warning: ") and name in line]
+            self.assertIn(f"File {name} could not be read and was copied as it is (code 20)", warning)
+        self.succeed("ls", self.output)
+
+    def test_that_cannot_be_read_is_copied_to_a_directory(self) -> None:
+        self.check("export")
+
+    def test_that_cannot_be_read_is_copied_to_a_zip(self) -> None:
+        self.zip_output()
+        self.check("export", "--version", "2.4")
+
+    def test_that_cannot_be_read_survives_an_edit(self) -> None:
+        self.check("edit")
+
+    def test_that_cannot_be_read_is_told_of_by_info(self) -> None:
+        source = make(self.folder / "source", "--tree", "small")
+        (source / "Info.plist").write_bytes(b"")
+        result = run("info", source)
+        self.assertEqual(result.returncode, DONE)
+        self.assertIn(b"warning: Backup metadata is missing or invalid: The file is empty (Info.plist)", result.stderr)
 
 
 class Progress(ExportTest):

@@ -345,6 +345,27 @@ class Files(VerifyTest):
         self.assertEqual(self.only_problem(path)["storedName"], f"{identifier[:2]}/{identifier}")
 
 
+class Metadata(VerifyTest):
+    """It opens as if it were empty, so that nothing else tells of it."""
+
+    def check(self, name: str, content: bytes, cause: str, *options: str) -> None:
+        path = self.copy(*options)
+        (path / name).write_bytes(content)
+        problem = self.only_problem(path)
+        self.assertEqual((problem["kind"], problem["storedName"]), ("metadata-unreadable", name))
+        self.assertIn(cause, problem["causes"][0])
+        self.assertTrue(run("verify", path).stdout.startswith(b"file " + name.encode() + b": what it holds"))
+
+    def test_that_is_no_property_list(self) -> None:
+        self.check("Info.plist", b"no property list", "The file is no property list that can be read (Info.plist)")
+
+    def test_that_is_empty(self) -> None:
+        self.check("Manifest.plist", b"", "The file is empty (Manifest.plist)", "--version", "2.4")
+
+    def test_that_is_no_dictionary(self) -> None:
+        self.check("Info.plist", plistlib.dumps(["a"]), "The root of the property list is no dictionary (Info.plist)")
+
+
 class Log(VerifyTest):
     def assert_warning(self, path: Path, kind: str, message: str) -> None:
         [warning], summary = self.verify(path, status=DONE)

@@ -74,6 +74,7 @@ struct Outcome {
     bool isBackup = false;
     std::int64_t filesWritten = 0;
     CF::Array errors;
+    CF::Array notes;
 };
 
 Outcome runExport(const Container &container, const std::string &path, bool zip) {
@@ -83,7 +84,7 @@ Outcome runExport(const Container &container, const std::string &path, bool zip)
     const bool finished = write(container.get(), ArgumentText(path).get(), &Progress::Report,
                                 &progress, &report) != 0;
     return {finished, report.metadataWritten != 0, report.filesWritten,
-            CF::Array::Adopt(report.errors)};
+            CF::Array::Adopt(report.errors), CF::Array::Adopt(report.notes)};
 }
 
 CF::Error errorAt(const CF::Array &errors, CFIndex index) {
@@ -112,6 +113,12 @@ void printErrors(const Container &container, const CF::Array &errors) {
         } else {
             Failure(error).Print();
         }
+    }
+}
+
+void printNotes(const CF::Array &notes) {
+    for (CFIndex i = 0; i < notes.GetCount(); ++i) {
+        Failure(errorAt(notes, i)).PrintFor("warning");
     }
 }
 
@@ -168,6 +175,7 @@ int WriteBackup(const Container &container, const BackupOutputOptions &options) 
     const bool zip = asZip(options);
     const Outcome outcome = runExport(container, output.PartialPath(), zip);
     printErrors(container, outcome.errors);
+    printNotes(outcome.notes);
     if (!outcome.finished || !outcome.isBackup) {
         throw Failure("Nothing was written to '" + options.output +
                       "': without its manifest and metadata it would be no backup");

@@ -1,4 +1,5 @@
 #include "Commands.hpp"
+#include "Diagnostics.hpp"
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
 #include "JSON.hpp"
@@ -102,6 +103,16 @@ JSON gather(const Container &container) {
     return json;
 }
 
+// What it would tell shows as unknown.
+void warnOfUnreadableMetadata(const Container &container) {
+    for (const char *name : kPropertyLists) {
+        const CF::Error error = MetadataError(container, name);
+        if (error) {
+            Failure(error).PrintFor("warning");
+        }
+    }
+}
+
 constexpr std::array<std::pair<const char *, const char *>, 14> kLabels = {{
     {"deviceName", "Device name"},
     {"deviceType", "Device type"},
@@ -142,6 +153,7 @@ std::string valueText(const std::string &key, const JSON &value) {
 } // namespace
 
 int RunInfo(const Container &container, const InfoOptions &options) {
+    warnOfUnreadableMetadata(container);
     const JSON json = gather(container);
     if (options.json) {
         PrintLine(Serialize(json));

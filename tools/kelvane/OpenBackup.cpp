@@ -68,6 +68,11 @@ Container OpenBackup(const BackupOptions &options) {
     return container;
 }
 
+CF::Error MetadataError(const Container &container, const char *fileName) {
+    return CF::Error::Adopt(
+        KVBackupContainerCopyMetadataError(container.get(), CF::String(fileName).get()));
+}
+
 bool UsesDatabase(const Container &container) {
     const auto status = CF::Dictionary::Adopt(KVBackupContainerCopyStatusDict(container.get()));
     return status.Get<CF::String>(CFSTR("Version")).GetUTF8() != kBinaryManifestVersion;

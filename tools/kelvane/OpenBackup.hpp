@@ -2,8 +2,10 @@
 #pragma once
 
 #include "KVBackupContainer.h"
+#include "support/cf/Error.hpp"
 #include "support/cf/Pointer.hpp"
 
+#include <array>
 #include <string>
 
 namespace tool {
@@ -19,6 +21,12 @@ struct BackupOptions {
 // Opens the directory or zip. Class keys that are bound to the device stay locked. Throws
 // Failure.
 Container OpenBackup(const BackupOptions &options);
+
+// The metadata files of a backup beside its manifest.
+inline constexpr std::array kPropertyLists = {"Manifest.plist", "Info.plist", "Status.plist"};
+
+// Why a metadata file that is there was taken for empty; else null.
+CF::Error MetadataError(const Container &container, const char *fileName);
 
 // False for a backup of the version with a binary manifest.
 bool UsesDatabase(const Container &container);

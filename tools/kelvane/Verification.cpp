@@ -87,6 +87,19 @@ void Verification::CheckFileIDs() {
     }
 }
 
+void Verification::CheckMetadata() {
+    for (const char *name : kPropertyLists) {
+        Problem problem;
+        problem.cause = MetadataError(container_, name);
+        if (problem.cause) {
+            problem.kind = "metadata-unreadable";
+            problem.storedName = name;
+            problem.message = "what it holds cannot be read";
+            sink_(problem);
+        }
+    }
+}
+
 // Empty for a name that stores no content.
 std::string Verification::fileIDOf(std::string_view storedName) const {
     const std::size_t slash = storedName.find('/');

@@ -25,6 +25,8 @@ class Verification {
     void CheckEntries(const std::function<void(Entry *entry)> &checked);
     // After CheckEntries: file IDs of more than one entry.
     void CheckFileIDs();
+    // Whether the metadata files gave what they hold.
+    void CheckMetadata();
     // After CheckFileIDs: files that no entry names, and what lies beside the manifest.
     void CheckSourceFiles();
 

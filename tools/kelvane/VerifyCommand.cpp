@@ -107,6 +107,7 @@ int RunVerify(const Container &container, const TemporaryArea &area, const Verif
                               [&](const Problem &problem) { report.Add(problem); });
     verification.CheckEntries([&](Entry *entry) { report.CountEntry(entry); });
     verification.CheckFileIDs();
+    verification.CheckMetadata();
     verification.CheckSourceFiles();
     return report.Finish(verification.SourceFileCount());
 }
