@@ -1,18 +1,15 @@
 // Read, write, read: the second graph must equal the first.
 #pragma once
 
+#include "fuzz/Require.hpp"
+
 #include <CoreFoundation/CFPropertyList.h>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 namespace FuzzPlist {
 
-inline void Require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using Fuzz::Require;
 
 inline CFTypeRef ReadBytes(const std::uint8_t *bytes, std::size_t size) {
     CFErrorRef error = nullptr;

@@ -1,21 +1,16 @@
 // Binary manifests: what is read can be written, and what is written reads back as the
 // same. Refusals are reported on standard output; run with -close_fd_mask=1.
 #include "KVManifest.h"
+#include "fuzz/Require.hpp"
 #include "support/cf/Data.hpp"
 #include "support/cf/Pointer.hpp"
 
 #include <cstdint>
-#include <cstdlib>
 
 namespace {
 
+using Fuzz::Require;
 using Manifest = CF::Pointer<KVManifestClass *>;
-
-void Require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 Manifest Read(const CF::Data &bytes) {
     return CF::Adopt(KVManifestCreateFromManifestData(nullptr, bytes.get(), 24, {}, {}));
