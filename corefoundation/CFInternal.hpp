@@ -77,9 +77,6 @@ inline std::uint8_t flagsOf(CFTypeRef cf) noexcept {
     return static_cast<std::uint8_t>(__atomic_load_n(&baseOf(cf)->_cfinfoa, __ATOMIC_RELAXED) >>
                                      kFlagsShift);
 }
-// Replaces those bits. Not atomic with regard to reference counting: only before an
-// object is shared, or on a mutable object, which one thread uses at a time.
-void setFlags(CFTypeRef cf, std::uint8_t flags) noexcept;
 
 // Makes an object immortal, before it is shared; one that already is stays untouched.
 void makeImmortal(CFTypeRef cf) noexcept;

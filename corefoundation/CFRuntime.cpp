@@ -50,13 +50,6 @@ void fatal(const char *function, const char *message) noexcept {
     std::abort();
 }
 
-void setFlags(CFTypeRef cf, std::uint8_t flags) noexcept {
-    auto *word = &const_cast<CFRuntimeBase *>(baseOf(cf))->_cfinfoa;
-    const std::uint64_t kept =
-        __atomic_load_n(word, __ATOMIC_RELAXED) & ~(std::uint64_t{0xFF} << kFlagsShift);
-    __atomic_store_n(word, kept | (std::uint64_t{flags} << kFlagsShift), __ATOMIC_RELAXED);
-}
-
 void *allocateInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
                        std::uint8_t flags) noexcept {
     constexpr auto header = static_cast<CFIndex>(sizeof(CFRuntimeBase));

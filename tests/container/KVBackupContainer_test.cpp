@@ -7,6 +7,7 @@
 #include "KVManifest.h"
 
 #include <sys/stat.h>
+#include <utility>
 
 namespace container_tests {
 namespace {
@@ -171,6 +172,21 @@ TEST(Wrapper, HoldsAReference) {
         EXPECT_EQ(CFGetRetainCount(container.get()), before + 2);
         EXPECT_EQ(second.GetCFObject(), container.get());
     }
+    EXPECT_EQ(CFGetRetainCount(container.get()), before);
+}
+
+TEST(Wrapper, HandsItsReferenceOnWhenItIsMoved) {
+    const Container container = makeEmpty();
+    const CFIndex before = CFGetRetainCount(container.get());
+    KVBackupContainer first(container.get());
+    KVBackupContainer second = std::move(first);
+    EXPECT_EQ(second.get(), container.get());
+    EXPECT_EQ(CFGetRetainCount(container.get()), before + 1);
+    KVBackupContainer third;
+    third = std::move(second);
+    EXPECT_EQ(third.get(), container.get());
+    third = KVBackupContainer();
+    EXPECT_EQ(third.get(), nullptr);
     EXPECT_EQ(CFGetRetainCount(container.get()), before);
 }
 
