@@ -1,6 +1,7 @@
 #include "container/Edit.hpp"
 
 #include "Kelvane/Error.hpp"
+#include "manifest/MbdbLimits.hpp"
 
 namespace Kelvane {
 
@@ -84,6 +85,9 @@ void Edit::Add(EntryPointer entry) {
     requireEncodable(KVManifestEntryGetDomain(entry.get()));
     requireEncodable(KVManifestEntryGetPath(entry.get()));
     requireEncodable(KVManifestEntryGetTarget(entry.get()));
+    if (container_.Version() == kKVManifestDataVersion24) {
+        RequireMbdbRecord(*entry.get());
+    }
     change_.added.push_back(std::move(entry));
 }
 

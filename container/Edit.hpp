@@ -29,7 +29,8 @@ class Edit {
     // "Path is too long or too deep (%ld levels)".
     void EnsureParents(CFStringRef path);
     // Throws code 2 for an entry that no manifest could be written with: "An entry must have a
-    // domain", "Text cannot be encoded as UTF-8".
+    // domain", "Text cannot be encoded as UTF-8", and what RequireMbdbRecord throws where the
+    // manifest is a binary one.
     void Add(EntryPointer entry);
     void Remove(KVManifestEntryClass *entry) { change_.removed.emplace_back(entry); }
     // Whatever is at the path and below it.

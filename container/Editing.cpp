@@ -2,6 +2,7 @@
 #include "Kelvane/Error.hpp"
 #include "container/Edit.hpp"
 #include "foundation/Boundary.hpp"
+#include "manifest/ExtendedAttributes.hpp"
 
 namespace Kelvane {
 
@@ -31,9 +32,28 @@ void forgetKey(KVManifestEntryClass &entry) {
     entry.size = static_cast<std::int64_t>(KVFileGetSize(entry.file.get()));
 }
 
+// A binary manifest has no place for attributes in the form that databases hold.
+void convertAttributes(KVManifestEntryClass &entry) {
+    if (!entry.attributesData) {
+        return;
+    }
+    CF::Dictionary attributes = DecodeExtendedAttributes(entry.attributesData.get());
+    if (!attributes) {
+        throw Error(kKVErrorInvalidArgument, nullptr,
+                    "The entry's extended attributes cannot be put into a binary manifest");
+    }
+    if (CFDictionaryGetCount(entry.properties.get()) == 0) {
+        entry.properties = CF::Adopt(attributes.detach());
+    }
+    entry.attributesData = nullptr;
+}
+
 KVManifestEntryClass *addEntry(KVBackupContainerClass &container,
                                const KVManifestEntryClass *entry) {
     EntryPointer copy = copyWithContent(entry);
+    if (container.Version() == kKVManifestDataVersion24) {
+        convertAttributes(*copy.get());
+    }
     if (container.encryption && KVManifestEntryIsFile(copy.get())) {
         LocalError error;
         if (!KVManifestEntryGenerateFileKey(copy.get(), *container.encryption, error.out())) {

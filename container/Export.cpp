@@ -215,6 +215,16 @@ void RequireNothingAt(const CF::String &path) {
     }
 }
 
+void RequireWritableManifest(const Export &job) {
+    if (job.manner == ExportManner::Unlimited &&
+        job.container->Version() == kKVManifestDataVersion24 &&
+        job.container->manifest.get()->entries.Count() == 0) {
+        throw Error(kKVErrorWriteRepresentation, nullptr,
+                    "A backup of version 2.4 needs an entry: its manifest could not be read again "
+                    "without any");
+    }
+}
+
 void WriteStoredFiles(Export &job, ExportTarget &target) {
     const auto names =
         CF::Array::Adopt(KVBackupContainerCopyFilesystemPathsList(job.container, false));

@@ -62,6 +62,10 @@ bool MayNeedZip64(std::uint64_t size);
 // Throws code 14 "File already exists at path %@" when anything bears the name.
 void RequireNothingAt(const CF::String &path);
 
+// Throws code 14 "A backup of version 2.4 needs an entry: ..." for a binary manifest without any,
+// which is one that no reader takes.
+void RequireWritableManifest(const Export &job);
+
 // Opens targets. The directory is made here: code 3 "Failed to create containing directory
 // %@ - %s (%d)".
 std::unique_ptr<ExportTarget> CreateDirectoryTarget(const CF::String &path);

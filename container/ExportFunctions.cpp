@@ -25,6 +25,7 @@ Export begin(KVBackupContainerClass *container, ExportManner manner, ProgressFun
 void writeDirectory(Export &job, const CF::String &path) {
     job.progress.Start();
     RequireNothingAt(path);
+    RequireWritableManifest(job);
     WriteStoredFiles(job, *CreateDirectoryTarget(path));
 }
 
@@ -43,6 +44,7 @@ void completeZip(Export &job, ZipExportTarget &target) {
 void writeZip(Export &job, const CF::String &path) {
     job.progress.Start();
     RequireNothingAt(path);
+    RequireWritableManifest(job);
     const auto target = CreateZipTarget(path, job.manner);
     if (!target->IsOpen() && job.manner == ExportManner::Unlimited) {
         target->Complete(); // tells why

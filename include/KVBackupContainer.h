@@ -48,7 +48,7 @@ typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fra
 /* Opens the backup in a directory. password is the backup password, null or empty for a
  * plain backup; options are KVBackupOpenOptions; progress may be null, context is handed
  * to it. The caller releases the result. Null on failure, with these codes:
- *   2   an unknown bit in options
+ *   2   an unknown bit in options; the temporary path is not set
  *   8   the binary manifest cannot be read: "An error ocurred while loading manifest file"
  *   10  a metadata file is missing, cannot be loaded or has more than 64 MiB, or the
  *       Status "Version" is missing
@@ -261,6 +261,9 @@ KV_EXPORT KVFileClass *KVBackupContainerCopySourceManifest(const KVBackupContain
  * (where there is no error to give, with null):
  *   "An entry must have a domain"
  *   "Text cannot be encoded as UTF-8": the domain, path or target holds half of a pair
+ *   "Text is too long for a binary manifest (%ld bytes)", "Data is too long for a binary
+ *     manifest (%ld bytes)", "Too many extended attributes for a binary manifest (%ld)": in a
+ *     backup of version 2.4 texts and values end at 65534 bytes, attributes at 255
  *   "Path is too long or too deep (%ld levels)": over 16384 units or 1024 components, where
  *     the directories above it would have to be made
  *   "File ID (%@) belongs to another entry (%@)": the file ID of the path, its domain's root
@@ -278,7 +281,11 @@ KV_EXPORT KVFileClass *KVBackupContainerCopySourceManifest(const KVBackupContain
  * made by this library (KVManifestEntryIsExternal): its content is encrypted when it is
  * written. In a plain one the copy of an entry that this library made loses the key that it
  * may have, and its digest and size are those of the plain content.
+ * Into a backup of version 2.4 go, as properties of the entry, extended attributes that a
+ * manifest database held as plain data, which the library does not show otherwise.
  * Null on failure:
+ *   code 2  the refusals above; "The entry's extended attributes cannot be put into a binary
+ *           manifest": they are no property list of strings and data
  *   code 6  "A file reference could not be loaded for an entry that represents a file",
  *           with the cause underneath
  *   encrypted containers: as KVManifestEntryGenerateFileKey, code 2 among them for an
@@ -353,7 +360,8 @@ typedef struct KVBackupExportReport {
      * the export. The caller releases the array. Never null once filled.
      *   code 8   "File %@ could not be loaded for writing to ..."
      *   code 14  "File %@ could not be written", "File %@ could not be written in zip",
-     *            "File already exists at path %@"
+     *            "File already exists at path %@", "A backup of version 2.4 needs an entry: its
+     *            manifest could not be read again without any"
      *   code 3   "Failed to create containing directory %@ - %s (%d)"
      *   code 9   "The archive could not be completed (%d)" */
     CFArrayRef errors;
@@ -381,8 +389,8 @@ typedef void (*KVBackupExportProgressCallBack)(double fraction, void *context);
  * as its dictionary was not set. A manifest database may be of any size, it is not held in memory.
  * Zip64 records are used where a file of 4 GiB or more, or the number of files, needs them.
  * progress may be null, context is handed to it; report may be null. False, with one error in the
- * report, when something exists at the target, a directory cannot be made, or a zip cannot be
- * completed (it is removed then). */
+ * report, when something exists at the target, no entry is left in a backup of version 2.4, a
+ * directory cannot be made, or a zip cannot be completed (it is removed then). */
 KV_EXPORT Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
                                                   CFStringRef directoryPath,
                                                   KVBackupExportProgressCallBack progress,

@@ -17,7 +17,8 @@ EntryPointer ReadMbdbRecord(CFAllocatorRef allocator, ByteCursor &cursor, TextCa
                             const FileLoader &loader);
 
 // Appends the entry's record. False when it has none (a field of 65535 bytes or more, a
-// text without a UTF-8 form, a property that is not data); the output then holds a part
+// text without a UTF-8 form, a property that is not data, attributes of a database that are no
+// property list of those); the output then holds a part
 // of it, which the caller drops.
 bool AppendMbdbRecord(const KVManifestEntryClass &entry, std::vector<std::uint8_t> &output);
 

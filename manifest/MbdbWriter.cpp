@@ -2,7 +2,9 @@
 #include "Kelvane/Error.hpp"
 #include "Kelvane/SharedState.hpp"
 #include "foundation/Boundary.hpp"
+#include "manifest/ExtendedAttributes.hpp"
 #include "manifest/KVManifestClass.hpp"
+#include "manifest/MbdbLimits.hpp"
 #include "manifest/MbdbRecord.hpp"
 #include "support/cf/Data.hpp"
 #include "support/zk/Log.hpp"
@@ -16,8 +18,6 @@ namespace Kelvane {
 namespace {
 
 constexpr std::array<std::uint8_t, 6> kHeader = {'m', 'b', 'd', 'b', 5, 0};
-// Byte strings must stay below this length: it is the mark of an absent value.
-constexpr std::size_t kByteStringLimit = 0xFFFF;
 
 using Output = std::vector<std::uint8_t>;
 
@@ -30,7 +30,7 @@ void AppendInteger(Output &output, T value) {
 
 bool AppendData(Output &output, CFDataRef data) {
     const auto length = static_cast<std::size_t>(CFDataGetLength(data));
-    if (length >= kByteStringLimit) {
+    if (length >= kMbdbByteStringLimit) {
         return false;
     }
     AppendInteger(output, static_cast<std::uint16_t>(length));
@@ -41,7 +41,7 @@ bool AppendData(Output &output, CFDataRef data) {
 
 bool AppendText(Output &output, CFStringRef text) {
     const CFIndex units = CFStringGetLength(text);
-    if (static_cast<std::size_t>(units) >= kByteStringLimit) {
+    if (static_cast<std::size_t>(units) >= kMbdbByteStringLimit) {
         return false; // each unit takes a byte at least
     }
     constexpr std::size_t kMaximumBytesPerUnit = 3;
@@ -53,7 +53,7 @@ bool AppendText(Output &output, CFStringRef text) {
         text, CFRangeMake(0, units), kCFStringEncodingUTF8, 0, false, output.data() + textStart,
         static_cast<CFIndex>(output.size() - textStart), &written);
     const auto length = static_cast<std::size_t>(written);
-    if (converted != units || length >= kByteStringLimit) {
+    if (converted != units || length >= kMbdbByteStringLimit) {
         return false;
     }
     output.resize(textStart + length);
@@ -147,6 +147,11 @@ bool AppendMbdbRecord(const KVManifestEntryClass &entry, std::vector<std::uint8_
         return false;
     }
     AppendFixedBlock(output, entry);
+    // An entry of a database may hold its attributes as that has them.
+    if (entry.attributesData && CFDictionaryGetCount(entry.properties.get()) == 0) {
+        const CF::Dictionary attributes = DecodeExtendedAttributes(entry.attributesData.get());
+        return attributes && AppendProperties(output, attributes.get());
+    }
     return AppendProperties(output, entry.properties.get());
 }
 

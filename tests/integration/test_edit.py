@@ -239,6 +239,15 @@ class Remove(EditTest):
         domains = {entry["domain"] for entry in entries_of(source)}
         self.assertEqual(self.edit(source, *[word for domain in domains for word in ("--rm", domain, "")]), {})
 
+    def test_of_everything_leaves_no_binary_manifest_to_write(self) -> None:
+        source = backup("--tree", "small", "--version", "2.4")
+        domains = {entry["domain"] for entry in entries_of(source)}
+        removals = [word for domain in domains for word in ("--rm", domain, "")]
+        messages = self.fail_with(FAILED, "edit", source, self.output, *removals)
+        self.assertIn("A backup of version 2.4 needs an entry", messages[-2])
+        self.assertTrue(messages[-1].startswith("kelvane: Nothing was written to "), messages)
+        self.assertFalse(self.output.exists())
+
     def test_of_nothing_is_an_error(self) -> None:
         source = backup("--tree", "small")
         for domain, path, reason in (

@@ -165,6 +165,26 @@ TEST(ManifestMbdbWrite, ReportsPropertiesThatAreNoData) {
     }
 }
 
+TEST(ManifestMbdbWrite, TakesAttributesInTheFormOfADatabase) {
+    const auto properties = CF::Dictionary::Mutable();
+    properties.Set(CFSTR("n"), DataOf({1, 2}).get());
+    auto raw = MakeEntry("D", "p");
+    raw.get()->attributesData = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
+                                    properties, kCFPropertyListBinaryFormat_v1_0)
+                                    .get();
+    const auto record = CF::Data::Adopt(KVManifestEntryCreateManifestDataRepresentation(raw.get()));
+    const auto expected = CF::Data::Adopt(KVManifestEntryCreateManifestDataRepresentation(
+        EntryWithProperty(CFSTR("n"), DataOf({1, 2}).get()).get()));
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record, expected);
+}
+
+TEST(ManifestMbdbWrite, ReportsAttributesOfADatabaseThatNobodyUnderstands) {
+    auto raw = MakeEntry("D", "p");
+    raw.get()->attributesData = DataOf({'x'}).get();
+    EXPECT_EQ(KVManifestEntryCreateManifestDataRepresentation(raw.get()), nullptr);
+}
+
 TEST(ManifestMbdbWrite, PropertyCountKeepsEightBits) {
     auto entry = MakeEntry("", "");
     const auto properties = CF::Dictionary::Mutable();

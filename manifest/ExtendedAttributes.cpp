@@ -1,0 +1,18 @@
+#include "manifest/ExtendedAttributes.hpp"
+
+#include "support/cf/CF.hpp"
+
+namespace Kelvane {
+
+CF::Dictionary DecodeExtendedAttributes(CFDataRef data) {
+    const auto attributes =
+        CF::PropertyListType<CF::Dictionary>::FromPropertyListData(CF::Data(data));
+    bool textsAndData = true;
+    attributes.ForEach([&](CFTypeRef name, CFTypeRef value) {
+        textsAndData = textsAndData && CFGetTypeID(name) == CFStringGetTypeID() &&
+                       CFGetTypeID(value) == CFDataGetTypeID();
+    });
+    return textsAndData ? attributes : CF::Dictionary();
+}
+
+} // namespace Kelvane
