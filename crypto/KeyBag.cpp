@@ -63,8 +63,13 @@ void verifyPassword(const std::vector<KeyBag::LockedKey> &lockedKeys, const KeyB
 
 // Delegates first, so that the destructor runs, and wipes, when a step below throws.
 KeyBag::KeyBag(const CF::Data &blob, const std::string &password, DeviceBoundKeys deviceBoundKeys)
+    : KeyBag(blob, password, deviceBoundKeys, {}) {}
+
+KeyBag::KeyBag(const CF::Data &blob, const std::string &password, DeviceBoundKeys deviceBoundKeys,
+               const DerivationProgress &progress)
     : KeyBag() {
     deviceBoundKeys_ = deviceBoundKeys;
+    progress_ = progress;
     password_.assign(password.begin(), password.end());
     records_ = Kelvane::keybag::SplitRecords(blob.GetBytes());
     parseFromRaw();
@@ -84,7 +89,8 @@ void KeyBag::parseFromRaw() {
     }
     readHeader();
     const auto lockedKeys = readBlocks();
-    Key kek = ManifestEncryption::GenerateKEKFromPassword(password_, info_);
+    Key kek = ManifestEncryption::GenerateKEKFromPassword(password_, info_, progress_);
+    progress_ = nullptr;
     const ZK::WipeOnExit wipeKEK(kek);
     unlockClassKeys(lockedKeys, kek);
     ZK::Wipe(password_);

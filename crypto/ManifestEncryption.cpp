@@ -79,6 +79,11 @@ void logClass(CFStringRef format, const ManifestEncryption *object, unsigned int
 // Delegates first, so that the destructor runs, and wipes, when a step below throws.
 ManifestEncryption::ManifestEncryption(const CF::Dictionary &manifestPlist,
                                        const std::string &password, DeviceBoundKeys deviceBoundKeys)
+    : ManifestEncryption(manifestPlist, password, deviceBoundKeys, {}) {}
+
+ManifestEncryption::ManifestEncryption(const CF::Dictionary &manifestPlist,
+                                       const std::string &password, DeviceBoundKeys deviceBoundKeys,
+                                       const DerivationProgress &progress)
     : ManifestEncryption() {
     const CF::Data keyBag = requiredData(manifestPlist, CFSTR("BackupKeyBag"));
     const CF::Data manifestKey = requiredData(manifestPlist, CFSTR("ManifestKey"));
@@ -87,7 +92,7 @@ ManifestEncryption::ManifestEncryption(const CF::Dictionary &manifestPlist,
                       "bytes"),
                 static_cast<const void *>(this), static_cast<long>(keyBag.GetLength()),
                 static_cast<long>(manifestKey.GetLength()));
-    keyBag_.emplace(keyBag, password, deviceBoundKeys);
+    keyBag_.emplace(keyBag, password, deviceBoundKeys, progress);
     logStep(CFSTR("(MB::ManifestEncryption %p) KeyBag opened"), this);
     try {
         Key key = UnlockKey(manifestKey);

@@ -3,7 +3,7 @@
 
 #include "Kelvane/Error.hpp"
 #include "Kelvane/SharedState.hpp"
-#include "fastpbkdf2.h"
+#include "crypto/WatchedPBKDF2.hpp"
 #include "support/zk/Encryption.hpp"
 #include "support/zk/Log.hpp"
 #include "support/zk/Secret.hpp"
@@ -13,6 +13,10 @@
 
 namespace MB {
 namespace {
+
+// What the digests take to fill a key.
+constexpr std::uint32_t kBlocksOfSHA256 = 1;
+constexpr std::uint32_t kBlocksOfSHA1 = 2;
 
 class Stopwatch {
   public:
@@ -32,6 +36,44 @@ void requireBearable(const KeyBag::ManifestInfo &info) {
     }
 }
 
+void requireWhole(bool derived) {
+    if (!derived) {
+        throw Kelvane::Error(kKVErrorUnlockFailed, nullptr, "The derivation of keys was stopped");
+    }
+}
+
+// Turns the rounds of both passes into iterations. Empty progress is never called.
+class Watch {
+  public:
+    Watch(const KeyBag::ManifestInfo &info, const DerivationProgress &progress)
+        : progress_(progress), total_(std::uint64_t{info.dpic} + info.iterations) {
+        if (progress_) {
+            requireWhole(progress_(0, total_));
+        }
+    }
+
+    // For a pass that does its iterations for each of so many blocks.
+    Kelvane::RoundObserver Observer(std::uint32_t iterations, std::uint32_t blocks) {
+        if (!progress_) {
+            return {};
+        }
+        before_ += pass_;
+        pass_ = iterations;
+        rounds_ = 0;
+        return [this, blocks](std::uint32_t rounds) {
+            rounds_ += rounds;
+            return progress_(before_ + rounds_ / blocks, total_);
+        };
+    }
+
+  private:
+    const DerivationProgress &progress_;
+    std::uint64_t total_;
+    std::uint64_t before_ = 0; // iterations of passes that are done
+    std::uint64_t pass_ = 0;
+    std::uint64_t rounds_ = 0;
+};
+
 void logPass(CFStringRef format, const void *call, const Stopwatch &stopwatch) {
     ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelMilestone, format, call, stopwatch.seconds());
 }
@@ -41,22 +83,30 @@ void logPass(CFStringRef format, const void *call, const Stopwatch &stopwatch) {
 ManifestEncryption::Key
 ManifestEncryption::GenerateKEKFromPassword(const std::vector<std::uint8_t> &password,
                                             const KeyBag::ManifestInfo &info) {
+    return GenerateKEKFromPassword(password, info, {});
+}
+
+ManifestEncryption::Key
+ManifestEncryption::GenerateKEKFromPassword(const std::vector<std::uint8_t> &password,
+                                            const KeyBag::ManifestInfo &info,
+                                            const DerivationProgress &progress) {
     requireBearable(info);
+    Watch watch(info, progress);
     const void *call = &info; // tells the lines of calls on several threads apart
     ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelMilestone,
                 CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword starting"), call);
     Key first;
     const ZK::WipeOnExit wipeFirst(first);
     const Stopwatch firstPass;
-    fastpbkdf2_hmac_sha256(password.data(), password.size(), info.dpsl.data(), info.dpsl.size(),
-                           info.dpic, first.data(), first.size());
+    requireWhole(Kelvane::DeriveBySHA256({password, info.dpsl, info.dpic}, first,
+                                         watch.Observer(info.dpic, kBlocksOfSHA256)));
     logPass(CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword first pass took %.1f "
                   "seconds"),
             call, firstPass);
     Key kek;
     const Stopwatch secondPass;
-    fastpbkdf2_hmac_sha1(first.data(), first.size(), info.salt.data(), info.salt.size(),
-                         info.iterations, kek.data(), kek.size());
+    requireWhole(Kelvane::DeriveBySHA1({first, info.salt, info.iterations}, kek,
+                                       watch.Observer(info.iterations, kBlocksOfSHA1)));
     logPass(CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword second pass took %.1f "
                   "seconds"),
             call, secondPass);

@@ -10,6 +10,7 @@
 
 #include "fastpbkdf2.h"
 
+#include "crypto/WatchedPBKDF2.hpp"
 #include "support/zk/Secret.hpp"
 
 #include <openssl/sha.h>
@@ -159,8 +160,26 @@ class Derivation {
         return result_.data();
     }
 
+    // The same slice by slice; null when the observer ended it.
+    const std::uint8_t *deriveBlock(const Kelvane::PBKDF2Input &input, std::uint32_t index,
+                                    const Kelvane::RoundObserver &observer) {
+        firstRound(input.salt.data(), input.salt.size(), index);
+        std::uint32_t done = 1;
+        for (std::uint32_t told = 0; done < input.iterations; told = done) {
+            const std::uint32_t rounds = std::min(input.iterations - done, kRoundsOfSlice);
+            furtherRounds(rounds);
+            done += rounds;
+            if (!observer(done - told)) {
+                return nullptr;
+            }
+        }
+        return result_.data();
+    }
+
   private:
     using Context = typename Hash::Context;
+    // Some hundredths of a second, beside which an observer costs nothing.
+    static constexpr std::uint32_t kRoundsOfSlice = 1U << 17;
 
     // A key longer than a block is replaced by its hash; zeros fill the block up.
     static void prepareKey(const std::uint8_t *password, std::size_t length,
@@ -258,7 +277,39 @@ void derive(const std::uint8_t *password, std::size_t passwordLength, const std:
     }
 }
 
+template <class Hash>
+bool deriveWatched(const Kelvane::PBKDF2Input &input, std::span<std::uint8_t> output,
+                   const Kelvane::RoundObserver &observer) {
+    if (!observer) {
+        derive<Hash>(input.password.data(), input.password.size(), input.salt.data(),
+                     input.salt.size(), input.iterations, output.data(), output.size());
+        return true;
+    }
+    Derivation<Hash> derivation(input.password.data(), input.password.size());
+    std::uint32_t index = 0;
+    for (auto rest = output; !rest.empty();) {
+        const std::uint8_t *const block = derivation.deriveBlock(input, ++index, observer);
+        if (block == nullptr) {
+            return false;
+        }
+        const std::size_t length = std::min<std::size_t>(Hash::kDigestSize, rest.size());
+        std::copy_n(block, length, rest.begin());
+        rest = rest.subspan(length);
+    }
+    return true;
+}
+
 } // namespace
+
+bool Kelvane::DeriveBySHA1(const PBKDF2Input &input, std::span<std::uint8_t> output,
+                           const RoundObserver &observer) {
+    return deriveWatched<SHA1Hash>(input, output, observer);
+}
+
+bool Kelvane::DeriveBySHA256(const PBKDF2Input &input, std::span<std::uint8_t> output,
+                             const RoundObserver &observer) {
+    return deriveWatched<SHA256Hash>(input, output, observer);
+}
 
 void fastpbkdf2_hmac_sha1(const uint8_t *password, size_t passwordLength, const uint8_t *salt,
                           size_t saltLength, uint32_t iterations, uint8_t *output,

@@ -22,6 +22,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -41,6 +42,12 @@ enum class DeviceBoundKeys {
     // Content of such a class then fails alone, with code 17, "Missing key class N".
     KeepLocked,
 };
+
+// Called while a key is derived from a password, first with done 0, before anything is, and then
+// many times a second: the number of iterations done, and in total, by which a host may tell
+// beforehand how long it will take (a second or so for ten million). False stops the derivation:
+// code 22, "The derivation of keys was stopped". Empty: no calls.
+using DerivationProgress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
 
 // An opened keybag. All work is done by the constructor; afterwards the object does not
 // change and may be read from any thread. Copies are independent of each other. Keys are
@@ -138,6 +145,9 @@ class KV_VISIBLE KeyBag {
     // device and stay locked, the password is tried on one of them.
     KeyBag(const CF::Data &blob, const std::string &password,
            DeviceBoundKeys deviceBoundKeys = DeviceBoundKeys::Fail);
+    // The same, telling how far the derivation is.
+    KeyBag(const CF::Data &blob, const std::string &password, DeviceBoundKeys deviceBoundKeys,
+           const DerivationProgress &progress);
     KeyBag(const KeyBag &) = default;
     KeyBag &operator=(const KeyBag &) = default;
     ~KeyBag();
@@ -188,6 +198,7 @@ class KV_VISIBLE KeyBag {
     ManifestInfo info_;
     ClassKeys classKeys_;
     DeviceBoundKeys deviceBoundKeys_ = DeviceBoundKeys::Fail;
+    DerivationProgress progress_; // empty once parsed
 };
 
 } // namespace MB

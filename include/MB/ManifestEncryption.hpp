@@ -43,6 +43,9 @@ class KV_VISIBLE ManifestEncryption {
     //   code 22, "Failed to unlock manifest key", with the error of UnlockKey underneath.
     ManifestEncryption(const CF::Dictionary &manifestPlist, const std::string &password,
                        DeviceBoundKeys deviceBoundKeys = DeviceBoundKeys::Fail);
+    // The same, telling how far the derivation is.
+    ManifestEncryption(const CF::Dictionary &manifestPlist, const std::string &password,
+                       DeviceBoundKeys deviceBoundKeys, const DerivationProgress &progress);
     ManifestEncryption(const ManifestEncryption &) = default;
     ManifestEncryption &operator=(const ManifestEncryption &) = default;
     ~ManifestEncryption();
@@ -69,6 +72,11 @@ class KV_VISIBLE ManifestEncryption {
     // key when done with it.
     static Key GenerateKEKFromPassword(const std::vector<std::uint8_t> &password,
                                        const KeyBag::ManifestInfo &info);
+    // The same, telling how far it is; an iteration of the second pass makes two blocks of digest
+    // and counts once all the same.
+    static Key GenerateKEKFromPassword(const std::vector<std::uint8_t> &password,
+                                       const KeyBag::ManifestInfo &info,
+                                       const DerivationProgress &progress);
     // The first 16 bytes of SHA-1 over the password and the salt. Throws
     // std::runtime_error when the digest cannot be computed.
     static Key128 GenerateDataKeyFromPassword(const std::vector<std::uint8_t> &password,

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <thread>
@@ -216,6 +217,38 @@ TEST(ManifestEncryption, DerivesTheKeyEncryptionKeyAsTheOracleDoes) {
         const auto info = keybag_fixture::opened(oracle.blob()).GetManifestInfo();
         EXPECT_EQ(ManifestEncryption::GenerateKEKFromPassword(oracle::bytesOf(kPassword), info),
                   oracle.key("kek"));
+    }
+}
+
+using Told = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
+
+TEST(ManifestEncryption, TellsHowFarTheDerivationIs) {
+    const OracleKeyBag oracle({"--dpic", "300000", "--iter", "200000"});
+    Told told;
+    const ManifestEncryption encryption(oracle.manifestPlist(), kPassword, DeviceBoundKeys::Fail,
+                                        [&](std::uint64_t done, std::uint64_t total) {
+                                            told.emplace_back(done, total);
+                                            return true;
+                                        });
+    EXPECT_EQ(encryption.GetManifestKey(), oracle.key("manifest"));
+    ASSERT_GT(told.size(), 5U);
+    EXPECT_EQ(told.front(), Told::value_type(0, 500000));
+    EXPECT_EQ(told.back(), Told::value_type(500000, 500000));
+    EXPECT_TRUE(std::is_sorted(told.begin(), told.end()));
+    EXPECT_EQ(std::count(told.begin(), told.end(), Told::value_type(300000, 500000)), 1);
+}
+
+TEST(ManifestEncryption, StopsTheDerivationWhenAsked) {
+    MB::KeyBag::ManifestInfo info;
+    info.dpic = 999'999'998;
+    info.iterations = 2;
+    for (const std::uint64_t last : {std::uint64_t{0}, std::uint64_t{1}}) {
+        expectLoneError(errorOf([&] {
+                            ManifestEncryption::GenerateKEKFromPassword(
+                                Bytes{'p'}, info,
+                                [last](std::uint64_t done, std::uint64_t) { return done < last; });
+                        }),
+                        kKVErrorUnlockFailed, "The derivation of keys was stopped");
     }
 }
 
