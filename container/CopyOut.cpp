@@ -206,7 +206,7 @@ KVFileClass *KVBackupContainerCopyFileForPath(const KVBackupContainerClass *cont
 KVFileClass *KVBackupContainerCopyFileForEntry(const KVBackupContainerClass *container,
                                                const KVManifestEntryClass *entry,
                                                CFErrorRef *error) {
-    return Kelvane::AtBoundary(error, static_cast<KVFileClass *>(nullptr), [&] {
+    return Kelvane::AtClosedBoundary(error, static_cast<KVFileClass *>(nullptr), [&] {
         return Kelvane::copyFileForEntry(*container, entry, error).detach();
     });
 }

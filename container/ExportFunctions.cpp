@@ -1,5 +1,6 @@
 // The exported functions that write a backup out.
 #include "container/Export.hpp"
+#include "foundation/Boundary.hpp"
 
 #include <utility>
 
@@ -69,6 +70,23 @@ bool run(Export job, KVBackupExportReport *report, Steps steps) {
     return finished;
 }
 
+// For hosts in C: what ends an export by an exception ends up in the report.
+template <class Run>
+Boolean atClosedBoundary(KVBackupExportReport *report, Run run) noexcept {
+    LocalError error;
+    bool returned = false;
+    const bool finished = AtClosedBoundary(error.out(), false, [&] {
+        PrepareReports();
+        const bool result = run();
+        returned = true;
+        return result;
+    });
+    if (!returned) {
+        FillInFailure(report, error.get());
+    }
+    return finished;
+}
+
 bool exportToDirectory(Export job, CFStringRef path, KVBackupExportReport *report) {
     return run(std::move(job), report,
                [path](Export &started) { writeDirectory(started, CF::String(path)); });
@@ -104,8 +122,10 @@ Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
                                         CFStringRef directoryPath,
                                         KVBackupExportProgressCallBack progress, void *context,
                                         KVBackupExportReport *report) {
-    return KVBackupContainerExportToDirectoryWithReport(
-        container, directoryPath, Kelvane::asFunction(progress, context), report);
+    return Kelvane::atClosedBoundary(report, [&] {
+        return KVBackupContainerExportToDirectoryWithReport(
+            container, directoryPath, Kelvane::asFunction(progress, context), report);
+    });
 }
 
 bool KVBackupContainerExportToZip(KVBackupContainerClass *container, CFStringRef zipPath,
@@ -126,6 +146,8 @@ bool KVBackupContainerExportToZipWithReport(KVBackupContainerClass *container, C
 Boolean KVBackupContainerWriteZipFile(KVBackupContainerClass *container, CFStringRef zipPath,
                                       KVBackupExportProgressCallBack progress, void *context,
                                       KVBackupExportReport *report) {
-    return KVBackupContainerExportToZipWithReport(container, zipPath,
-                                                  Kelvane::asFunction(progress, context), report);
+    return Kelvane::atClosedBoundary(report, [&] {
+        return KVBackupContainerExportToZipWithReport(
+            container, zipPath, Kelvane::asFunction(progress, context), report);
+    });
 }

@@ -39,4 +39,9 @@ class ExportReport {
     std::set<std::string> missing_;
 };
 
+// Makes what FillInFailure needs when there is no memory left.
+void PrepareReports();
+// Fills a report, which may be null, with the error that ended an export.
+void FillInFailure(KVBackupExportReport *report, const CF::Error &error) noexcept;
+
 } // namespace Kelvane

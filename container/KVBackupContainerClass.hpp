@@ -103,9 +103,15 @@ ContainerRef AllocateContainer(CFAllocatorRef allocator);
 // hold a thousand times of that.
 inline constexpr std::uint64_t kMaxMetadataSize = 64ULL << 20;
 
+// Who is told how far the opening of a backup is; empty functions are not called.
+struct OpeningProgress {
+    KVProgressFunction manifest;
+    MB::DerivationProgress derivation;
+};
+
 // Reads and checks the metadata files and the manifest. Throws CF::Error.
 void LoadMetadata(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
-                  const KVProgressFunction &progress);
+                  const OpeningProgress &progress);
 
 // The manifest step of it for version 24, and for 30 to 33.
 void LoadBinaryManifest(KVBackupContainerClass &container);

@@ -93,7 +93,8 @@ bool readBoolean(const CF::Dictionary &dictionary, CFStringRef key) {
     return number ? number.GetInt64() != 0 : dictionary.Get<CF::Boolean>(key).GetValue();
 }
 
-void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound) {
+void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
+            const MB::DerivationProgress &progress) {
     const bool encrypted = readBoolean(container.manifestDict, CFSTR("IsEncrypted"));
     const bool havePassword = !container.password.empty();
     if (encrypted && !havePassword) {
@@ -104,7 +105,8 @@ void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound) 
     }
     if (encrypted) {
         container.encryption.reset();
-        container.encryption.emplace(container.manifestDict, container.password.get(), deviceBound);
+        container.encryption.emplace(container.manifestDict, container.password.get(), deviceBound,
+                                     progress);
     }
 }
 
@@ -181,12 +183,12 @@ std::vector<std::uint8_t> ReadWhole(const KVFileClass *file, std::uint64_t limit
 }
 
 void LoadMetadata(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
-                  const KVProgressFunction &progress) {
+                  const OpeningProgress &progress) {
     for (const MetadataFile &file : kMetadataFiles) {
         loadMetadataFile(container, file);
     }
-    unlock(container, deviceBound);
-    loadManifest(container, progress);
+    unlock(container, deviceBound, progress.derivation);
+    loadManifest(container, progress.manifest);
 }
 
 } // namespace Kelvane

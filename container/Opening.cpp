@@ -7,6 +7,7 @@
 #include "support/zk/File.hpp"
 
 #include <boost/filesystem/exception.hpp>
+#include <boost/filesystem/operations.hpp>
 
 namespace Kelvane {
 
@@ -32,24 +33,39 @@ struct OpenRequest {
     KVBackupOpenOptions options;
 };
 
-KVBackupContainerClass *open(const OpenRequest &request, const KVProgressFunction &progress,
-                             CFErrorRef *error) {
-    return AtBoundary(error, static_cast<KVBackupContainerClass *>(nullptr), [&] {
-        const MB::DeviceBoundKeys deviceBound = deviceBoundKeys(request.options);
-        const CF::String path(request.path);
-        if (!path) {
-            throw Error(kKVErrorInvalidArgument, nullptr, CFSTR("No path to a backup"));
-        }
-        auto source =
-            request.kind == SourceKind::Zip ? OpenZipSource(path) : OpenDirectorySource(path);
-        ContainerRef container = AllocateContainer(request.allocator);
-        KVBackupContainerClass &body = *container.get();
-        body.sourceKind = request.kind;
-        body.sourcePath = path;
-        body.loader->source = std::move(source);
-        body.password = SecretString(CF::String(request.password));
-        LoadMetadata(body, deviceBound, progress);
-        return container.detach();
+ContainerRef open(const OpenRequest &request, const OpeningProgress &progress) {
+    const MB::DeviceBoundKeys deviceBound = deviceBoundKeys(request.options);
+    const CF::String path(request.path);
+    if (!path) {
+        throw Error(kKVErrorInvalidArgument, nullptr, CFSTR("No path to a backup"));
+    }
+    auto source = request.kind == SourceKind::Zip ? OpenZipSource(path) : OpenDirectorySource(path);
+    ContainerRef container = AllocateContainer(request.allocator);
+    KVBackupContainerClass &body = *container.get();
+    body.sourceKind = request.kind;
+    body.sourcePath = path;
+    body.loader->source = std::move(source);
+    body.password = SecretString(CF::String(request.password));
+    LoadMetadata(body, deviceBound, progress);
+    return container;
+}
+
+MB::DerivationProgress bindDerivation(const KVBackupOpenCallBacks &callBacks) {
+    if (callBacks.derivation == nullptr) {
+        return {};
+    }
+    return [callBacks](std::uint64_t done, std::uint64_t total) {
+        return callBacks.derivation(done, total, callBacks.context) != 0;
+    };
+}
+
+constexpr KVBackupContainerClass *kNone = nullptr;
+
+// For hosts in C++, whose callables may throw what they like.
+KVBackupContainerClass *openAtBoundary(const OpenRequest &request,
+                                       const KVProgressFunction &progress, CFErrorRef *error) {
+    return AtBoundary(error, kNone, [&] {
+        return open(request, OpeningProgress{progress, {}}).detach();
     });
 }
 
@@ -60,6 +76,20 @@ KVProgressFunction bindProgress(KVBackupProgressCallBack callback, void *context
     return [callback, context](std::int64_t done, std::int64_t total, double fraction) {
         callback(done, total, fraction, context);
     };
+}
+
+// For hosts in C.
+KVBackupContainerClass *openWith(const KVBackupOpenCallBacks &callBacks,
+                                 const OpenRequest &request) {
+    return open(request, OpeningProgress{bindProgress(callBacks.progress, callBacks.context),
+                                         bindDerivation(callBacks)})
+        .detach();
+}
+
+SourceKind kindOf(CFStringRef path) {
+    boost::system::error_code error; // opening tells what is wrong with it
+    return boost::filesystem::is_directory(CF::String::GetUTF8(path), error) ? SourceKind::Directory
+                                                                             : SourceKind::Zip;
 }
 
 CF::String makeWorkingDirectory(const KVBackupContainerClass *container) {
@@ -74,6 +104,16 @@ CF::String makeWorkingDirectory(const KVBackupContainerClass *container) {
     return CF::String(directory.native());
 }
 
+KVBackupContainerClass *createEmpty(CFAllocatorRef allocator) {
+    ContainerRef container = AllocateContainer(allocator);
+    KVBackupContainerClass &body = *container.get();
+    body.sourcePath = makeWorkingDirectory(&body);
+    body.sourceKind = SourceKind::Directory;
+    body.loader->source = OpenDirectorySource(body.sourcePath);
+    body.manifest = CF::Adopt(KVManifestCreateEmpty(kCFAllocatorDefault));
+    return container.detach();
+}
+
 } // namespace
 
 } // namespace Kelvane
@@ -82,15 +122,13 @@ using Kelvane::OpenRequest;
 using Kelvane::SourceKind;
 
 KVBackupContainerClass *KVBackupContainerCreateEmpty(CFAllocatorRef allocator, CFErrorRef *error) {
-    return Kelvane::AtBoundary(error, static_cast<KVBackupContainerClass *>(nullptr), [&] {
-        Kelvane::ContainerRef container = Kelvane::AllocateContainer(allocator);
-        KVBackupContainerClass &body = *container.get();
-        body.sourcePath = Kelvane::makeWorkingDirectory(&body);
-        body.sourceKind = SourceKind::Directory;
-        body.loader->source = Kelvane::OpenDirectorySource(body.sourcePath);
-        body.manifest = CF::Adopt(KVManifestCreateEmpty(kCFAllocatorDefault));
-        return container.detach();
-    });
+    return Kelvane::AtBoundary(error, Kelvane::kNone,
+                               [&] { return Kelvane::createEmpty(allocator); });
+}
+
+KVBackupContainerClass *KVBackupContainerOpenEmpty(CFAllocatorRef allocator, CFErrorRef *error) {
+    return Kelvane::AtClosedBoundary(error, Kelvane::kNone,
+                                     [&] { return Kelvane::createEmpty(allocator); });
 }
 
 KVBackupContainerClass *KVBackupContainerOpenDirectory(CFAllocatorRef allocator,
@@ -98,8 +136,10 @@ KVBackupContainerClass *KVBackupContainerOpenDirectory(CFAllocatorRef allocator,
                                                        KVBackupOpenOptions options,
                                                        KVBackupProgressCallBack progress,
                                                        void *context, CFErrorRef *error) {
-    return KVBackupContainerCreateFromDirectory(allocator, directory, password, options,
-                                                Kelvane::bindProgress(progress, context), error);
+    return Kelvane::AtClosedBoundary(error, Kelvane::kNone, [&] {
+        return Kelvane::openWith({progress, nullptr, context},
+                                 {allocator, SourceKind::Directory, directory, password, options});
+    });
 }
 
 KVBackupContainerClass *KVBackupContainerOpenZipFile(CFAllocatorRef allocator, CFStringRef zipPath,
@@ -107,8 +147,20 @@ KVBackupContainerClass *KVBackupContainerOpenZipFile(CFAllocatorRef allocator, C
                                                      KVBackupOpenOptions options,
                                                      KVBackupProgressCallBack progress,
                                                      void *context, CFErrorRef *error) {
-    return KVBackupContainerCreateFromZipFile(allocator, zipPath, password, options,
-                                              Kelvane::bindProgress(progress, context), error);
+    return Kelvane::AtClosedBoundary(error, Kelvane::kNone, [&] {
+        return Kelvane::openWith({progress, nullptr, context},
+                                 {allocator, SourceKind::Zip, zipPath, password, options});
+    });
+}
+
+KVBackupContainerClass *KVBackupContainerOpen(CFAllocatorRef allocator, CFStringRef path,
+                                              CFStringRef password, KVBackupOpenOptions options,
+                                              const KVBackupOpenCallBacks *callBacks,
+                                              CFErrorRef *error) {
+    return Kelvane::AtClosedBoundary(error, Kelvane::kNone, [&] {
+        return Kelvane::openWith(callBacks != nullptr ? *callBacks : KVBackupOpenCallBacks{},
+                                 {allocator, Kelvane::kindOf(path), path, password, options});
+    });
 }
 
 KVBackupContainerClass *KVBackupContainerCreateFromDirectory(CFAllocatorRef allocator,
@@ -132,7 +184,7 @@ KVBackupContainerClass *
 KVBackupContainerCreateFromDirectory(CFAllocatorRef allocator, CFStringRef directory,
                                      CFStringRef password, KVBackupOpenOptions options,
                                      KVProgressFunction progress, CFErrorRef *error) {
-    return Kelvane::open(
+    return Kelvane::openAtBoundary(
         OpenRequest{allocator, SourceKind::Directory, directory, password, options}, progress,
         error);
 }
@@ -158,6 +210,6 @@ KVBackupContainerClass *
 KVBackupContainerCreateFromZipFile(CFAllocatorRef allocator, CFStringRef zipPath,
                                    CFStringRef password, KVBackupOpenOptions options,
                                    KVProgressFunction progress, CFErrorRef *error) {
-    return Kelvane::open(OpenRequest{allocator, SourceKind::Zip, zipPath, password, options},
-                         progress, error);
+    return Kelvane::openAtBoundary(
+        OpenRequest{allocator, SourceKind::Zip, zipPath, password, options}, progress, error);
 }

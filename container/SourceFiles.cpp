@@ -30,7 +30,7 @@ FileRef copySourceManifest(const KVBackupContainerClass &container) {
 Boolean KVBackupContainerListSourceFiles(const KVBackupContainerClass *container,
                                          KVBackupSourceFileCallBack callback, void *context,
                                          CFErrorRef *error) {
-    return Kelvane::AtBoundary(error, static_cast<Boolean>(false), [&] {
+    return Kelvane::AtClosedBoundary(error, static_cast<Boolean>(false), [&] {
         container->loader->Source().ListFiles([&](const Kelvane::SourceFile &file) {
             const KVBackupSourceFile found = {
                 file.name.get(),
@@ -44,6 +44,7 @@ Boolean KVBackupContainerListSourceFiles(const KVBackupContainerClass *container
 
 KVFileClass *KVBackupContainerCopySourceManifest(const KVBackupContainerClass *container,
                                                  CFErrorRef *error) {
-    return Kelvane::AtBoundary(error, static_cast<KVFileClass *>(nullptr),
-                               [&] { return Kelvane::copySourceManifest(*container).detach(); });
+    return Kelvane::AtClosedBoundary(error, static_cast<KVFileClass *>(nullptr), [&] {
+        return Kelvane::copySourceManifest(*container).detach();
+    });
 }

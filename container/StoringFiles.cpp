@@ -124,7 +124,7 @@ Boolean KVBackupContainerStoreFileForPath(KVBackupContainerClass *container, CFS
 Boolean KVBackupContainerReplaceFileForPath(KVBackupContainerClass *container, CFStringRef domain,
                                             CFStringRef relativePath, KVFileClass *file,
                                             CFErrorRef *error) {
-    return Kelvane::AtBoundary(error, Boolean{false}, [&] {
+    return Kelvane::AtClosedBoundary(error, Boolean{false}, [&] {
         Kelvane::store({*container, domain, relativePath, file, Kelvane::Manner::Replace,
                         "KVBackupContainerReplaceFileForPath"});
         return Boolean{true};

@@ -190,7 +190,7 @@ void KVFileGetData(const KVFileClass *file, unsigned long chunkSize,
 
 Boolean KVFileReadData(const KVFileClass *file, unsigned long chunkSize,
                        KVFileDataConsumer consumer, void *context, CFErrorRef *error) {
-    return Kelvane::AtBoundary<Boolean>(error, false, [&] {
+    return Kelvane::AtClosedBoundary<Boolean>(error, false, [&] {
         requireFile(file);
         if (consumer == nullptr) {
             throw Error(kKVErrorInvalidArgument);

@@ -26,6 +26,28 @@ Result AtBoundary(CFErrorRef *error, Result failure, Body &&body) {
     }
 }
 
+// Code 1, "There is not enough memory". Made by the first call, which therefore has to come before
+// there is none left to make it.
+const CF::Error &OutOfMemoryError();
+
+// The error that stands for the exception being handled: a CF::Error as it is; code 2 when the
+// temporary path is not set; OutOfMemoryError; code 1 with the text of any other exception.
+// Within a handler only.
+CF::Error CurrentError() noexcept;
+
+// AtBoundary for functions that promise a host in plain C an error for everything that goes
+// wrong: an exception that passed on would end it.
+template <class Result, class Body>
+Result AtClosedBoundary(CFErrorRef *error, Result failure, Body &&body) noexcept {
+    try {
+        OutOfMemoryError();
+        return body();
+    } catch (...) {
+        StoreError(CurrentError(), error);
+        return failure;
+    }
+}
+
 // An out-parameter to pass to a function whose error is to become an underlying one.
 class LocalError {
   public:

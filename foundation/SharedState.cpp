@@ -1,10 +1,10 @@
 #include "Kelvane/SharedState.hpp"
 
+#include "foundation/TemporaryPathNotSet.hpp"
 #include "support/zk/File.hpp"
 #include "support/zk/Log.hpp"
 
 #include <exception>
-#include <stdexcept>
 #include <type_traits>
 
 namespace {
@@ -26,7 +26,7 @@ SharedState &sharedState() {
 // With the mutex held.
 const SharedState &requirePath(const SharedState &state) {
     if (!state.path) {
-        throw std::runtime_error("Temporary storage path not set");
+        throw Kelvane::TemporaryPathNotSet();
     }
     return state;
 }

@@ -40,6 +40,11 @@ KV_EXPORT CFTypeID KVBackupContainerGetTypeID(void);
 KV_EXPORT KVBackupContainerClass *KVBackupContainerCreateEmpty(CFAllocatorRef allocator,
                                                                CFErrorRef *error);
 
+/* The same for hosts in C: fails with code 2 when the temporary path is not set, for which
+ * KVBackupContainerCreateEmpty throws std::runtime_error. */
+KV_EXPORT KVBackupContainerClass *KVBackupContainerOpenEmpty(CFAllocatorRef allocator,
+                                                             CFErrorRef *error);
+
 /* Called while a manifest database is read, once per entry, with the number done, the
  * number in total and their quotient. */
 typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fraction,
@@ -57,7 +62,8 @@ typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fra
  *   15  an encrypted backup of version 2.4, 3.0 or 3.1
  *   17, 18, 20  the keybag or a key is malformed or missing
  *   19  encrypted, and no password was given
- *   22  the keys could not be unlocked; for a wrong password code 21 hangs underneath
+ *   22  the keys could not be unlocked; for a wrong password code 21 hangs underneath; the
+ *       host stopped the derivation
  *   23  a password was given for a plain backup */
 KV_EXPORT KVBackupContainerClass *
 KVBackupContainerOpenDirectory(CFAllocatorRef allocator, CFStringRef directory,
@@ -72,6 +78,27 @@ KV_EXPORT KVBackupContainerClass *
 KVBackupContainerOpenZipFile(CFAllocatorRef allocator, CFStringRef zipPath, CFStringRef password,
                              KVBackupOpenOptions options, KVBackupProgressCallBack progress,
                              void *context, CFErrorRef *error);
+
+/* Called while the keys of an encrypted backup are derived from the password: first with
+ * done 0, before anything is, then many times a second. total counts iterations: devices write
+ * ten million, which take a second or so, and up to a thousand million are accepted, which take
+ * minutes. False stops the opening: code 22, "The derivation of keys was stopped". */
+typedef Boolean (*KVBackupDerivationCallBack)(uint64_t done, uint64_t total, void *context);
+
+/* What is called while a backup is opened; null callbacks are not. context is handed to each. */
+typedef struct KVBackupOpenCallBacks {
+    KVBackupProgressCallBack progress;
+    KVBackupDerivationCallBack derivation;
+    void *context;
+} KVBackupOpenCallBacks;
+
+/* Opens what is at the path, a directory as KVBackupContainerOpenDirectory does and anything
+ * else as KVBackupContainerOpenZipFile does. callBacks may be null. */
+KV_EXPORT KVBackupContainerClass *KVBackupContainerOpen(CFAllocatorRef allocator, CFStringRef path,
+                                                        CFStringRef password,
+                                                        KVBackupOpenOptions options,
+                                                        const KVBackupOpenCallBacks *callBacks,
+                                                        CFErrorRef *error);
 
 #ifdef __cplusplus
 /* The same with a callable for progress; an empty one means no reports. The forms without

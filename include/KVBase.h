@@ -10,7 +10,14 @@
  * it failed. On failure it stores an error that the caller releases, if the pointer
  * is not null; on success it leaves the pointer's target untouched. Errors have the
  * domain kKVErrorDomain and a code from KVError; the causes beneath them hang on
- * kCFErrorUnderlyingErrorKey.
+ * kCFErrorUnderlyingErrorKey. A host in C++ may see std::bad_alloc, and std::runtime_error
+ * from functions that need the temporary path before it was set; the functions listed below
+ * let nothing pass, so that a host in C is not ended: each failure of theirs is an error, code
+ * 2 without a temporary path ("Temporary storage path not set: call KelvaneSetTemporaryPath
+ * first"), code 1 with the text of what went wrong otherwise ("There is not enough memory").
+ *   KVBackupContainerOpen, OpenDirectory, OpenZipFile and OpenEmpty;
+ * KVBackupContainerWriteDirectory and WriteZipFile; KVBackupContainerListSourceFiles,
+ * CopySourceManifest, CopyFileForEntry and ReplaceFileForPath; KVFileReadData.
  *
  * Null. Unless a function says otherwise, object arguments must not be null.
  *

@@ -1,6 +1,7 @@
 /* A host in plain C that sees only the public headers: proves that they are C, and that a C
  * program can open a backup and read a file of it. Usage: c_interface_test BACKUP PASSWORD
- * DOMAIN PATH TEMP; writes the file's plaintext to standard output. */
+ * DOMAIN PATH TEMP; writes the file's plaintext to standard output. With BACKUP alone it sets no
+ * temporary path, and succeeds when that is an error and not its end. */
 #include <Kelvane.h>
 
 #include <stdio.h>
@@ -49,10 +50,46 @@ static int readFile(KVBackupContainerClass *backup, const char *domain, const ch
     return done ? 0 : fail(error, "reading");
 }
 
+/* True for the error of a host that has set no temporary path, which is released. */
+static int isMissingPath(CFErrorRef error) {
+    int missing;
+    CFStringRef reason;
+    if (error == NULL) {
+        return 0;
+    }
+    reason = CFErrorCopyFailureReason(error);
+    missing = CFErrorGetCode(error) == kKVErrorInvalidArgument && reason != NULL &&
+              CFStringHasPrefix(reason, CFSTR("Temporary storage path not set"));
+    if (reason != NULL) {
+        CFRelease(reason);
+    }
+    CFRelease(error);
+    return missing;
+}
+
+static int forgetTemporaryPath(const char *path) {
+    CFErrorRef error = NULL;
+    CFStringRef directory = makeString(path);
+    KVBackupContainerClass *backup = KVBackupContainerOpenDirectory(
+        NULL, directory, NULL, kKVBackupOpenDefault, NULL, NULL, &error);
+    CFRelease(directory);
+    if (backup != NULL || !isMissingPath(error)) {
+        return fail(NULL, "opening without a temporary path");
+    }
+    error = NULL;
+    if (KVBackupContainerOpenEmpty(NULL, &error) != NULL || !isMissingPath(error)) {
+        return fail(NULL, "an empty container without a temporary path");
+    }
+    return KVBackupContainerOpenEmpty(NULL, NULL) == NULL ? 0 : 1;
+}
+
 int main(int argc, char **argv) {
     CFErrorRef error = NULL;
     int reports = 0;
     int status;
+    if (argc == 2) {
+        return forgetTemporaryPath(argv[1]);
+    }
     if (argc != 6) {
         return 2;
     }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Has the C host read a file of the encrypted sample, and compares its digest with the
-# expectations that the sample's generator wrote.
+# expectations that the sample's generator wrote. Then has it forget the temporary path.
 set -euo pipefail
 host=$1 samples=$2
 temporary=$(mktemp -d)
@@ -19,4 +19,5 @@ CODE
   "$temporary/store" >"$temporary/content"
 actual=$(sha256sum "$temporary/content" | cut -d ' ' -f 1)
 [ "$actual" = "$sha256" ] || { echo "content of $domain/$path: $actual, expected $sha256" >&2; exit 1; }
-echo "$domain/$path reads right"
+"$host" "$samples/plain-3.2"
+echo "$domain/$path reads right, and without a temporary path there is an error"

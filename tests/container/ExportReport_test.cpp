@@ -3,6 +3,7 @@
 #include "tests/container/ExportFixture.hpp"
 
 #include <cmath>
+#include <stdexcept>
 
 namespace container_tests {
 namespace {
@@ -222,6 +223,21 @@ TEST_P(Telling, TheCFormDoesTheSame) {
     EXPECT_TRUE(report.metadataWritten);
     EXPECT_EQ(TakeChains(report.errors).size(), 1u);
     EXPECT_EQ(TakeChains(report.notes), Texts{});
+}
+
+void throwOnce(double, void *) { throw std::runtime_error("from the host"); }
+
+TEST_P(Telling, TheCFormLetsNoExceptionPass) {
+    auto *const function = zip() ? KVBackupContainerWriteZipFile : KVBackupContainerWriteDirectory;
+    KVBackupExportReport report{};
+    EXPECT_FALSE(
+        function(containerOf({10}, 10).get(), CF::String(target_), throwOnce, nullptr, &report));
+    EXPECT_EQ(TakeChains(report.errors), Texts{"1 from the host"});
+    EXPECT_EQ(TakeChains(report.notes), Texts{});
+    EXPECT_FALSE(report.metadataWritten);
+    EXPECT_EQ(report.filesWritten, 0);
+    EXPECT_FALSE(function(containerOf({10}, 10).get(), CF::String(target_ + "2"), throwOnce,
+                          nullptr, nullptr));
 }
 
 TEST_P(Telling, TheCFormNeedsNeitherCallbackNorReport) {

@@ -93,6 +93,7 @@ TEST_F(ZipExport, WithAReportIsFalseForAnUnusablePath) {
 }
 
 TEST_F(ZipExport, RefusesAPathThatANulCutsShort) {
+    AddForged(container_, "a", "content");
     const std::string cut = target_ + std::string("\0x", 2);
     EXPECT_FALSE(RunExport(KVBackupContainerExportToZipWithReport, container_.get(), cut).finished);
     EXPECT_FALSE(fs::exists(target_));

@@ -48,6 +48,65 @@ TEST_P(UnknownVersion, IsRefused) {
 INSTANTIATE_TEST_SUITE_P(Versions, UnknownVersion,
                          testing::Values("3.4", "3.3 ", " 3.3", "2.3", "24", "x"));
 
+// What the C form calls back.
+struct Calls {
+    std::vector<std::uint64_t> derivation;
+    std::uint64_t total = 0;
+    int entries = 0;
+    bool goOn = true;
+};
+
+Boolean noteDerivation(uint64_t done, uint64_t total, void *context) {
+    auto &calls = *static_cast<Calls *>(context);
+    calls.derivation.push_back(done);
+    calls.total = total;
+    return calls.goOn;
+}
+
+void noteEntry(int64_t, int64_t, double, void *context) {
+    ++static_cast<Calls *>(context)->entries;
+}
+
+Opened openWatched(const std::string &sample, Calls &calls) {
+    testing_support::LibraryTemporaryPath();
+    const KVBackupOpenCallBacks callBacks = {&noteEntry, &noteDerivation, &calls};
+    const CF::String password(sample == kEncrypted ? SamplePassword() : "");
+    CFErrorRef error = nullptr;
+    KVBackupContainerClass *container =
+        KVBackupContainerOpen(nullptr, CF::String(SamplePath(sample)), password,
+                              kKVBackupOpenKeepDeviceBoundKeysLocked, &callBacks, &error);
+    return {Container(CF::adopt, container), CF::Error::Adopt(error)};
+}
+
+TEST(OpeningByPath, TakesDirectoriesAndZips) {
+    for (const char *sample : {kPlain, kBinary, kZip}) {
+        Calls calls;
+        EXPECT_TRUE(openWatched(sample, calls).container) << sample;
+        EXPECT_TRUE(calls.derivation.empty());
+        EXPECT_EQ(calls.entries > 0, sample != kBinary) << sample;
+    }
+    const Container container(CF::adopt,
+                              KVBackupContainerOpen(nullptr, CF::String(SamplePath(kZip)), nullptr,
+                                                    kKVBackupOpenDefault, nullptr, nullptr));
+    EXPECT_TRUE(container);
+}
+
+TEST(OpeningByPath, TellsHowFarTheDerivationIs) {
+    Calls calls;
+    EXPECT_TRUE(openWatched(kEncrypted, calls).container);
+    ASSERT_FALSE(calls.derivation.empty());
+    EXPECT_EQ(calls.derivation.front(), 0u);
+    EXPECT_EQ(calls.derivation.back(), calls.total);
+}
+
+TEST(OpeningByPath, StopsWhenTheHostSaysSo) {
+    Calls calls;
+    calls.goOn = false;
+    EXPECT_TRUE(IsError(openWatched(kEncrypted, calls).error, kKVErrorUnlockFailed,
+                        "The derivation of keys was stopped"));
+    EXPECT_EQ(calls.derivation.size(), 1u);
+}
+
 TEST(Opening, NeedsAVersion) {
     const BackupCopy copy(kPlain);
     copy.EditPlist("Status.plist",

@@ -5,12 +5,14 @@ from __future__ import annotations
 import contextlib
 import json
 import os
+import plistlib
 import signal
+import subprocess
 from pathlib import Path
 
 from terminal import Terminal
 from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD, PASSWORD_PROBLEM, ToolTest, WITH_PASSWORD, backup, \
-    command, entries_of, main, password_file, run
+    command, entries_of, main, make, password_file, run
 
 REQUIRED = "kelvane: Backup is encrypted and no password specified (code 19)"
 NOT_ENCRYPTED = "kelvane: A password was specified but backup is not encrypted. (code 23)"
@@ -211,6 +213,43 @@ class OnATerminal(ToolTest):
         self.assertIn(b"TMPDIR=", seen)
         self.assertNotIn(PASSWORD.encode(), seen)
         self.assertEqual(terminal.finish(), DONE)
+
+
+class Slow(ToolTest):
+    """A key derivation that takes minutes."""
+
+    NOTICE = "kelvane: The password is being checked: 999,999,998 iterations, this takes minutes"
+
+    def source(self) -> Path:
+        path = make(self.folder / "slow", "--tree", "small", *ENCRYPTED)
+        plist = plistlib.loads((path / "Manifest.plist").read_bytes())
+        bag = plist["BackupKeyBag"]
+        for tag, count in ((b"DPIC", 999_999_000), (b"ITER", 998)):
+            place = bag.index(tag) + 8
+            bag = bag[:place] + count.to_bytes(4, "big") + bag[place + 4:]
+        plist["BackupKeyBag"] = bag
+        (path / "Manifest.plist").write_bytes(plistlib.dumps(plist))
+        return path
+
+    def test_is_told_of_and_ends_by_a_signal(self) -> None:
+        with subprocess.Popen(command("info", self.source(), *WITH_PASSWORD), stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True) as process:
+            assert process.stderr
+            self.assertEqual(process.stderr.readline().rstrip("\n"), self.NOTICE)
+            process.send_signal(signal.SIGINT)
+            self.assertEqual(process.communicate(), ("", ""))
+            self.assertEqual(process.returncode, -signal.SIGINT)
+        self.assert_no_leftovers()
+
+    def test_shows_its_progress_on_a_terminal(self) -> None:
+        with Terminal(command("info", self.source(), *WITH_PASSWORD)) as terminal:
+            terminal.wait_for(self.NOTICE.encode() + rb"\r\n\r\d+ %, [\d:]+( s)? left\x1b\[K")
+            terminal.type(b"\x03")
+            self.assertEqual(terminal.finish(), -signal.SIGINT)
+        self.assert_no_leftovers()
+
+    def test_of_an_ordinary_backup_is_silent(self) -> None:
+        self.assertEqual(run("info", encrypted(*SLOW), *WITH_PASSWORD).stderr, b"")
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 #include "OpenBackup.hpp"
 
+#include "DerivationNotice.hpp"
 #include "Diagnostics.hpp"
 #include "Password.hpp"
 #include "support/cf/Dictionary.hpp"
@@ -13,12 +14,11 @@ namespace {
 
 constexpr const char *kBinaryManifestVersion = "2.4";
 
-bool isDirectory(const std::string &path) {
+void requireReachable(const std::string &path) {
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {
         throw Failure("'" + path + "' cannot be opened", SystemError());
     }
-    return S_ISDIR(status.st_mode);
 }
 
 CF::String pathString(const std::string &path) {
@@ -30,14 +30,15 @@ CF::String pathString(const std::string &path) {
 }
 
 // Null with the error stored.
-Container open(const std::string &path, bool directory, const CF::String &password,
-               CF::Error &error) {
+Container open(const std::string &path, const CF::String &password, CF::Error &error) {
     constexpr KVBackupOpenOptions kOptions = kKVBackupOpenKeepDeviceBoundKeysLocked;
     const CF::String pathText = pathString(path);
     CFErrorRef raised = nullptr;
-    const auto create = directory ? &KVBackupContainerOpenDirectory : &KVBackupContainerOpenZipFile;
-    Container container(CF::adopt, create(kCFAllocatorDefault, pathText.get(), password.get(),
-                                          kOptions, nullptr, nullptr, &raised));
+    DerivationNotice notice;
+    const KVBackupOpenCallBacks callBacks = {nullptr, &DerivationNotice::Report, &notice};
+    Container container(CF::adopt,
+                        KVBackupContainerOpen(kCFAllocatorDefault, pathText.get(), password.get(),
+                                              kOptions, &callBacks, &raised));
     if (!container) {
         error = CF::Error::Adopt(raised);
     }
@@ -47,7 +48,7 @@ Container open(const std::string &path, bool directory, const CF::String &passwo
 } // namespace
 
 Container OpenBackup(const BackupOptions &options) {
-    const bool directory = isDirectory(options.backup);
+    requireReachable(options.backup);
     CF::String password;
     Secret text;
     if (!options.passwordFile.empty()) {
@@ -55,11 +56,11 @@ Container OpenBackup(const BackupOptions &options) {
         password = ToString(text);
     }
     CF::Error error;
-    Container container = open(options.backup, directory, password, error);
+    Container container = open(options.backup, password, error);
     if (!container && options.passwordFile.empty() && IsPasswordRequired(error)) {
         AskPassword(text, error);
         password = ToString(text);
-        container = open(options.backup, directory, password, error);
+        container = open(options.backup, password, error);
     }
     if (!container) {
         const int status = IsPasswordError(error) ? kPassword : kFailed;
