@@ -87,6 +87,12 @@ void loadMetadataFile(KVBackupContainerClass &container, const MetadataFile &fil
     }
 }
 
+// What a dictionary lacks it may lack because its file could not be read; null otherwise.
+CF::Error whyEmpty(const KVBackupContainerClass &container, const char *fileName) {
+    const auto found = container.sourceMetadata.find(fileName);
+    return found == container.sourceMetadata.end() ? CF::Error() : found->second.unreadable;
+}
+
 // Devices write a boolean; a number counts as one too.
 bool readBoolean(const CF::Dictionary &dictionary, CFStringRef key) {
     const auto number = dictionary.Get<CF::Number>(key);
@@ -101,7 +107,7 @@ void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
         throw Error(kKVErrorPasswordRequired);
     }
     if (!encrypted && havePassword) {
-        throw Error(kKVErrorNotEncrypted);
+        throw Error(kKVErrorNotEncrypted, whyEmpty(container, kManifestPlistName));
     }
     if (encrypted) {
         container.encryption.reset();
@@ -113,7 +119,8 @@ void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
 CF::String readVersionText(const KVBackupContainerClass &container) {
     const auto text = container.statusDict.Get<CF::String>(CFSTR("Version"));
     if (text.IsEmpty()) {
-        throw Error(kKVErrorInvalidBackup, nullptr, CFSTR("The manifest version is missing"));
+        throw Error(kKVErrorInvalidBackup, whyEmpty(container, kStatusPlistName),
+                    CFSTR("The manifest version is missing"));
     }
     return text;
 }

@@ -56,7 +56,8 @@ typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fra
  *   2   an unknown bit in options; the temporary path is not set
  *   8   the binary manifest cannot be read: "An error ocurred while loading manifest file"
  *   10  a metadata file is missing, cannot be loaded or has more than 64 MiB, or the
- *       Status "Version" is missing
+ *       Status "Version" is missing (code 20 hangs underneath when Status.plist cannot be
+ *       read, and underneath code 23 for Manifest.plist)
  *   11  the manifest database cannot be read or holds invalid entries
  *   12  the Status "Version" is not one of 2.4, 3.0, 3.1, 3.2, 3.3
  *   15  an encrypted backup of version 2.4, 3.0 or 3.1

@@ -127,6 +127,25 @@ TEST(Opening, TakesAVersionThatIsNoStringForMissing) {
                         "The manifest version is missing"));
 }
 
+TEST(Opening, TellsWhyTheVersionIsMissing) {
+    const BackupCopy copy(kPlain);
+    copy.Write("Status.plist", "");
+    const Opened backup = OpenPath(copy.root());
+    EXPECT_TRUE(IsError(backup.error, kKVErrorInvalidBackup, "The manifest version is missing"));
+    EXPECT_TRUE(IsError(backup.error.GetUnderlying(), kKVErrorInvalidMetadata,
+                        "The file is empty (Status.plist)"));
+}
+
+TEST(OpeningEncrypted, TellsWhyItIsTakenForPlain) {
+    const BackupCopy copy(kEncrypted);
+    copy.Write("Manifest.plist", "");
+    const OpenArguments arguments{SamplePassword(), kKVBackupOpenDefault, {}};
+    const Opened backup = OpenPath(copy.root(), arguments);
+    EXPECT_TRUE(IsError(backup.error, kKVErrorNotEncrypted, ""));
+    EXPECT_TRUE(IsError(backup.error.GetUnderlying(), kKVErrorInvalidMetadata,
+                        "The file is empty (Manifest.plist)"));
+}
+
 class RequiredFile : public testing::TestWithParam<const char *> {};
 
 TEST_P(RequiredFile, IsMissedWithItsName) {
