@@ -9,34 +9,8 @@ const CFStringRef kKVErrorDomain = CFSTR("Kelvane.ErrorDomain");
 
 namespace {
 
-// Texts by code; code 1 has none of its own and shares the fallback.
-constexpr std::array<const char *, 25> kTexts = {
-    "",
-    "Unknown Error",
-    "Invalid argument (This is a bug, please report to developer)",
-    "Error in filesystem",
-    "Error reading and writing data",
-    "No item exists in backup at this path",
-    "Requested file not in cache",
-    "Error accessing cached file data",
-    "Error loading external representation of backup data",
-    "Error in archive file manipulation",
-    "Invalid backup",
-    "Backup manifest database is invalid",
-    "Backup metadata references an unknown manifest version (please report to developer)",
-    "Database operation failed",
-    "Error writing backup data to external representation",
-    "Encrypted backups are not supported",
-    "File not found",
-    "Backup KeyBag is invalid",
-    "Cryto operation failed",
-    "Backup is encrypted and no password specified",
-    "Backup metadata is missing or invalid",
-    "Backup is encrypted and the specified password appears to be incorrect",
-    "An error occurred preventing the encrypted backup from being unlocked",
-    "A password was specified but backup is not encrypted.",
-    "The backup archive did not contain a valid MBFile",
-};
+// One more than the last code.
+constexpr std::size_t kCodeCount = kKVErrorInvalidMBFile + 1;
 
 // Errors whose text an end user can act upon.
 bool isFriendly(KVError code) {
@@ -44,22 +18,46 @@ bool isFriendly(KVError code) {
            code == kKVErrorPasswordRequired || code == kKVErrorIncorrectPassword;
 }
 
-std::array<CFStringRef, kTexts.size()> makeStrings() {
-    std::array<CFStringRef, kTexts.size()> strings{};
-    for (std::size_t i = 0; i < kTexts.size(); ++i) {
-        strings[i] =
-            CFStringCreateWithCString(kCFAllocatorDefault, kTexts[i], kCFStringEncodingUTF8);
-    }
-    return strings;
+// By code; code 1 has no text of its own and shares the fallback. Constants, which no
+// release frees: callers borrow them, and one that releases a text too often must not take it
+// from under the errors to come.
+const std::array<CFStringRef, kCodeCount> &texts() {
+    static const std::array<CFStringRef, kCodeCount> kTexts = {
+        CFSTR(""),
+        CFSTR("Unknown Error"),
+        CFSTR("Invalid argument (This is a bug, please report to developer)"),
+        CFSTR("Error in filesystem"),
+        CFSTR("Error reading and writing data"),
+        CFSTR("No item exists in backup at this path"),
+        CFSTR("Requested file not in cache"),
+        CFSTR("Error accessing cached file data"),
+        CFSTR("Error loading external representation of backup data"),
+        CFSTR("Error in archive file manipulation"),
+        CFSTR("Invalid backup"),
+        CFSTR("Backup manifest database is invalid"),
+        CFSTR(
+            "Backup metadata references an unknown manifest version (please report to developer)"),
+        CFSTR("Database operation failed"),
+        CFSTR("Error writing backup data to external representation"),
+        CFSTR("Encrypted backups are not supported"),
+        CFSTR("File not found"),
+        CFSTR("Backup KeyBag is invalid"),
+        CFSTR("Cryto operation failed"),
+        CFSTR("Backup is encrypted and no password specified"),
+        CFSTR("Backup metadata is missing or invalid"),
+        CFSTR("Backup is encrypted and the specified password appears to be incorrect"),
+        CFSTR("An error occurred preventing the encrypted backup from being unlocked"),
+        CFSTR("A password was specified but backup is not encrypted."),
+        CFSTR("The backup archive did not contain a valid MBFile"),
+    };
+    return kTexts;
 }
 
 } // namespace
 
 CFStringRef KVErrorGetString(KVError code) {
-    // Never released: callers borrow these for the life of the process.
-    static const std::array<CFStringRef, kTexts.size()> strings = makeStrings();
     const auto index = static_cast<std::size_t>(code);
-    return index < strings.size() ? strings[index] : strings[kKVErrorUnknown];
+    return texts()[index < kCodeCount ? index : std::size_t{kKVErrorUnknown}];
 }
 
 namespace Kelvane {

@@ -56,8 +56,8 @@ typedef enum KVError
 /* The domain of every error of the library: "Kelvane.ErrorDomain". */
 KV_EXPORT const CFStringRef kKVErrorDomain;
 
-/* The text of a code: a constant string, borrowed. "Unknown Error" for code 1 and
- * for every code above 24, the empty string for 0. Any thread. */
+/* The text of a code: a constant string, borrowed, which no release frees. "Unknown Error" for code
+ * 1 and for every code above 24, the empty string for 0. Any thread. */
 KV_EXPORT CFStringRef KVErrorGetString(KVError code);
 
 #endif

@@ -82,6 +82,14 @@ TEST(ErrorGetString, GivesTheSameObjectEachTime) {
     EXPECT_EQ(KVErrorGetString(kKVErrorIO), KVErrorGetString(kKVErrorIO));
 }
 
+TEST(ErrorGetString, OutlivesSurplusReleases) {
+    for (int release = 0; release < 3; ++release) {
+        CFRelease(KVErrorGetString(kKVErrorArchive));
+    }
+    const CF::Error error = Error(kKVErrorArchive);
+    EXPECT_EQ(description(error).GetUTF8(), "Error in archive file manipulation");
+}
+
 TEST(Error, CarriesTheReason) {
     EXPECT_EQ(ReasonOf(Error(kKVErrorIO, nullptr, CFSTR("because"))), "because");
 }
