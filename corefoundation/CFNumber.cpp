@@ -10,6 +10,7 @@
 #include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 // The header's flags hold the canonical type, or kWideType, which makes it a WideNumber.
@@ -23,8 +24,8 @@ using namespace CFInternal;
 
 namespace {
 
-// Behind the public types; an integer beyond 64 signed bits.
-constexpr std::uint8_t kWideType = 17;
+// An integer beyond 64 signed bits.
+constexpr std::uint8_t kWideType = kCFNumberSInt128Type;
 
 struct WideNumber : __CFNumber {
     SInt64 high;
@@ -138,6 +139,24 @@ std::string realText(Real value) {
     return {text.data(), end.ptr};
 }
 
+// As writeNumber, for the type that is not public.
+bool writeWide(const NumberValue &value, void *destination) {
+    constexpr double kLimit = 0x1p127;
+    Int128 integer = value.integer;
+    bool exact = !value.isFloat;
+    if (value.isFloat) {
+        const double whole = std::isnan(value.real) ? 0 : std::trunc(value.real);
+        constexpr Int128 kLowest = Int128{std::numeric_limits<SInt64>::min()} * (Int128{1} << 64);
+        integer = whole < -kLimit   ? kLowest
+                  : whole >= kLimit ? -(kLowest + 1)
+                                    : static_cast<Int128>(whole);
+        exact = static_cast<double>(integer) == value.real;
+    }
+    const CFSInt128 words = {static_cast<SInt64>(integer >> 64), static_cast<UInt64>(integer)};
+    std::memcpy(destination, &words, sizeof words);
+    return exact;
+}
+
 Boolean equalNumbers(CFTypeRef cf1, CFTypeRef cf2) {
     return compareNumbers(valueOf(static_cast<CFNumberRef>(cf1)),
                           valueOf(static_cast<CFNumberRef>(cf2))) == kCFCompareEqualTo;
@@ -172,6 +191,11 @@ CFTypeID CFNumberGetTypeID(void) { return kNumberTypeID; }
 
 CFNumberRef CFNumberCreate(CFAllocatorRef allocator, CFNumberType theType, const void *valuePtr) {
     require(valuePtr != nullptr, __func__, "null value");
+    if (theType == kCFNumberSInt128Type) {
+        CFSInt128 words;
+        std::memcpy(&words, valuePtr, sizeof words);
+        return _CFNumberCreateWithInt128(allocator, words.high, words.low);
+    }
     const CFNumberType type = canonicalNumberType(theType);
     const NumberValue value = readNumber(type, valuePtr);
     if (value.isFloat) {
@@ -218,6 +242,9 @@ Boolean CFNumberIsFloatType(CFNumberRef number) {
 Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void *valuePtr) {
     checked(number, __func__);
     require(valuePtr != nullptr, __func__, "null buffer");
+    if (theType == kCFNumberSInt128Type) {
+        return writeWide(valueOf(number), valuePtr);
+    }
     return writeNumber(valueOf(number), canonicalNumberType(theType), valuePtr);
 }
 

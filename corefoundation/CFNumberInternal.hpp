@@ -3,6 +3,15 @@
 
 #include <CoreFoundation/CFNumber.h>
 
+// The platform has this type and leaves it out of its public headers. CFNumberCreate and
+// CFNumberGetValue take it like the public ones.
+enum : CFNumberType { kCFNumberSInt128Type = 17 };
+// Its values: high * 2^64 + low.
+struct CFSInt128 {
+    SInt64 high;
+    UInt64 low;
+};
+
 // A number with the value high * 2^64 + low; the caller releases it. A value that fits
 // 64 signed bits becomes an ordinary kCFNumberSInt64Type. A wider one reports that
 // type too, but compares, hashes and is written by its whole value; CFNumberGetValue

@@ -1,7 +1,7 @@
 #include "corefoundation/NumberValue.hpp"
 
 #include "corefoundation/CFInternal.hpp"
-#include "corefoundation/MixHash.hpp"
+#include "corefoundation/ContentHash.hpp"
 
 #include <cmath>
 #include <cstdint>
@@ -210,14 +210,10 @@ CFComparisonResult compareNumbers(const NumberValue &a, const NumberValue &b) {
 
 CFHashCode hashNumber(const NumberValue &value) {
     if (value.isFloat && !isIntegral(value.real)) {
-        return std::isnan(value.real) ? 0 : mixHash(load<std::uint64_t>(&value.real));
+        return std::isnan(value.real) ? 0 : hashBytes(&value.real, sizeof value.real);
     }
     const Int128 integer = value.isFloat ? static_cast<Int128>(value.real) : value.integer;
-    const auto low = static_cast<std::uint64_t>(integer);
-    const auto high = static_cast<std::uint64_t>(integer >> 64);
-    // Integers of 64 bits, the usual ones, take one round.
-    const bool narrow = integer == static_cast<std::int64_t>(low);
-    return narrow ? mixHash(low) : mixHash(mixHash(low) ^ high);
+    return hashBytes(&integer, sizeof integer);
 }
 
 } // namespace CFInternal

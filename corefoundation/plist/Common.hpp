@@ -23,8 +23,10 @@ inline constexpr unsigned kMaxDepth = 512;
 // that knows nothing of sharing (comparing, describing, writing XML) takes that many
 // steps. The largest lists in use have some hundred thousand.
 inline constexpr std::uint32_t kMaxValues = std::uint32_t{1} << 22;
-// Bytes of an XML document, read or written: the parser takes an int.
-inline constexpr std::size_t kMaxXMLSize = 0x7FFFFFFF;
+// Bytes of an XML document, read or written. The largest in use have some megabytes. Written
+// ones need the bound more: a binary list of a megabyte may name its objects so often that
+// gigabytes of XML would come of it, and nobody could read them again.
+inline constexpr std::size_t kMaxXMLSize = std::size_t{128} << 20;
 
 // The one exception inside; the exported functions turn it into a CFError.
 struct Failure {

@@ -10,6 +10,10 @@ namespace CFInternal::PropertyList {
 
 namespace {
 
+// What texts and data may take that are to be copied each time that they are shared. Like XML,
+// such a copy of a small list may be a thousand times as large.
+constexpr std::uint64_t kMaxMutableBytes = std::uint64_t{256} << 20;
+
 std::string TypeName(CFTypeRef object) {
     const Owned<CFStringRef> name(CFCopyTypeIDDescription(typeIDOf(object)));
     char text[128] = "object of an unknown type";
@@ -26,6 +30,7 @@ class GraphCheck {
     struct Extent {
         std::uint32_t values = 0; // 0 while the container is being walked
         std::uint32_t height = 0; // of containers, itself included
+        std::uint64_t bytes = 0;  // of texts and data, shared ones counted each time
     };
 
     // depth: how many containers are around the object.
@@ -35,12 +40,17 @@ class GraphCheck {
         }
         switch (typeIDOf(object)) {
         case kStringTypeID:
+            return {1, 0,
+                    sizeof(UniChar) * static_cast<std::uint64_t>(
+                                          CFStringGetLength(static_cast<CFStringRef>(object)))};
         case kDataTypeID:
+            return {1, 0,
+                    static_cast<std::uint64_t>(CFDataGetLength(static_cast<CFDataRef>(object)))};
         case kBooleanTypeID:
         case kNumberTypeID:
         case kDateTypeID:
         case kKeyedArchiverUIDTypeID:
-            return {1, 0};
+            return {1, 0, 0};
         case kArrayTypeID:
         case kDictionaryTypeID:
             return VisitContainer(object, depth);
@@ -68,7 +78,7 @@ class GraphCheck {
     }
 
     Extent VisitArray(CFArrayRef array, unsigned depth) {
-        Extent total{1, 1};
+        Extent total{1, 1, 0};
         const CFIndex count = CFArrayGetCount(array);
         for (CFIndex i = 0; i < count; ++i) {
             Add(total, Visit(CFArrayGetValueAtIndex(array, i), depth + 1));
@@ -77,7 +87,7 @@ class GraphCheck {
     }
 
     Extent VisitDictionary(CFDictionaryRef dictionary, unsigned depth) {
-        Extent total{1, 1};
+        Extent total{1, 1, 0};
         const auto count = static_cast<std::size_t>(CFDictionaryGetCount(dictionary));
         std::vector<const void *> keys(count);
         std::vector<const void *> values(count);
@@ -86,7 +96,7 @@ class GraphCheck {
             if (keys[i] == nullptr || typeIDOf(keys[i]) != kStringTypeID) {
                 ThrowUnwritable("A dictionary key is no string");
             }
-            Add(total, {1, 0});
+            Add(total, {1, 0, 0});
             Add(total, Visit(values[i], depth + 1));
         }
         return total;
@@ -95,6 +105,8 @@ class GraphCheck {
     static void Add(Extent &total, const Extent &member) {
         total.values += member.values; // Both are at most kMaxValues.
         total.height = std::max(total.height, member.height + 1);
+        // Lengths are below 2^61; beyond a bound that nothing gets near, the sum stays.
+        total.bytes = std::min(total.bytes + member.bytes, std::uint64_t{1} << 62);
         if (total.values > kMaxValues) {
             ThrowUnwritable("The property list has more than " + std::to_string(kMaxValues) +
                             " values");
@@ -115,7 +127,21 @@ class GraphCopy {
     GraphCopy(CFAllocatorRef allocator, Mutability mutability)
         : allocator_(allocator), mutability_(mutability) {}
 
+    // What nobody can change is copied once, however often it is shared: apart from their
+    // addresses nothing tells the copies apart.
     Owned<> Copy(CFTypeRef object) {
+        if (mutability_.containers) {
+            return CopyAnew(object);
+        }
+        Owned<> &copy = copies_[object];
+        if (!copy) {
+            copy = CopyAnew(object);
+        }
+        return Owned<>(CFRetain(copy.get()));
+    }
+
+  private:
+    Owned<> CopyAnew(CFTypeRef object) {
         switch (typeIDOf(object)) {
         case kArrayTypeID:
             return CopyArray(static_cast<CFArrayRef>(object));
@@ -130,7 +156,6 @@ class GraphCopy {
         }
     }
 
-  private:
     Owned<> CopyString(CFStringRef string) const {
         return MakeString(allocator_, Own(CFStringCreateCopy(allocator_, string)),
                           mutability_.leaves);
@@ -177,6 +202,8 @@ class GraphCopy {
 
     CFAllocatorRef allocator_;
     Mutability mutability_;
+    // By the originals; no copy moves while it is being made.
+    std::unordered_map<CFTypeRef, Owned<>> copies_;
 };
 
 } // namespace
@@ -199,6 +226,10 @@ std::vector<std::pair<CFStringRef, CFTypeRef>> SortedPairs(CFDictionaryRef dicti
 }
 
 Owned<> CopyGraph(CFAllocatorRef allocator, CFTypeRef object, Mutability mutability) {
+    if (mutability.leaves && GraphCheck().Visit(object, 0).bytes > kMaxMutableBytes) {
+        ThrowUnwritable("The texts and data would take more than " +
+                        std::to_string(kMaxMutableBytes) + " bytes");
+    }
     return GraphCopy(allocator, mutability).Copy(object);
 }
 

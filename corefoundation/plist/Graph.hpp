@@ -16,7 +16,8 @@ void CheckGraph(CFTypeRef root);
 // keys, so that equal dictionaries are written alike. Borrowed.
 std::vector<std::pair<CFStringRef, CFTypeRef>> SortedPairs(CFDictionaryRef dictionary);
 
-// A deep copy of a graph that CheckGraph has passed.
+// A deep copy of a graph that CheckGraph has passed. Throws a write Failure for mutable copies of
+// leaves that are shared so often that they would take too much memory.
 Owned<> CopyGraph(CFAllocatorRef allocator, CFTypeRef object, Mutability mutability);
 
 } // namespace CFInternal::PropertyList

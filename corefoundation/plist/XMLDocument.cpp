@@ -1,6 +1,7 @@
 #include "corefoundation/plist/XMLDocument.hpp"
 
 #include "corefoundation/CFNumberInternal.hpp"
+#include "corefoundation/TextEncoding.hpp"
 #include "corefoundation/plist/XMLValues.hpp"
 
 #include <CoreFoundation/CFDate.h>
@@ -9,6 +10,7 @@
 #include <CoreFoundation/CFString.h>
 #include <algorithm>
 #include <iterator>
+#include <optional>
 
 namespace CFInternal::PropertyList {
 
@@ -23,6 +25,38 @@ constexpr std::size_t kMaxQuotedName = 40;
 
 [[noreturn]] void ThrowMalformed(const char *what) {
     ThrowCorrupt(std::string("<") + what + "> has a malformed value");
+}
+
+[[noreturn]] void ThrowTooDeep() {
+    ThrowCorrupt("Containers nest more than " + std::to_string(kMaxDepth) + " deep");
+}
+
+// The half of a surrogate pair in the three bytes that UTF-8 would give it, which some writers
+// produce and XMLText does.
+std::optional<UniChar> SurrogateAt(CFInternal::Bytes bytes) {
+    if (bytes.size() < 3 || bytes[0] != 0xED || (bytes[1] & 0xE0) != 0xA0 ||
+        (bytes[2] & 0xC0) != 0x80) {
+        return std::nullopt;
+    }
+    return static_cast<UniChar>(0xD000 | (bytes[1] & 0x3F) << 6 | (bytes[2] & 0x3F));
+}
+
+std::vector<UniChar> DecodeLeniently(std::string_view text) {
+    std::vector<UniChar> units;
+    units.reserve(text.size());
+    const auto emit = [&](UniChar unit) { units.push_back(unit); };
+    CFInternal::Bytes bytes(reinterpret_cast<const std::uint8_t *>(text.data()), text.size());
+    while (!bytes.empty()) {
+        if (const auto surrogate = SurrogateAt(bytes)) {
+            emit(*surrogate);
+            bytes = bytes.subspan(3);
+            continue;
+        }
+        const DecodedScalar next = decodeUTF8(bytes);
+        emitScalar(next.wellFormed ? next.scalar : kReplacementCharacter, emit);
+        bytes = bytes.subspan(next.length);
+    }
+    return units;
 }
 
 std::string Bracketed(std::string_view name) { return "<" + std::string(name) + ">"; }
@@ -46,17 +80,21 @@ bool XMLDocument::HoldsText(Tag tag) {
 void XMLDocument::Start(std::string_view name) {
     const Tag tag = TagNamed(name);
     RequireAllowed(tag);
-    // <plist> is around the containers and none itself.
-    const bool inPlist = !frames_.empty() && frames_.front().tag == Tag::Plist;
-    if ((tag == Tag::Dict || tag == Tag::Array) &&
-        frames_.size() - (inPlist ? 1 : 0) >= kMaxDepth) {
-        ThrowCorrupt("Containers nest more than " + std::to_string(kMaxDepth) + " deep");
+    // A dictionary below all others may turn out to be a UID, which is no container.
+    if ((tag == Tag::Array && Depth() >= kMaxDepth) || (tag == Tag::Dict && Depth() > kMaxDepth)) {
+        ThrowTooDeep();
     }
     if (tag != Tag::Plist && ++values_ > kMaxValues) {
         ThrowCorrupt("The document has more than " + std::to_string(kMaxValues) + " values");
     }
     frames_.push_back({tag, members_.size()});
     text_.clear();
+}
+
+// Of the containers that are open. <plist> is around them and none itself.
+std::size_t XMLDocument::Depth() const {
+    const bool inPlist = !frames_.empty() && frames_.front().tag == Tag::Plist;
+    return frames_.size() - (inPlist ? 1 : 0);
 }
 
 void XMLDocument::RequireAllowed(Tag tag) const {
@@ -131,10 +169,16 @@ Owned<> XMLDocument::Make(const Frame &frame) {
     }
 }
 
+// One bad byte must not cost the whole document: it becomes U+FFFD.
 Owned<> XMLDocument::MakeText(bool isMutable) const {
-    auto string = Own(
+    Owned<CFStringRef> string(
         CFStringCreateWithBytes(allocator_, reinterpret_cast<const UInt8 *>(text_.data()),
                                 static_cast<CFIndex>(text_.size()), kCFStringEncodingUTF8, false));
+    if (!string) {
+        const std::vector<UniChar> units = DecodeLeniently(text_);
+        string = Own(CFStringCreateWithCharacters(allocator_, units.data(),
+                                                  static_cast<CFIndex>(units.size())));
+    }
     return MakeString(allocator_, std::move(string), isMutable);
 }
 
@@ -171,6 +215,9 @@ Owned<> XMLDocument::MakeDateOrData(Tag tag) const {
 Owned<> XMLDocument::MakeContainer(const Frame &frame) {
     if (frame.tag == Tag::Dict) {
         Owned<> uid = MakeUidIfOne(frame);
+        if (!uid && Depth() > kMaxDepth) {
+            ThrowTooDeep();
+        }
         return uid ? std::move(uid) : MakePairs(frame);
     }
     std::vector<const void *> members;

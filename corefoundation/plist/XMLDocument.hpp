@@ -35,6 +35,7 @@ class XMLDocument {
     static const char *NameOf(Tag tag);
     static bool HoldsText(Tag tag);
 
+    std::size_t Depth() const;
     void RequireAllowed(Tag tag) const;
     void RequireAllowedIn(const Frame &parent, Tag tag) const;
     Owned<> Make(const Frame &frame);

@@ -1,5 +1,6 @@
 #include "corefoundation/plist/XMLValues.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -15,6 +16,22 @@ bool TakeSign(std::string_view &text) {
         text.remove_prefix(1);
     }
     return negative;
+}
+
+__extension__ typedef unsigned __int128 UInt128;
+
+// from_chars, for more bits than it takes.
+std::optional<UInt128> ParseMagnitude(std::string_view text, unsigned base) {
+    UInt128 value = 0;
+    for (const char c : text) {
+        unsigned digit = 0;
+        const auto [stop, fault] = std::from_chars(&c, &c + 1, digit, static_cast<int>(base));
+        if (fault != std::errc() || __builtin_mul_overflow(value, base, &value) ||
+            __builtin_add_overflow(value, digit, &value)) {
+            return std::nullopt;
+        }
+    }
+    return text.empty() ? std::nullopt : std::optional(value);
 }
 
 // What from_chars takes and we do: digits or a point, inf, infinity, nan. Not a second
@@ -39,36 +56,34 @@ std::string_view TrimXMLSpace(std::string_view text) {
 std::optional<WideInteger> ParseInteger(std::string_view text) {
     text = TrimXMLSpace(text);
     const bool negative = TakeSign(text);
-    int base = 10;
-    if (text.starts_with("0x") || text.starts_with("0X")) {
+    const bool isHexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    if (isHexadecimal) {
         text.remove_prefix(2);
-        base = 16;
     }
-    std::uint64_t magnitude = 0;
-    const char *end = text.data() + text.size();
-    const auto [stop, fault] = std::from_chars(text.data(), end, magnitude, base);
-    if (fault != std::errc() || stop != end) {
+    const auto magnitude = ParseMagnitude(text, isHexadecimal ? 16 : 10);
+    constexpr UInt128 kLimit = UInt128{1} << 127;
+    if (!magnitude || *magnitude > kLimit || (*magnitude == kLimit && !negative)) {
         return std::nullopt;
     }
-    if (!negative || magnitude == 0) {
-        return WideInteger{0, magnitude};
-    }
-    if (magnitude > std::uint64_t{1} << 63) {
-        return std::nullopt;
-    }
-    return WideInteger{-1, 0 - magnitude};
+    const UInt128 value = negative ? 0 - *magnitude : *magnitude;
+    return WideInteger{static_cast<std::int64_t>(static_cast<std::uint64_t>(value >> 64)),
+                       static_cast<std::uint64_t>(value)};
 }
 
-bool AppendIntegerText(std::string &out, WideInteger value) {
+void AppendIntegerText(std::string &out, WideInteger value) {
     const bool negative = value.high < 0;
-    if (negative ? value.high != -1 || value.low <= INT64_MAX : value.high != 0) {
-        return false;
-    }
+    UInt128 magnitude =
+        static_cast<UInt128>(static_cast<std::uint64_t>(value.high)) << 64 | value.low;
     if (negative) {
         out += '-';
+        magnitude = 0 - magnitude;
     }
-    out += std::to_string(negative ? 0 - value.low : value.low);
-    return true;
+    const std::size_t start = out.size();
+    do {
+        out += static_cast<char>('0' + static_cast<int>(magnitude % 10));
+        magnitude /= 10;
+    } while (magnitude != 0);
+    std::reverse(out.begin() + static_cast<std::ptrdiff_t>(start), out.end());
 }
 
 std::optional<double> ParseReal(std::string_view text) {

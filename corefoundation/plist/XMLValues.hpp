@@ -16,15 +16,15 @@ namespace CFInternal::PropertyList {
 }
 [[nodiscard]] std::string_view TrimXMLSpace(std::string_view text);
 
-// -2^63 to 2^64-1: high * 2^64 + low.
+// high * 2^64 + low. The platform reads no more than -2^63 to 2^64-1 in XML; binary property
+// lists hold more, which we keep.
 struct WideInteger {
     std::int64_t high;
     std::uint64_t low;
 };
 // Decimal, or hexadecimal after 0x; an optional sign first.
 [[nodiscard]] std::optional<WideInteger> ParseInteger(std::string_view text);
-// False for values outside the range above, which no reader of XML takes.
-[[nodiscard]] bool AppendIntegerText(std::string &out, WideInteger value);
+void AppendIntegerText(std::string &out, WideInteger value);
 
 // Decimal with optional fraction and exponent, or nan, inf, infinity with an optional
 // sign, in any case. Values too large or too small for a double are refused.
@@ -32,10 +32,12 @@ struct WideInteger {
 // The shortest text that reads back as the same value; nan, +infinity, -infinity.
 void AppendRealText(std::string &out, double value);
 
-// YYYY-MM-DDTHH:MM:SSZ, years 1 to 9999, as seconds from 2001-01-01 00:00:00 UTC.
+// YYYY-MM-DDTHH:MM:SSZ as seconds from 2001-01-01 00:00:00 UTC. The year, of the proleptic
+// Gregorian calendar, is any number with as many digits as it takes; the seconds may have a
+// fraction, which some programs write, and be 60.
 [[nodiscard]] std::optional<double> ParseDate(std::string_view text);
-// False for times outside those years. A fraction of a second is cut off, towards the
-// past: the format has no place for it.
+// False for times more than 2^62 seconds, some 146 billion years, from 2001. A fraction of a
+// second is cut off, towards the past: the platform reads none.
 [[nodiscard]] bool AppendDateText(std::string &out, double seconds);
 
 // RFC 4648 with padding; white space anywhere.

@@ -1,5 +1,7 @@
 #include "corefoundation/CFNumberInternal.hpp"
+#include "corefoundation/TextView.hpp"
 #include "corefoundation/plist/Graph.hpp"
+#include "corefoundation/plist/XMLEncoding.hpp"
 #include "corefoundation/plist/XMLValues.hpp"
 
 #include <CoreFoundation/CFArray.h>
@@ -9,7 +11,8 @@
 #include <CoreFoundation/CFNumber.h>
 #include <CoreFoundation/CFString.h>
 #include <algorithm>
-#include <cstdio>
+#include <array>
+#include <cstring>
 
 namespace CFInternal::PropertyList {
 
@@ -27,44 +30,39 @@ constexpr std::size_t kTabWidth = 8;
 // However deep the indentation is, a line makes some progress.
 constexpr std::size_t kMinBase64Length = 16;
 
-bool IsHighSurrogate(unsigned unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
-bool IsLowSurrogate(unsigned unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+// Texts are passed on in pieces of this size, however long they are.
+constexpr CFIndex kPieceLength = 1024;
 
-// XML 1.0, production Char.
-bool IsXMLCharacter(unsigned c) {
-    return c >= 0x20 ? c < 0xD800 || (c > 0xDFFF && c != 0xFFFE && c != 0xFFFF)
-                     : c == '\t' || c == '\n' || c == '\r';
-}
+// Counts what is written to it and, once there is memory for that, keeps it.
+class Output {
+  public:
+    Output() = default;
+    explicit Output(char *memory) : memory_(memory) {}
 
-void AppendUTF8(std::string &out, unsigned c) {
-    const auto trail = [&](unsigned shift) {
-        out += static_cast<char>(0x80 | (c >> shift & 0x3F));
-    };
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | c >> 6);
-        trail(0);
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | c >> 12);
-        trail(6);
-        trail(0);
-    } else {
-        out += static_cast<char>(0xF0 | c >> 18);
-        trail(12);
-        trail(6);
-        trail(0);
+    // Throws a Failure beyond the size of a document.
+    void Append(std::string_view text) {
+        if (text.size() > kMaxXMLSize - size_) {
+            ThrowUnwritable("The XML document is longer than " + std::to_string(kMaxXMLSize) +
+                            " bytes");
+        }
+        if (memory_ != nullptr) {
+            std::memcpy(memory_ + size_, text.data(), text.size());
+        }
+        size_ += text.size();
     }
-}
+    std::size_t Size() const { return size_; }
 
-std::string CodePoint(unsigned c) {
-    char text[16];
-    (void)std::snprintf(text, sizeof text, "U+%04X", c);
-    return text;
-}
+  private:
+    char *memory_ = nullptr;
+    std::size_t size_ = 0;
+};
 
-void AppendEscaped(std::string &out, unsigned c) {
-    switch (c) {
+// XML forbids control characters, and no document of UTF-8 holds half of a surrogate pair; but
+// binary property lists hold both, and what they hold must be writable. The platform writes
+// such characters as they are and reads them back. Of them only zero, which ends a text for
+// many a reader, and halves of pairs are written as references.
+void AppendEscaped(std::string &out, std::uint32_t scalar) {
+    switch (scalar) {
     case '&':
         out += "&amp;";
         break;
@@ -74,26 +72,33 @@ void AppendEscaped(std::string &out, unsigned c) {
     case '>':
         out += "&gt;";
         break;
+    case '\0':
     case '\r': // As itself it would be read as a line feed.
-        out += "&#13;";
+        out += scalar == 0 ? "&#0;" : "&#13;";
         break;
     default:
-        AppendUTF8(out, c);
+        if (isSurrogate(scalar)) {
+            out += "&#" + std::to_string(scalar) + ";";
+        } else {
+            AppendUTF8(out, scalar);
+        }
         break;
     }
 }
 
 class XMLWriter {
   public:
-    std::string Write(CFTypeRef root) {
-        out_ = kProlog;
+    explicit XMLWriter(Output &out) : out_(out) {}
+
+    void Write(CFTypeRef root) {
+        out_.Append(kProlog);
         AppendValue(root, 0);
-        out_ += kEpilog;
-        return std::move(out_);
+        out_.Append(kEpilog);
     }
 
   private:
     void AppendValue(CFTypeRef value, std::size_t indent) {
+        Count(1);
         Indent(indent);
         switch (typeIDOf(value)) {
         case kStringTypeID:
@@ -103,8 +108,8 @@ class XMLWriter {
             AppendData(static_cast<CFDataRef>(value), indent);
             break;
         case kBooleanTypeID:
-            out_ +=
-                CFBooleanGetValue(static_cast<CFBooleanRef>(value)) ? "<true/>\n" : "<false/>\n";
+            out_.Append(CFBooleanGetValue(static_cast<CFBooleanRef>(value)) ? "<true/>\n"
+                                                                            : "<false/>\n");
             break;
         case kNumberTypeID:
             AppendNumber(static_cast<CFNumberRef>(value));
@@ -122,32 +127,41 @@ class XMLWriter {
             AppendUid(static_cast<CFKeyedArchiverUIDRef>(value), indent);
             break;
         }
-        RequireRoom(0);
     }
 
     void AppendText(std::string_view tag, CFStringRef string) {
         const CFIndex length = CFStringGetLength(string);
-        RequireRoom(static_cast<std::size_t>(length));
-        units_.resize(static_cast<std::size_t>(length));
-        CFStringGetCharacters(string, CFRangeMake(0, length), units_.data());
         Open(tag);
-        for (std::size_t i = 0; i < units_.size(); ++i) {
-            unsigned c = units_[i];
-            if (IsHighSurrogate(c) && i + 1 < units_.size() && IsLowSurrogate(units_[i + 1])) {
-                c = 0x10000 + ((c - 0xD800) << 10) + (units_[++i] - 0xDC00u);
-            }
-            if (!IsXMLCharacter(c)) {
-                ThrowUnwritable("XML cannot carry the character " + CodePoint(c));
-            }
-            AppendEscaped(out_, c);
+        for (CFIndex done = 0; done < length;) {
+            done += AppendPiece(string, done, std::min(kPieceLength, length - done));
         }
         Close(tag);
     }
 
+    // Gives the number of units that it has written: a pair is not taken apart.
+    CFIndex AppendPiece(CFStringRef string, CFIndex start, CFIndex length) {
+        std::array<UniChar, kPieceLength> units;
+        CFStringGetCharacters(string, CFRangeMake(start, length), units.data());
+        const bool isLast = start + length == CFStringGetLength(string);
+        if (!isLast && isHighSurrogate(units[static_cast<std::size_t>(length) - 1])) {
+            --length;
+        }
+        scratch_.clear();
+        for (std::size_t i = 0; i < static_cast<std::size_t>(length); ++i) {
+            std::uint32_t scalar = units[i];
+            if (isHighSurrogate(scalar) && i + 1 < static_cast<std::size_t>(length) &&
+                isLowSurrogate(units[i + 1])) {
+                scalar = scalarFromPair(scalar, units[++i]);
+            }
+            AppendEscaped(scratch_, scalar);
+        }
+        out_.Append(scratch_);
+        return length;
+    }
+
     void AppendData(CFDataRef data, std::size_t indent) {
         const auto length = static_cast<std::size_t>(CFDataGetLength(data));
-        RequireRoom(length);
-        out_ += "<data>\n";
+        out_.Append("<data>\n");
         const std::size_t indentation = kTabWidth * indent;
         const std::size_t lineLength =
             std::max(kMinBase64Length, indentation < kLineLength ? kLineLength - indentation : 0);
@@ -155,99 +169,157 @@ class XMLWriter {
         const Bytes bytes = length == 0 ? Bytes() : Bytes(CFDataGetBytePtr(data), length);
         for (std::size_t i = 0; i < length; i += bytesInLine) {
             Indent(indent);
-            AppendBase64(out_, bytes.subspan(i, std::min(bytesInLine, length - i)));
-            out_ += '\n';
+            scratch_.clear();
+            AppendBase64(scratch_, bytes.subspan(i, std::min(bytesInLine, length - i)));
+            scratch_ += '\n';
+            out_.Append(scratch_);
         }
         Indent(indent);
-        out_ += "</data>\n";
+        out_.Append("</data>\n");
     }
 
     void AppendNumber(CFNumberRef number) {
         WideInteger integer{};
-        if (!_CFNumberGetInt128(number, &integer.high, &integer.low)) {
+        const bool isInteger = _CFNumberGetInt128(number, &integer.high, &integer.low) != 0;
+        scratch_.clear();
+        if (isInteger) {
+            AppendIntegerText(scratch_, integer);
+        } else {
             double value = 0;
             (void)CFNumberGetValue(number, kCFNumberFloat64Type, &value);
-            Open("real");
-            AppendRealText(out_, value);
-            Close("real");
-            return;
+            AppendRealText(scratch_, value);
         }
-        Open("integer");
-        if (!AppendIntegerText(out_, integer)) {
-            ThrowUnwritable("An integer in XML must lie between -2^63 and 2^64-1");
-        }
-        Close("integer");
+        const std::string_view tag = isInteger ? "integer" : "real";
+        Open(tag);
+        out_.Append(scratch_);
+        Close(tag);
     }
 
     void AppendDate(CFDateRef date) {
-        Open("date");
-        if (!AppendDateText(out_, CFDateGetAbsoluteTime(date))) {
-            ThrowUnwritable("A date in XML must lie in the years 1 to 9999");
+        scratch_.clear();
+        if (!AppendDateText(scratch_, CFDateGetAbsoluteTime(date))) {
+            ThrowUnwritable("A date lies too far from today to be written in XML");
         }
+        Open("date");
+        out_.Append(scratch_);
         Close("date");
     }
 
     void AppendArray(CFArrayRef array, std::size_t indent) {
         const CFIndex count = CFArrayGetCount(array);
         if (count == 0) {
-            out_ += "<array/>\n";
+            out_.Append("<array/>\n");
             return;
         }
-        out_ += "<array>\n";
+        out_.Append("<array>\n");
         for (CFIndex i = 0; i < count; ++i) {
             AppendValue(CFArrayGetValueAtIndex(array, i), indent + 1);
         }
         Indent(indent);
-        out_ += "</array>\n";
+        out_.Append("</array>\n");
     }
 
     void AppendDictionary(CFDictionaryRef dictionary, std::size_t indent) {
         const auto pairs = SortedPairs(dictionary);
         if (pairs.empty()) {
-            out_ += "<dict/>\n";
+            out_.Append("<dict/>\n");
             return;
         }
-        out_ += "<dict>\n";
+        out_.Append("<dict>\n");
         for (const auto &[key, value] : pairs) {
+            Count(1);
             Indent(indent + 1);
             AppendText("key", key);
             AppendValue(value, indent + 1);
         }
         Indent(indent);
-        out_ += "</dict>\n";
+        out_.Append("</dict>\n");
     }
 
     void AppendUid(CFKeyedArchiverUIDRef uid, std::size_t indent) {
-        out_ += "<dict>\n";
+        Count(2); // The key and its value.
+        out_.Append("<dict>\n");
         Indent(indent + 1);
-        out_ += "<key>CF$UID</key>\n";
+        out_.Append("<key>CF$UID</key>\n");
         Indent(indent + 1);
-        out_ += "<integer>" + std::to_string(_CFKeyedArchiverUIDGetValue(uid)) + "</integer>\n";
+        out_.Append("<integer>" + std::to_string(_CFKeyedArchiverUIDGetValue(uid)) +
+                    "</integer>\n");
         Indent(indent);
-        out_ += "</dict>\n";
+        out_.Append("</dict>\n");
     }
 
-    void Indent(std::size_t indent) { out_.append(indent, '\t'); }
-    void Open(std::string_view tag) { (out_ += '<').append(tag) += '>'; }
-    void Close(std::string_view tag) { (out_ += "</").append(tag) += ">\n"; }
+    void Indent(std::size_t indent) {
+        static constexpr auto kTabs = [] {
+            std::array<char, kMaxDepth + 2> tabs{};
+            tabs.fill('\t');
+            return tabs;
+        }();
+        out_.Append({kTabs.data(), indent});
+    }
+    void Open(std::string_view tag) {
+        out_.Append("<");
+        out_.Append(tag);
+        out_.Append(">");
+    }
+    void Close(std::string_view tag) {
+        out_.Append("</");
+        out_.Append(tag);
+        out_.Append(">\n");
+    }
 
-    void RequireRoom(std::size_t more) const {
-        if (more > kMaxXMLSize || out_.size() > kMaxXMLSize - more) {
-            ThrowUnwritable("The XML document is longer than " + std::to_string(kMaxXMLSize) +
-                            " bytes");
+    // A UID is three values in XML, so that a list within the limit may get beyond it.
+    void Count(std::uint32_t values) {
+        values_ += values;
+        if (values_ > kMaxValues) {
+            ThrowUnwritable("The property list has more than " + std::to_string(kMaxValues) +
+                            " values in XML");
         }
     }
 
-    std::string out_;
-    std::vector<UniChar> units_;
+    Output &out_;
+    std::string scratch_;
+    std::uint32_t values_ = 0;
+};
+
+// The memory of a document, until a data object has it.
+class Memory {
+  public:
+    Memory(CFAllocatorRef allocator, std::size_t size)
+        : allocator_(allocator),
+          bytes_(Made(CFAllocatorAllocate(allocator, static_cast<CFIndex>(size), 0))) {}
+    Memory(const Memory &) = delete;
+    Memory &operator=(const Memory &) = delete;
+    ~Memory() {
+        if (bytes_ != nullptr) {
+            CFAllocatorDeallocate(allocator_, bytes_);
+        }
+    }
+
+    char *Bytes() const { return static_cast<char *>(bytes_); }
+    Owned<CFDataRef> ToData(std::size_t size) {
+        CFAllocatorRef const owner = allocator_ == nullptr ? CFAllocatorGetDefault() : allocator_;
+        auto data = Own(CFDataCreateWithBytesNoCopy(allocator_, static_cast<UInt8 *>(bytes_),
+                                                    static_cast<CFIndex>(size), owner));
+        bytes_ = nullptr;
+        return data;
+    }
+
+  private:
+    CFAllocatorRef allocator_;
+    void *bytes_;
 };
 
 } // namespace
 
+// Twice, the first time for the size alone: a binary document of a megabyte may name its objects
+// so often that its XML would not fit into memory.
 Owned<CFDataRef> WriteXML(CFAllocatorRef allocator, CFTypeRef root) {
-    const std::string document = XMLWriter().Write(root);
-    return Own(CFDataCreate(allocator, reinterpret_cast<const UInt8 *>(document.data()),
-                            static_cast<CFIndex>(document.size())));
+    Output counted;
+    XMLWriter(counted).Write(root);
+    Memory memory(allocator, counted.Size());
+    Output written(memory.Bytes());
+    XMLWriter(written).Write(root);
+    return memory.ToData(written.Size());
 }
 
 } // namespace CFInternal::PropertyList

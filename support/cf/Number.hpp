@@ -12,13 +12,21 @@ class CF_WRAPPER_VISIBLE Number : public TypeOf<Number, CFNumberRef, CFNumberGet
   public:
     using TypeOf::TypeOf;
 
+    // high * 2^64 + low.
+    struct Wide {
+        std::int64_t high;
+        std::uint64_t low;
+    };
+
     static Number FromInt32(std::int32_t value) { return make(kCFNumberSInt32Type, &value); }
     static Number FromInt64(std::int64_t value) { return make(kCFNumberSInt64Type, &value); }
     static Number FromUInt32(std::uint32_t value) { return FromInt64(value); }
-    // Values of 2^63 and above have no number type of their own on the platform:
-    // they keep their 64 bits and read back through GetUInt64.
     static Number FromUInt64(std::uint64_t value) {
-        return FromInt64(static_cast<std::int64_t>(value));
+        if (value <= INT64_MAX) {
+            return FromInt64(static_cast<std::int64_t>(value));
+        }
+        const Wide wide{0, value};
+        return make(kWideType, &wide);
     }
     static Number FromDouble(double value) { return make(kCFNumberDoubleType, &value); }
 
@@ -33,6 +41,15 @@ class CF_WRAPPER_VISIBLE Number : public TypeOf<Number, CFNumberRef, CFNumberGet
         }
         return value;
     }
+    // The integer of whatever size, so that nothing is cut off but a fraction; numbers beyond
+    // 128 bits become the nearest that has them.
+    Wide GetWide() const noexcept {
+        Wide value{};
+        if (get() != nullptr) {
+            CFNumberGetValue(get(), kWideType, &value);
+        }
+        return value;
+    }
     double GetDouble() const noexcept {
         double value = 0;
         if (get() != nullptr) {
@@ -42,6 +59,9 @@ class CF_WRAPPER_VISIBLE Number : public TypeOf<Number, CFNumberRef, CFNumberGet
     }
 
   private:
+    // A type of CoreFoundation that its headers do not name.
+    static constexpr CFNumberType kWideType = 17;
+
     static Number make(CFNumberType type, const void *value) {
         return Adopt(CFNumberCreate(kCFAllocatorDefault, type, value));
     }

@@ -276,6 +276,37 @@ TEST(CFNumber, NarrowsWideIntegersThatFit) {
     EXPECT_EQ(Get<SInt64>(number.get(), kCFNumberSInt64Type), (Converted<SInt64>{INT64_MIN, true}));
 }
 
+TEST(CFNumber, HasATypeFor128Bits) {
+    const CFSInt128 words = {-5, 7};
+    const auto number = CF::Adopt(CFNumberCreate(nullptr, kCFNumberSInt128Type, &words));
+    EXPECT_TRUE(CFEqual(number.get(), Wide(-5, 7).get()));
+    CFSInt128 read{};
+    EXPECT_TRUE(CFNumberGetValue(number.get(), kCFNumberSInt128Type, &read));
+    EXPECT_EQ(read.high, -5);
+    EXPECT_EQ(read.low, 7u);
+    EXPECT_TRUE(CFNumberGetValue(Integer(-1).get(), kCFNumberSInt128Type, &read));
+    EXPECT_EQ(read.high, -1);
+    EXPECT_EQ(read.low, UINT64_MAX);
+}
+
+TEST(CFNumber, ConvertsRealsTo128Bits) {
+    CFSInt128 read{};
+    EXPECT_TRUE(CFNumberGetValue(Real(0x1p64).get(), kCFNumberSInt128Type, &read));
+    EXPECT_EQ(read.high, 1);
+    EXPECT_EQ(read.low, 0u);
+    EXPECT_FALSE(CFNumberGetValue(Real(-1.5).get(), kCFNumberSInt128Type, &read));
+    EXPECT_EQ(read.high, -1);
+    EXPECT_EQ(read.low, UINT64_MAX);
+    EXPECT_FALSE(CFNumberGetValue(Real(1e300).get(), kCFNumberSInt128Type, &read));
+    EXPECT_EQ(read.high, INT64_MAX);
+    EXPECT_EQ(read.low, UINT64_MAX);
+    EXPECT_FALSE(CFNumberGetValue(Real(-1e300).get(), kCFNumberSInt128Type, &read));
+    EXPECT_EQ(read.high, INT64_MIN);
+    EXPECT_FALSE(CFNumberGetValue(kCFNumberNaN, kCFNumberSInt128Type, &read));
+    EXPECT_EQ(read.high, 0);
+    EXPECT_EQ(read.low, 0u);
+}
+
 TEST(CFNumber, ComparesWideIntegersWithReals) {
     EXPECT_TRUE(CFEqual(Wide(1, 0).get(), Real(0x1p64).get()));
     EXPECT_EQ(CFHash(Wide(1, 0).get()), CFHash(Real(0x1p64).get()));
@@ -310,7 +341,7 @@ TEST(CFNumber, TakesOneAllocation) {
 TEST(CFNumberDeathTest, RefusesBadArguments) {
     const SInt64 value = 1;
     EXPECT_DEATH(CFNumberCreate(nullptr, 0, &value), "unknown number type");
-    EXPECT_DEATH(CFNumberCreate(nullptr, 17, &value), "unknown number type");
+    EXPECT_DEATH(CFNumberCreate(nullptr, 18, &value), "unknown number type");
     EXPECT_DEATH(CFNumberCreate(nullptr, kCFNumberIntType, nullptr), "null value");
     EXPECT_DEATH(CFNumberGetType(nullptr), "CFNumberGetType");
     EXPECT_DEATH(CFNumberGetValue(Integer(1).get(), kCFNumberIntType, nullptr), "null buffer");

@@ -108,6 +108,68 @@ TEST(PlistDeepCopy, MutableLeavesCanBeChanged) {
     EXPECT_EQ(Dump(copy.get()), "{006b=[s00760061006c007500650021,d01,i-5,u3]}");
 }
 
+// A list of which levels of arrays name the next one twice: small itself, and large once its
+// members are written one by one.
+Held Doubling(const Held &innermost, unsigned levels) {
+    Held root = Array({innermost.get(), innermost.get()});
+    for (unsigned i = 1; i < levels; ++i) {
+        root = Array({root.get(), root.get()});
+    }
+    return root;
+}
+
+TEST(PlistSharing, XMLThatWouldOutgrowItsReaderIsNotWritten) {
+    const Held large = Doubling(Data(Octets(1000, 0x41)), 20);
+    EXPECT_EQ(Write(large.get(), kXML).fault,
+              Unwritable("The XML document is longer than 134217728 bytes."));
+    const Held text = Doubling(Text(std::u16string(1000, u'\u4e2d')), 20);
+    EXPECT_EQ(Write(text.get(), kXML).fault,
+              Unwritable("The XML document is longer than 134217728 bytes."));
+}
+
+TEST(PlistSharing, BinaryDocumentsStaySmall) {
+    const Held large = Doubling(Data(Octets(1000, 0x41)), 20);
+    const Octets document = WriteBinary(large.get());
+    EXPECT_LT(document.size(), 2000u);
+    EXPECT_TRUE(CFEqual(Read(document).root.get(), large.get()));
+}
+
+TEST(PlistSharing, XMLWithinTheLimitIsReadAgain) {
+    const Held large = Doubling(Data(Octets(1000, 0x41)), 10);
+    const Reading reading = Read(WriteXML(large.get()));
+    EXPECT_EQ(reading.fault, Fault());
+    EXPECT_TRUE(CFEqual(reading.root.get(), large.get()));
+}
+
+TEST(PlistSharing, ImmutableCopiesShareAsTheOriginalDoes) {
+    const Held text(CFStringCreateMutableCopy(nullptr, 0, CFSTR("text")));
+    const Held copy = Copy(Doubling(text, 20).get(), kCFPropertyListImmutable);
+    ASSERT_TRUE(copy);
+    const auto *members = static_cast<CFArrayRef>(copy.get());
+    EXPECT_EQ(CFArrayGetValueAtIndex(members, 0), CFArrayGetValueAtIndex(members, 1));
+}
+
+TEST(PlistSharing, MutableCopiesAreBoundedByWhatTheyTake) {
+    const Held large = Doubling(Data(Octets(1000, 0x41)), 20);
+    EXPECT_FALSE(Copy(large.get(), kCFPropertyListMutableContainersAndLeaves));
+    EXPECT_TRUE(Copy(Doubling(Data(Octets(1000, 0x41)), 10).get(),
+                     kCFPropertyListMutableContainersAndLeaves));
+}
+
+TEST(PlistSharing, ReferencesThatAreDictionariesInXMLCountAsSuch) {
+    const Held uid = Uid(1);
+    const Held large = Array(std::vector<CFTypeRef>(1400000, uid.get()));
+    EXPECT_EQ(Write(large.get(), kXML).fault,
+              Unwritable("The property list has more than 4194304 values in XML."));
+}
+
+TEST(PlistSharing, DescriptionsAndHashesDoNotFollowIt) {
+    const Held large = Doubling(Text("word"), 60);
+    EXPECT_EQ(CFHash(large.get()), CFHash(Doubling(Text("other"), 60).get()));
+    const Held description(CFCopyDescription(large.get()));
+    EXPECT_LT(CFStringGetLength(static_cast<CFStringRef>(description.get())), 10000000);
+}
+
 TEST(PlistDeepCopy, RefusesWhatIsNoPropertyList) {
     EXPECT_FALSE(Copy(nullptr, 0));
     EXPECT_FALSE(Copy(kCFNull, 0));

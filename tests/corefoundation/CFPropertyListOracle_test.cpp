@@ -216,3 +216,8 @@ TEST(PlistOracle, ConverterRewritesPythonsBinaryDocuments) {
             << "seed " << 3000 + i;
     }
 }
+
+TEST(PlistOracle, ConverterTakesControlCharactersAsWeWriteThem) {
+    const Held string = Text(u"a\u0001b\u001f\u007f\r");
+    EXPECT_EQ(DumpOf(Scratch().Convert(WriteXML(string.get()), "bin")), Dump(string.get()));
+}

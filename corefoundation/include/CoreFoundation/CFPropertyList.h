@@ -7,8 +7,26 @@
  *
  * Formats. Binary is "bplist00": objects, a table of their offsets and a 32-byte
  * trailer; everything big-endian. XML is XML 1.0 with the public identifier
- * "-//Apple//DTD PLIST 1.0//EN". The old text format (quoted strings in braces) is
- * neither read nor written.
+ * "-//Apple//DTD PLIST 1.0//EN", but for what XML forbids and property lists hold all the
+ * same (below). The old text format (quoted strings in braces) is neither read nor written.
+ *
+ * XML that is read. Files that programs have written, cut or edited by hand must not be lost
+ * for small things, so the reader takes what the platform's takes, and a little more: control
+ * characters, as they are and as references; white space before the declaration; anything
+ * behind the root, which is ignored, such as zeros; bytes that are no UTF-8 in a text, each
+ * sequence of which becomes U+FFFD (the platform refuses the file); halves of surrogate pairs;
+ * dates with a fraction of a second, a leap second, or a year of any number of digits (the
+ * platform refuses fractions); integers of up to 128 bits (the platform takes 64). Attributes are
+ * passed over. Entities are XML's own five; a document type must not declare any. Encodings are
+ * UTF-8, UTF-16 and UTF-32 with a byte order mark or without, ISO-8859-1 and Mac OS Roman.
+ *
+ * XML that is written. Whatever a binary list holds can be written and reads back as the same
+ * here, control characters as they are, as the platform writes them. Lost is only what XML has
+ * no place for: fractions of a second are cut off, and a dictionary {CF$UID: n} comes back as
+ * the UID that it stands for. Refused with an error that says so are null objects, dates
+ * more than 146 billion years away, and what would break the limits below. Other readers of
+ * XML may refuse control characters, halves of surrogate pairs, and dates and integers beyond
+ * their own limits.
  *
  * Errors. An error pointer may be null. It is written only on failure, with an
  * error of domain kCFErrorDomainCocoa and one of the codes below that the caller
@@ -17,8 +35,9 @@
  *
  * Limits, so that no document can exhaust the process: containers nest at most 512
  * deep in either format, a list has at most 2^22 (4,194,304) values, dictionary keys
- * included, and an XML document is at most 2^31-1 bytes long. A binary document may name
- * one object many times; it is made once and shared, but counts wherever it stands.
+ * included, and an XML document, read or written, is at most 128 MiB long. A binary document
+ * may name one object many times; it is made once and shared, but counts wherever it stands:
+ * written as XML, a megabyte of it might otherwise make gigabytes.
  *
  * Threads. All functions may be called from any thread; the objects handed in must
  * not be changed meanwhile.
@@ -91,9 +110,8 @@ CF_EXPORT CFPropertyListRef CFPropertyListCreateWithData(CFAllocatorRef allocato
  * options    0; reserved.
  * error      see Errors: code 3851, for a null root, an object of another type
  *            than those above, a key that is no string, containers that nest too
- *            deep or hold themselves, and in XML for text that XML 1.0 cannot
- *            carry (control characters, U+FFFE, U+FFFF, unpaired surrogates) and
- *            dates outside the years 1 to 9999.
+ *            deep or hold themselves, and in XML for documents beyond 128 MiB and
+ *            dates too far away.
  *
  * Returns a new data object, null on failure. Keys come out sorted by their UTF-16
  * code units in XML, so equal graphs give equal documents. In binary, equal
@@ -106,14 +124,16 @@ CF_EXPORT CFDataRef CFPropertyListCreateData(CFAllocatorRef allocator,
 
 /* A copy of the whole graph with the mutability asked for, or null when the graph is
  * null or no property list (CFPropertyListIsValid in the binary format). The caller
- * releases it. Immutable leaves may be shared with the original. */
+ * releases it. Immutable leaves may be shared with the original, and what is immutable in the
+ * copy is shared there as often as in the original. What is mutable is not: null also when
+ * mutable texts and data would take more than 256 MiB together. */
 CF_EXPORT CFPropertyListRef CFPropertyListCreateDeepCopy(CFAllocatorRef allocator,
                                                          CFPropertyListRef propertyList,
                                                          CFOptionFlags mutabilityOption);
 
 /* True when the graph holds nothing but property-list types, keys are strings, no
  * container holds itself or nests too deep, and the format is XML or binary. Null
- * is not valid. Text and dates are not checked for what XML can carry. */
+ * is not valid. Sizes and dates are not checked for what XML can carry. */
 CF_EXPORT Boolean CFPropertyListIsValid(CFPropertyListRef plist, CFPropertyListFormat format);
 
 CF_EXTERN_C_END
