@@ -53,11 +53,7 @@ Pairs pairsOf(const Dictionary &dictionary) {
     return pairs;
 }
 
-// A member of a container; null when it does not decode or is the null object, which
-// no container can hold.
-AutoPointer decodeMember(Reference reference, ZK::keyed_unarchiver &unarchiver) {
-    return unarchiver.get<AutoPointer>(reference).value_or(nullptr);
-}
+bool isContainer(CFTypeRef value) { return Array::Cast(value) || Dictionary::Cast(value); }
 
 } // namespace
 
@@ -68,6 +64,7 @@ void encode(const Dictionary &dictionary, ZK::keyed_archiver &archiver) {
     const auto keys = Array::Mutable();
     const auto objects = Array::Mutable();
     const Pairs pairs = pairsOf(dictionary);
+    archiver.add_members(2 * pairs.keys.size());
     for (std::size_t i = 0; i < pairs.keys.size(); ++i) {
         appendMember(keys, pairs.keys[i], archiver);
         appendMember(objects, pairs.values[i], archiver);
@@ -78,6 +75,7 @@ void encode(const Dictionary &dictionary, ZK::keyed_archiver &archiver) {
 
 void encode(const Array &array, ZK::keyed_archiver &archiver) {
     const auto objects = Array::Mutable();
+    archiver.add_members(static_cast<std::size_t>(array.GetCount()));
     for (CFIndex i = 0; i < array.GetCount(); ++i) {
         appendMember(objects, array.GetAt(i), archiver);
     }
@@ -95,19 +93,25 @@ std::optional<Dictionary> decode(Dictionary *, ZK::keyed_unarchiver &unarchiver)
         return std::nullopt;
     }
     auto dictionary = Dictionary::Mutable();
+    std::size_t containerKeys = 0;
     for (std::size_t i = 0; i < keys->size(); ++i) {
-        const AutoPointer key = decodeMember((*keys)[i], unarchiver);
-        const AutoPointer value = decodeMember((*objects)[i], unarchiver);
-        if (key && value) {
-            dictionary.Set(key.get(), value.get());
+        const auto key = unarchiver.get_member((*keys)[i]);
+        const auto value = unarchiver.get_member((*objects)[i]);
+        if (!key.value || !value.value) {
+            continue;
         }
+        if (isContainer(key.value.get())) {
+            // Containers of one size hash alike, so each key is compared with those before.
+            unarchiver.charge(containerKeys++ * (key.members + 1));
+        }
+        dictionary.Set(key.value.get(), value.value.get());
     }
     return dictionary;
 }
 
 std::optional<Array> decode(Array *, ZK::keyed_unarchiver &unarchiver) {
-    if (auto value = Array::Cast(unarchiver.current().get())) {
-        return value;
+    if (const auto value = Array::Cast(unarchiver.current().get())) {
+        return unarchiver.copy_plain_array(value);
     }
     const auto archived = unarchiver.get_class();
     if (!archived || !validate_name<Array>(archived->name)) {
@@ -119,8 +123,8 @@ std::optional<Array> decode(Array *, ZK::keyed_unarchiver &unarchiver) {
     }
     auto array = Array::Mutable();
     for (const Reference reference : *objects) {
-        if (const AutoPointer value = decodeMember(reference, unarchiver)) {
-            array.Append(value.get());
+        if (const auto member = unarchiver.get_member(reference); member.value) {
+            array.Append(member.value.get());
         }
     }
     return array;

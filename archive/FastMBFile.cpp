@@ -3,6 +3,7 @@
 #include "ZK/keyed_archive_types.hpp"
 #include "archive/SmallPlist.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <limits>
@@ -160,6 +161,7 @@ class Reader {
     bool ReadWrappedData(std::uint32_t data, std::uint32_t archivedClass, TableEntry &entry);
     bool ReadRecord();
     bool ReadField(std::uint32_t key, std::uint32_t value);
+    bool ReadInode(std::uint32_t number);
     bool ReadReference(std::uint32_t number, std::uint32_t &entry);
     bool ReadName(std::uint32_t number, Item &name);
     bool SetReferenced();
@@ -352,11 +354,20 @@ bool Reader::ReadField(std::uint32_t key, std::uint32_t value) {
     }
     seen_ |= bit;
     if (field >= static_cast<std::size_t>(kFirstNumber)) {
-        return plist_.Integer(value, values_[field]);
+        return plist_.Integer(value, values_[field]) ||
+               (field == static_cast<std::size_t>(Field::InodeNumber) && ReadInode(value));
     }
     std::uint32_t entry = 0;
     const bool valid = ReadReference(value, entry);
     values_[field] = entry;
+    return valid;
+}
+
+// One from 2^63 on, which has no sign but keeps its bits.
+bool Reader::ReadInode(std::uint32_t number) {
+    std::uint64_t inode = 0;
+    const bool valid = plist_.WideInteger(number, inode);
+    values_[static_cast<std::size_t>(Field::InodeNumber)] = static_cast<std::int64_t>(inode);
     return valid;
 }
 
@@ -417,20 +428,27 @@ bool Reader::SetData(Field field, Bytes &data) {
            entries_[number].isDataClass;
 }
 
-// Numbers are cut to the field's size, as the general codec cuts them.
+// The bits of a field of 32, into which the general codec puts the nearest number that they
+// hold with or without a sign.
+std::uint32_t bitsOf(std::int64_t number) {
+    constexpr std::int64_t kLowest = std::numeric_limits<std::int32_t>::min();
+    constexpr std::int64_t kHighest = std::numeric_limits<std::uint32_t>::max();
+    return static_cast<std::uint32_t>(std::clamp(number, kLowest, kHighest));
+}
+
 bool Reader::SetNumbers() {
     const auto number = [this](Field field) {
         return Has(field) ? values_[static_cast<std::size_t>(field)] : 0;
     };
-    view_.Mode = static_cast<std::int32_t>(number(Field::Mode));
-    view_.UserID = static_cast<std::uint32_t>(number(Field::UserID));
-    view_.GroupID = static_cast<std::uint32_t>(number(Field::GroupID));
+    view_.Mode = static_cast<std::int32_t>(bitsOf(number(Field::Mode)));
+    view_.UserID = bitsOf(number(Field::UserID));
+    view_.GroupID = bitsOf(number(Field::GroupID));
     view_.LastModified = number(Field::LastModified);
     view_.LastStatusChange = number(Field::LastStatusChange);
     view_.Birth = number(Field::Birth);
     view_.Size = number(Field::Size);
     view_.InodeNumber = static_cast<std::uint64_t>(number(Field::InodeNumber));
-    view_.ProtectionClass = static_cast<std::int32_t>(number(Field::ProtectionClass));
+    view_.ProtectionClass = static_cast<std::int32_t>(bitsOf(number(Field::ProtectionClass)));
     return true;
 }
 

@@ -17,7 +17,7 @@ constexpr std::int32_t kArchiveVersion = 100000;
 // a reference is one byte.
 constexpr std::size_t kMaxObjects = 64;
 // More than all of a document but its values takes: the names have 214 characters, a number
-// 9 bytes, a place in the offset table 8.
+// 17 bytes at most, a place in the offset table 8.
 constexpr std::size_t kFrameSize = 2048;
 // A value's marker and count.
 constexpr std::size_t kMaxPrefix = 10;
@@ -25,6 +25,7 @@ constexpr std::size_t kMaxPrefix = 10;
 constexpr std::size_t kMaxNameLength = 16;
 
 constexpr unsigned kIntegerMarker = 0x10;
+constexpr unsigned kWideIntegerMarker = 0x14;
 constexpr unsigned kDataMarker = 0x40;
 constexpr unsigned kAsciiMarker = 0x50;
 constexpr unsigned kUtf16Marker = 0x60;
@@ -105,6 +106,7 @@ class Document {
     std::uint8_t *Container(std::uint8_t *reference, unsigned marker, std::size_t references);
     Number Name(std::string_view name);
     Number Integer(std::int64_t value);
+    Number Unsigned(std::uint64_t value);
     void Reference(std::uint8_t *reference, std::uint32_t tableNumber);
     Number Text(CFStringRef text);
     Number Data(CFDataRef data);
@@ -274,6 +276,18 @@ Number Document::Integer(std::int64_t value) {
     return number;
 }
 
+// Integers of 8 bytes are signed, so those from 2^63 on take 16. No other number of a
+// document reaches them.
+Number Document::Unsigned(std::uint64_t value) {
+    if (value <= INT64_MAX) {
+        return Integer(static_cast<std::int64_t>(value));
+    }
+    Append(kWideIntegerMarker, 1);
+    Append(0, 8);
+    Append(value, 8);
+    return NewObject();
+}
+
 // {"CF$UID": number}.
 void Document::Reference(std::uint8_t *reference, std::uint32_t tableNumber) {
     std::uint8_t *const pair = Container(reference, kDictionaryMarker, 2);
@@ -363,7 +377,7 @@ void Document::WriteRecordValues(std::uint8_t *value) {
     referTo(table_.Digest);
     referTo(table_.EncryptionKey);
     *value++ = Integer(record_.GroupID);
-    *value++ = Integer(static_cast<std::int64_t>(record_.InodeNumber)); // as numbers hold it
+    *value++ = Unsigned(record_.InodeNumber);
     *value++ = Integer(record_.LastModified);
     *value++ = Integer(record_.LastStatusChange);
     *value++ = Integer(record_.Mode);

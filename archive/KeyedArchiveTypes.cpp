@@ -30,11 +30,11 @@ std::optional<keyed_archiver_uid> uidOfDictionary(const CF::Dictionary &dictiona
     if (!number || CFNumberIsFloatType(number.get())) {
         return std::nullopt;
     }
-    const std::int64_t value = number.GetInt64();
-    if (value < 0 || value > std::numeric_limits<std::int32_t>::max()) {
+    const auto [high, low] = number.GetWide();
+    if (high != 0 || low > std::numeric_limits<std::int32_t>::max()) {
         return std::nullopt;
     }
-    return keyed_archiver_uid{static_cast<std::uint32_t>(value)};
+    return keyed_archiver_uid{static_cast<std::uint32_t>(low)};
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "support/zk/Abort.hpp"
 
+#include <algorithm>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
@@ -11,6 +12,7 @@ namespace ZK {
 namespace {
 
 constexpr std::int32_t kArchiveVersion = 100000;
+constexpr const char *kTooDeep = "Objects are nested too deeply to be archived";
 
 template <class T>
 constexpr bool kIsPlainValue = std::is_same_v<T, CF::String> || std::is_same_v<T, CF::Data> ||
@@ -65,16 +67,40 @@ std::optional<keyed_archiver::uid> keyed_archiver::_encodeObject(const T &object
                                                                  bool conditional) {
     const bool visited = find(object).has_value();
     const auto reference = _referenceObject(object, conditional);
-    if (!reference || reference->value == 0 || visited) {
+    if (!reference || reference->value == 0) {
         return reference;
     }
     const auto index = static_cast<CFIndex>(reference->value);
     if constexpr (kIsPlainValue<T>) {
-        objects_.SetAt(index, addressOf(object));
+        if (!visited) {
+            objects_.SetAt(index, addressOf(object));
+        }
     } else {
-        objects_.SetAt(index, encode_impl(object).get());
+        if (!visited) {
+            objects_.SetAt(index, encode_impl(object).get());
+        }
+        add_container(object);
     }
     return reference;
+}
+
+// Readers meet an object wherever it stands, so one that is written already counts again.
+template <class T>
+void keyed_archiver::add_container(const T &object) {
+    const instance &encoded = instances_.at(addressOf(object));
+    if (contexts_.size() - 1 + encoded.height > detail::kMaxEncodingDepth) {
+        throw archiver_exceptions::limit_exceeded(kTooDeep);
+    }
+    contexts_.back().height = std::max(contexts_.back().height, encoded.height);
+    add_members(encoded.members);
+}
+
+void keyed_archiver::add_members(std::size_t count) {
+    std::size_t &members = contexts_.back().members;
+    if (count > detail::kMaxMembers - members) {
+        throw archiver_exceptions::limit_exceeded("Objects have too many members to be archived");
+    }
+    members += count;
 }
 
 template <class T>
@@ -98,14 +124,19 @@ std::optional<keyed_archiver::uid> keyed_archiver::_referenceObject(const T &obj
 template <class T>
 CF::Dictionary keyed_archiver::encode_impl(const T &object) {
     if (contexts_.size() > detail::kMaxEncodingDepth) {
-        throw archiver_exceptions::limit_exceeded("Objects are nested too deeply to be archived");
+        throw archiver_exceptions::limit_exceeded(kTooDeep);
     }
     contexts_.push_back({CF::Dictionary::Mutable()});
     encodeFields(object, *this);
     _setObjectInCurrentEncodingContext(_classReference(object), CFSTR("$class"), false);
-    const CF::Dictionary dictionary = contexts_.back().dictionary;
+    const detail::encoding_context finished = contexts_.back();
     contexts_.pop_back();
-    return dictionary;
+    // Absent when this is called for an object by itself.
+    if (const auto known = instances_.find(addressOf(object)); known != instances_.end()) {
+        known->second.members = finished.members;
+        known->second.height = finished.height + 1;
+    }
+    return finished.dictionary;
 }
 
 template <class T>

@@ -1,6 +1,9 @@
 #include "ZK/keyed_unarchiver.hpp"
 
+#include <algorithm>
+#include <limits>
 #include <type_traits>
+#include <unordered_set>
 #include <utility>
 
 namespace ZK {
@@ -8,6 +11,7 @@ namespace ZK {
 namespace {
 
 constexpr std::int64_t kArchiveVersion = 100000;
+constexpr const char *kTooDeep = "Archive nests its objects too deeply";
 
 using References = std::vector<keyed_unarchiver::uid>;
 
@@ -32,15 +36,27 @@ CFStringRef wrappedValueKey() {
     }
 }
 
+__extension__ typedef __int128 Int128;
+
+// A number beyond the type becomes the nearest that it has: cut to the type's bits, it would
+// turn into another one that may well pass for valid. Some writers take a field for signed
+// that others take for unsigned (the user nobody is -2 or 4294967294), so both are read,
+// but for times and sizes, whose numbers never reach where the two differ.
 template <class T>
 T scalarOf(const CF::Number &number) {
-    if constexpr (sizeof(T) == sizeof(std::int32_t)) {
-        return std::is_signed_v<T> ? static_cast<T>(number.GetInt32())
-                                   : static_cast<T>(number.GetUInt32());
-    } else {
-        return std::is_signed_v<T> ? static_cast<T>(number.GetInt64())
-                                   : static_cast<T>(number.GetUInt64());
-    }
+    constexpr Int128 kLowest = std::numeric_limits<std::make_signed_t<T>>::min();
+    constexpr Int128 kHighest = std::is_same_v<T, long long>
+                                    ? Int128{std::numeric_limits<T>::max()}
+                                    : Int128{std::numeric_limits<std::make_unsigned_t<T>>::max()};
+    const auto [high, low] = number.GetWide();
+    const Int128 value = Int128{high} * (Int128{1} << 64) + Int128{low};
+    return static_cast<T>(std::clamp(value, kLowest, kHighest));
+}
+
+// Of the whole value: neither 2^64 + 100000 nor 100000.5 is the version.
+bool isArchiveVersion(const CF::Number &number) {
+    const auto [high, low] = number.GetWide();
+    return high == 0 && low == kArchiveVersion && number.GetDouble() == kArchiveVersion;
 }
 
 template <class T>
@@ -52,6 +68,40 @@ std::optional<T> ifPresent(T value) {
 template <class T>
 std::optional<T> decodeObject(keyed_unarchiver &unarchiver) {
     return decode(static_cast<T *>(nullptr), unarchiver);
+}
+
+// Not by callback: a limit may be exceeded on the way, and callers of callbacks are C.
+std::vector<std::pair<CFTypeRef, CFTypeRef>> pairsOf(const CF::Dictionary &dictionary) {
+    const auto count = static_cast<std::size_t>(dictionary.GetCount());
+    std::vector<CFTypeRef> keys(count);
+    std::vector<CFTypeRef> values(count);
+    if (count > 0) {
+        CFDictionaryGetKeysAndValues(dictionary.get(), keys.data(), values.data());
+    }
+    std::vector<std::pair<CFTypeRef, CFTypeRef>> pairs;
+    for (std::size_t i = 0; i < count; ++i) {
+        pairs.emplace_back(keys[i], values[i]);
+    }
+    return pairs;
+}
+
+// In the arrays of all containers. An array that several share, which only hostile archives
+// have, counts once.
+std::size_t countReferences(const CF::Array &objects) {
+    std::unordered_set<CFTypeRef> known;
+    std::size_t count = 0;
+    const auto add = [&](const CF::Array &array) {
+        if (array && known.insert(array.get()).second) {
+            count += static_cast<std::size_t>(array.GetCount());
+        }
+    };
+    for (CFIndex i = 0; i < objects.GetCount(); ++i) {
+        add(CF::Array::Cast(objects.GetAt(i)));
+        const auto object = CF::Dictionary::Cast(objects.GetAt(i));
+        add(object.Get<CF::Array>(CFSTR("NS.keys")));
+        add(object.Get<CF::Array>(CFSTR("NS.objects")));
+    }
+    return count;
 }
 
 bool isNull(CFTypeRef value) { return value == nullptr || value == kCFNull; }
@@ -74,8 +124,10 @@ class keyed_unarchiver::frame {
 
 keyed_unarchiver::keyed_unarchiver(CF::Array objects)
     : objects_(std::move(objects)),
-      steps_left_(detail::kFreeDecodingSteps + detail::kMaxDecodingStepsPerObject *
-                                                   static_cast<std::size_t>(objects_.GetCount())) {}
+      steps_left_(detail::kFreeDecodingSteps +
+                  detail::kMaxDecodingStepsPerObject *
+                      static_cast<std::size_t>(objects_.GetCount()) +
+                  detail::kMaxDecodingStepsPerReference * countReferences(objects_)) {}
 
 keyed_unarchiver::~keyed_unarchiver() = default;
 
@@ -101,7 +153,7 @@ void keyed_unarchiver::enter(uid reference) {
         throw archiver_exceptions::decode_cycle();
     }
     if (stack_.size() >= detail::kMaxDecodingDepth) {
-        throw archiver_exceptions::limit_exceeded("Archive nests its objects too deeply");
+        throw archiver_exceptions::limit_exceeded(kTooDeep);
     }
     charge(1);
     stack_.push_back(reference);
@@ -112,6 +164,86 @@ void keyed_unarchiver::charge(std::size_t steps) {
         throw archiver_exceptions::limit_exceeded("Archive takes too many steps to decode");
     }
     steps_left_ -= steps;
+}
+
+void keyed_unarchiver::add_members(std::size_t count) {
+    if (count > detail::kMaxMembers - member_count_) {
+        throw archiver_exceptions::limit_exceeded("Archive has too many members in its containers");
+    }
+    member_count_ += count;
+}
+
+keyed_unarchiver::member keyed_unarchiver::get_member(uid reference) {
+    charge(1);
+    add_members(1);
+    auto known = members_.find(reference.value);
+    if (known == members_.end()) {
+        const std::size_t outerCount = std::exchange(member_count_, 0);
+        const std::size_t outerHeight = std::exchange(height_, 0);
+        member decoded{get<CF::AutoPointer>(reference).value_or(nullptr), member_count_, height_};
+        const bool isContainer =
+            CF::Array::Cast(decoded.value.get()) || CF::Dictionary::Cast(decoded.value.get());
+        decoded.height += isContainer ? 1 : 0;
+        member_count_ = outerCount;
+        height_ = outerHeight;
+        known = members_.emplace(reference.value, std::move(decoded)).first;
+    }
+    if (stack_.size() + known->second.height > detail::kMaxEncodingDepth) {
+        throw archiver_exceptions::limit_exceeded(kTooDeep);
+    }
+    add_members(known->second.members);
+    height_ = std::max(height_, known->second.height);
+    return known->second;
+}
+
+CF::Array keyed_unarchiver::copy_plain_array(const CF::Array &array) {
+    return plain_array(array, stack_.size());
+}
+
+// Null for values that are read from no table either.
+CF::AutoPointer keyed_unarchiver::plain_value(CFTypeRef value, std::size_t depth) {
+    if (const auto array = CF::Array::Cast(value)) {
+        return plain_array(array, depth + 1).get();
+    }
+    if (const auto dictionary = CF::Dictionary::Cast(value)) {
+        return plain_dictionary(dictionary, depth + 1).get();
+    }
+    const bool isPlain =
+        CF::String::Cast(value) || CF::Data::Cast(value) || CF::Number::Cast(value);
+    return isPlain ? CF::AutoPointer(value) : CF::AutoPointer();
+}
+
+CF::Array keyed_unarchiver::plain_array(const CF::Array &array, std::size_t depth) {
+    enter_plain(depth, static_cast<std::size_t>(array.GetCount()));
+    auto copy = CF::Array::Mutable();
+    for (CFIndex i = 0; i < array.GetCount(); ++i) {
+        if (const CF::AutoPointer value = plain_value(array.GetAt(i), depth)) {
+            copy.Append(value.get());
+        }
+    }
+    return copy;
+}
+
+CF::Dictionary keyed_unarchiver::plain_dictionary(const CF::Dictionary &dictionary,
+                                                  std::size_t depth) {
+    enter_plain(depth, 2 * static_cast<std::size_t>(dictionary.GetCount()));
+    auto copy = CF::Dictionary::Mutable();
+    for (const auto &[key, value] : pairsOf(dictionary)) {
+        if (const CF::AutoPointer plain = plain_value(value, depth)) {
+            copy.Set(key, plain.get());
+        }
+    }
+    return copy;
+}
+
+// Containers that hold their members themselves count as if they had been archived.
+void keyed_unarchiver::enter_plain(std::size_t depth, std::size_t members) {
+    if (depth > detail::kMaxEncodingDepth) {
+        throw archiver_exceptions::limit_exceeded(kTooDeep);
+    }
+    height_ = std::max(height_, depth - stack_.size());
+    charge(members);
+    add_members(members);
 }
 
 template <class T>
@@ -210,8 +342,8 @@ std::optional<T> extract_keyed_archive(const CF::Dictionary &archive) {
     if (!version) {
         throw archiver_exceptions::missing_version();
     }
-    if (version.GetInt64() != kArchiveVersion) {
-        throw archiver_exceptions::unknown_version(version.GetInt64());
+    if (!isArchiveVersion(version)) {
+        throw archiver_exceptions::unknown_version(scalarOf<long long>(version));
     }
     const auto top = archive.Get<CF::Dictionary>(CFSTR("$top"));
     if (!top) {

@@ -83,6 +83,16 @@ class SmallPlist {
         return true;
     }
 
+    // An integer of 16 bytes that is neither negative nor beyond 64 bits.
+    [[nodiscard]] bool WideInteger(std::uint32_t number, std::uint64_t &value) const noexcept {
+        std::uint32_t at = 0;
+        if (!Locate(number, at) || base_[at] != kInteger + 4 || at + 1 + 16 > end_) {
+            return false;
+        }
+        value = Ending(at + 1 + 16, 8);
+        return Ending(at + 1 + 8, 8) == 0;
+    }
+
     // A UID of at most 4 bytes.
     [[nodiscard]] bool Uid(std::uint32_t number, std::uint32_t &value) const noexcept {
         std::uint32_t at = 0;

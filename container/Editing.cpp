@@ -34,10 +34,10 @@ void forgetKey(KVManifestEntryClass &entry) {
 
 // A binary manifest has no place for attributes in the form that databases hold.
 void convertAttributes(KVManifestEntryClass &entry) {
-    if (!entry.attributesData) {
+    if (!entry.keptAttributes) {
         return;
     }
-    CF::Dictionary attributes = DecodeExtendedAttributes(entry.attributesData.get());
+    CF::Dictionary attributes = DecodeExtendedAttributes(entry.keptAttributes.get());
     if (!attributes) {
         throw Error(kKVErrorInvalidArgument, nullptr,
                     "The entry's extended attributes cannot be put into a binary manifest");
@@ -45,7 +45,7 @@ void convertAttributes(KVManifestEntryClass &entry) {
     if (CFDictionaryGetCount(entry.properties.get()) == 0) {
         entry.properties = CF::Adopt(attributes.detach());
     }
-    entry.attributesData = nullptr;
+    entry.keptAttributes = nullptr;
 }
 
 KVManifestEntryClass *addEntry(KVBackupContainerClass &container,

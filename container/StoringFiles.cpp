@@ -48,7 +48,7 @@ void takeOver(const Request &request, KVManifestEntryClass &entry,
     _KVManifestEntryCloneAttributes(&entry, &replaced);
     if (request.manner == Manner::Replace) {
         entry.properties = replaced.properties;
-        entry.attributesData = replaced.attributesData;
+        entry.keptAttributes = replaced.keptAttributes;
     }
 }
 

@@ -59,7 +59,9 @@ KV_EXPORT uint16_t KVManifestEntryGetFileMode(const KVManifestEntryClass *entry)
 KV_EXPORT uint8_t KVManifestEntryGetFileType(const KVManifestEntryClass *entry);
 /* Data-protection class, one of five. */
 KV_EXPORT EntryProtectionClass KVManifestEntryGetProtectionClass(const KVManifestEntryClass *entry);
-/* Extended attributes: name (CFString) to value (CFData). Borrowed. */
+/* Extended attributes: name (CFString) to value (CFData). Borrowed. A record may hold names and
+ * values of other types, and devices write the attributes as one piece of data; neither is
+ * shown here, and both are written back as they were read. */
 KV_EXPORT CFDictionaryRef KVManifestEntryGetProperties(const KVManifestEntryClass *entry);
 /* True for entries that this library made, false for entries read from a manifest. */
 KV_EXPORT bool KVManifestEntryIsExternal(const KVManifestEntryClass *entry);
@@ -125,7 +127,7 @@ KV_EXPORT KVFileClass *KVManifestEntryGetFile(const KVManifestEntryClass *entry,
 KV_EXPORT CFDataRef
 KVManifestEntryCreateMBFileDataRepresentation(const KVManifestEntryClass *entry);
 /* The entry as a record of Manifest.mbdb. The caller releases it. Null when a field
- * does not fit the record (65535 bytes or more). */
+ * does not fit the record (65535 bytes or more), or attributes are no names with data. */
 KV_EXPORT CFDataRef
 KVManifestEntryCreateManifestDataRepresentation(const KVManifestEntryClass *entry);
 

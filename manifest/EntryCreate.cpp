@@ -125,7 +125,7 @@ EntryPointer CopyEntry(CFAllocatorRef allocator, const KVManifestEntryClass &sou
     body.encryptionData = source.encryptionData;
     body.size = source.size;
     body.properties = source.properties;
-    body.attributesData = source.attributesData;
+    body.keptAttributes = source.keptAttributes;
     body.domainPathPair = source.domainPathPair;
     body.deviceFilename = source.deviceFilename;
     body.fileID = source.fileID;

@@ -38,9 +38,10 @@ void fillText(CF::Pointer<CFStringRef> &field, const MBFileView::Text &text) {
     }
 }
 
-void fillData(CF::Pointer<CFDataRef> &field, std::span<const std::uint8_t> bytes) {
+template <class Ref>
+void fillData(CF::Pointer<Ref> &field, std::span<const std::uint8_t> bytes) {
     if (!bytes.empty()) {
-        field = CF::Adopt(
+        field = CF::Adopt<Ref>(
             CFDataCreate(kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size())));
     }
 }
@@ -50,7 +51,27 @@ void fill(KVManifestEntryClass &entry, const MBFileView &record) {
     fillText(entry.target, record.Target);
     fillData(entry.dataHash, record.Digest);
     fillData(entry.encryptionData, record.EncryptionKey);
-    fillData(entry.attributesData, record.ExtendedAttributesData);
+    fillData(entry.keptAttributes, record.ExtendedAttributesData);
+}
+
+// An archive may hold names and values of any type. Hosts are shown those of the promised
+// types, and the others are written back with them.
+void fillAttributes(KVManifestEntryClass &entry, const CF::Dictionary &attributes) {
+    const auto shown = CF::Dictionary::Mutable();
+    attributes.ForEach([&](CFTypeRef name, CFTypeRef value) {
+        if (CF::String::Cast(name) && CF::Data::Cast(value)) {
+            shown.Set(name, value);
+        }
+    });
+    const auto copy = [](const CF::Dictionary &dictionary) {
+        return CF::Adopt(CFDictionaryCreateCopy(kCFAllocatorDefault, dictionary.get()));
+    };
+    if (shown.GetCount() > 0) {
+        entry.properties = copy(shown);
+    }
+    if (shown.GetCount() < attributes.GetCount()) {
+        entry.keptAttributes = copy(attributes).get();
+    }
 }
 
 void fill(KVManifestEntryClass &entry, const MB::File &record) {
@@ -65,11 +86,10 @@ void fill(KVManifestEntryClass &entry, const MB::File &record) {
         entry.encryptionData = record.EncryptionKey.get();
     }
     if (record.ExtendedAttributes.GetCount() > 0) {
-        entry.properties =
-            CF::Adopt(CFDictionaryCreateCopy(kCFAllocatorDefault, record.ExtendedAttributes.get()));
+        fillAttributes(entry, record.ExtendedAttributes);
     }
     if (!record.ExtendedAttributesData.IsEmpty()) {
-        entry.attributesData = record.ExtendedAttributesData.get();
+        entry.keptAttributes = record.ExtendedAttributesData.get();
     }
 }
 
@@ -92,6 +112,11 @@ void fillFromBytes(KVManifestEntryClass &entry, std::span<const std::uint8_t> by
     } else {
         fill(entry, decodeGenerally(bytes));
     }
+}
+
+// A type beyond those that an entry holds is none, rather than the one of its lowest bits.
+std::uint8_t fileTypeOf(int flags) {
+    return flags >= 0 && flags <= UINT8_MAX ? static_cast<std::uint8_t>(flags) : UINT8_MAX;
 }
 
 void logFailure(const char *text) {
@@ -119,7 +144,7 @@ EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fil
     if (fileID != nullptr) {
         SetFileID(body, CF::Adopt(CFStringCreateCopy(kCFAllocatorDefault, fileID)));
     }
-    body.fileType = static_cast<std::uint8_t>(flags);
+    body.fileType = fileTypeOf(flags);
     body.getFileFunc = loader;
     if (ZLLogIsEnabled(kZLLogLevelDetail)) {
         ZLLogDomain(GetLogDomain(), kZLLogLevelDetail, CFSTR("Created manifest entry %@"),

@@ -41,10 +41,11 @@ Record recordOf(const KVManifestEntryClass &entry) {
 
 void encodeGenerally(const KVManifestEntryClass &entry, Bytes &bytes) {
     auto record = recordOf<MB::File>(entry);
-    if (CFDictionaryGetCount(entry.properties.get()) > 0) {
+    // At most one of the two is there.
+    record.ExtendedAttributes = CF::Dictionary::Cast(entry.keptAttributes.get());
+    record.ExtendedAttributesData = CF::Data::Cast(entry.keptAttributes.get());
+    if (!entry.keptAttributes) {
         record.ExtendedAttributes = entry.properties.get();
-    } else {
-        record.ExtendedAttributesData = entry.attributesData.get();
     }
     const auto archive = ZK::make_keyed_archive(record);
     Kelvane::LocalError error;
@@ -61,7 +62,7 @@ void encodeGenerally(const KVManifestEntryClass &entry, Bytes &bytes) {
 // Few entries have attributes.
 bool Kelvane::EncodeEntryRecord(const KVManifestEntryClass &entry, Bytes &record) {
     try {
-        if (CFDictionaryGetCount(entry.properties.get()) > 0 || entry.attributesData) {
+        if (CFDictionaryGetCount(entry.properties.get()) > 0 || entry.keptAttributes) {
             encodeGenerally(entry, record);
         } else {
             EncodeMBFile(recordOf<MBFileFields>(entry), record);

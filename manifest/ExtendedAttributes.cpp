@@ -4,9 +4,12 @@
 
 namespace Kelvane {
 
-CF::Dictionary DecodeExtendedAttributes(CFDataRef data) {
-    const auto attributes =
-        CF::PropertyListType<CF::Dictionary>::FromPropertyListData(CF::Data(data));
+CF::Dictionary DecodeExtendedAttributes(CFTypeRef kept) {
+    const CF::Data data = CF::Data::Cast(kept);
+    if (!data) {
+        return {};
+    }
+    const auto attributes = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(data);
     bool textsAndData = true;
     attributes.ForEach([&](CFTypeRef name, CFTypeRef value) {
         textsAndData = textsAndData && CFGetTypeID(name) == CFStringGetTypeID() &&

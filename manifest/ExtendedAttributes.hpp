@@ -5,8 +5,9 @@
 
 namespace Kelvane {
 
-// The attributes by name, as a binary manifest holds them: strings and data. Null when the data,
+// The attributes that an entry keeps as they were, by name, as a binary manifest holds them:
+// strings and data. Null when they are a dictionary, which then holds more, or when the data,
 // which is a property list in backups of devices, is anything else.
-CF::Dictionary DecodeExtendedAttributes(CFDataRef data);
+CF::Dictionary DecodeExtendedAttributes(CFTypeRef kept);
 
 } // namespace Kelvane

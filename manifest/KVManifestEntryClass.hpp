@@ -61,10 +61,12 @@ struct KVManifestEntryClass {
     CFAbsoluteTime lastStatusChange = 0;
     mutable std::int64_t size = 0;
     std::uint64_t inode = 0;
+    // Names to data, and nothing else: hosts rely on it.
     CF::Pointer<CFDictionaryRef> properties;
-    // Extended attributes in the form in which devices write them, to be written back as they
-    // are; null when there are none.
-    CF::Pointer<CFDataRef> attributesData;
+    // All extended attributes of a record, to be written back as they are, where the properties
+    // do not tell them: the data in which devices write them, or a dictionary that holds more
+    // than names and data. Null where the properties are all there is.
+    CF::Pointer<CFTypeRef> keptAttributes;
     // Null until first asked for.
     mutable CF::Pointer<CFStringRef> domainPathPair;
     mutable CF::Pointer<CFStringRef> deviceFilename;

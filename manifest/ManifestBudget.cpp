@@ -88,7 +88,11 @@ std::uint64_t MemoryOfEntry(const KVManifestEntryClass &entry, CFStringRef previ
     bytes += MemoryOfText(entry.fileID.get());
     bytes += MemoryOfData(entry.dataHash.get());
     bytes += MemoryOfData(entry.encryptionData.get());
-    bytes += MemoryOfData(entry.attributesData.get());
+    if (entry.keptAttributes) {
+        GraphMemory kept(limit);
+        kept.Add(entry.keptAttributes.get());
+        bytes += kept.Bytes();
+    }
     if (entry.properties.get() != EmptyDictionary()) {
         GraphMemory properties(limit);
         properties.AddDictionary(entry.properties.get());

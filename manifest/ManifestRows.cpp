@@ -1,5 +1,8 @@
 #include "manifest/ManifestRows.hpp"
 
+#include <algorithm>
+#include <climits>
+
 namespace Kelvane {
 
 namespace {
@@ -68,7 +71,8 @@ bool ManifestRows::Next(ManifestRow &row) {
         row.fileID = TextOf(columns_[0]);
         row.domain = TextOf(columns_[1]);
         row.relativePath = TextOf(columns_[2]);
-        row.flags = columns_[3].getInt();
+        row.flags =
+            static_cast<int>(std::clamp<std::int64_t>(columns_[3].getInt64(), INT_MIN, INT_MAX));
         row.file = BytesOf(columns_[4]);
         row.index = index_++;
         TakeBytes(row);

@@ -147,9 +147,12 @@ bool AppendMbdbRecord(const KVManifestEntryClass &entry, std::vector<std::uint8_
         return false;
     }
     AppendFixedBlock(output, entry);
+    if (CF::Dictionary::Cast(entry.keptAttributes.get())) {
+        return false; // Some are no names with data, which the format has no place for.
+    }
     // An entry of a database may hold its attributes as that has them.
-    if (entry.attributesData && CFDictionaryGetCount(entry.properties.get()) == 0) {
-        const CF::Dictionary attributes = DecodeExtendedAttributes(entry.attributesData.get());
+    if (entry.keptAttributes && CFDictionaryGetCount(entry.properties.get()) == 0) {
+        const CF::Dictionary attributes = DecodeExtendedAttributes(entry.keptAttributes.get());
         return attributes && AppendProperties(output, attributes.get());
     }
     return AppendProperties(output, entry.properties.get());

@@ -46,7 +46,8 @@ KV_VISIBLE std::string class_name(const File &file);
 
 // Writes the fields into the archiver's current object; called by the archiver. To
 // archive a record call ZK::make_keyed_archive. Throws ZK::archiver_exceptions::
-// limit_exceeded when ExtendedAttributes nests too deeply, nothing else.
+// limit_exceeded when ExtendedAttributes nests too deeply or has too many members, nothing
+// else; what was decoded from an archive never does.
 KV_VISIBLE void encode(const File &file, ZK::keyed_archiver &archiver);
 
 // Reads the unarchiver's current object; called by the unarchiver. To read an archive

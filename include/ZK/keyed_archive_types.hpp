@@ -24,21 +24,31 @@ class keyed_unarchiver;
 
 namespace detail {
 
-// The most objects that may be nested in one another when an archive is written. The
-// codec recurses once a level; archives of the real world nest less than ten deep.
-inline constexpr std::size_t kMaxEncodingDepth = 100;
-// The same when an archive is read: what the writer accepts must be readable, and
-// reading a leaf takes up to three more levels (wrapper, its value, its class).
-inline constexpr std::size_t kMaxDecodingDepth = kMaxEncodingDepth + 28;
-// The most steps that reading one archive may take; following a reference is a step, and
-// so is reading one from an array. Objects that are referenced from many places are
-// decoded anew each time, so a few nested dictionaries that share their members could
-// take exponential time. An archive without such sharing needs at most 10 steps an
-// object (a pair of a dictionary tries five types for its value, each looking up the
-// class), so it is never refused, however large.
+// What is read can be written, and read again: the limits of both directions are the same.
+//
+// The most objects that may be in progress when an archive is read, each inside the one
+// before. The codec recurses once a level; archives of the real world nest less than ten
+// deep.
+inline constexpr std::size_t kMaxDecodingDepth = 128;
+// The most containers, a record included, that may be nested in one another. To read the
+// class or a member of the innermost takes a level more.
+inline constexpr std::size_t kMaxEncodingDepth = kMaxDecodingDepth - 1;
+// The most keys, values and elements that the containers of one archive may have, those of a
+// container counted wherever it stands: whoever compares or copies the result takes that
+// many steps. Written, a member is twelve values of a property list at most (a dictionary, its
+// keys, arrays and class, and the reference to it), so that the archive stays below the four
+// million that a list may have.
+inline constexpr std::size_t kMaxMembers = 300000;
+// The most steps that reading one archive may take for each of its objects and for each
+// reference in the arrays of these; following a reference is a step, and so is reading one
+// from an array. An archive as it should be needs at most 10 an object (a member tries five
+// types for its value, each looking up the class) and 2 a reference, so it is never refused
+// for them, however large. But a few objects may be made that lead through one another again
+// and again.
 inline constexpr std::size_t kMaxDecodingStepsPerObject = 16;
-// What archives may use on top of that, for the sharing that is ordinary. Together the
-// two keep a hostile archive of a few kilobytes to about a millisecond.
+inline constexpr std::size_t kMaxDecodingStepsPerReference = 4;
+// What archives may use on top of that. Together the three keep a hostile archive of a few
+// kilobytes to about a millisecond.
 inline constexpr std::size_t kFreeDecodingSteps = 4096;
 // Bounds of class dictionaries, which are read again for every object of the class. The
 // classes of real archives have names of some dozen characters and a handful of

@@ -26,6 +26,9 @@ namespace detail {
 struct KV_VISIBLE encoding_context {
     CF::Dictionary dictionary;
     std::uint32_t generated_keys = 0;
+    // Of the containers in it: members in all, and how deep they nest.
+    std::size_t members = 0;
+    std::size_t height = 0;
 };
 
 struct KV_VISIBLE value_hash {
@@ -94,6 +97,10 @@ class KV_VISIBLE keyed_archiver {
     template <class T>
     void store_obj(const T &value, uid reference);
 
+    // Notes members of the current object, before they are encoded. Throws limit_exceeded beyond
+    // detail::kMaxMembers.
+    [[gnu::visibility("hidden")]] void add_members(std::size_t count);
+
     // The archive. The archiver is of no further use.
     CF::Dictionary finishEncoding();
 
@@ -102,11 +109,16 @@ class KV_VISIBLE keyed_archiver {
     struct instance {
         uid reference;
         CF::AutoPointer keep_alive;
+        // As of the context in which it was encoded; the height includes itself.
+        std::size_t members = 0;
+        std::size_t height = 0;
     };
     template <class T>
     [[gnu::visibility("hidden")]] std::optional<uid> find(const T &object) const;
     template <class T>
     [[gnu::visibility("hidden")]] void note(const T &object, uid reference);
+    template <class T>
+    [[gnu::visibility("hidden")]] void add_container(const T &object);
     [[gnu::visibility("hidden")]] CF::String resolve_key(const CF::String &key, bool escape);
 
     CF::Array objects_;
@@ -117,7 +129,8 @@ class KV_VISIBLE keyed_archiver {
 };
 
 // The archive of one object, which is its root. T: as for the archiver. Throws
-// limit_exceeded when containers nest deeper than detail::kMaxEncodingDepth.
+// limit_exceeded when containers nest deeper than detail::kMaxEncodingDepth, or have more
+// members than detail::kMaxMembers.
 template <class T>
 KV_VISIBLE CF::Dictionary make_keyed_archive(const T &object);
 

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace ZK {
@@ -50,6 +51,20 @@ class KV_VISIBLE keyed_unarchiver {
     std::optional<T> get(uid reference);
     // The class of the current object; empty when it has none.
     std::optional<detail::archived_class> get_class();
+    // A member of a container, and how many members that has itself, those of members included.
+    // Null when it does not decode or is the null object, which no container can hold. Each
+    // object is decoded once, however many containers share it, but counts in all of them.
+    struct member {
+        CF::AutoPointer value;
+        std::size_t members = 0;
+        std::size_t height = 0; // containers in one another
+    };
+    [[gnu::visibility("hidden")]] member get_member(uid reference);
+    // A copy of the current object, an array that stands in the table as a value, with the members
+    // that containers can have.
+    [[gnu::visibility("hidden")]] CF::Array copy_plain_array(const CF::Array &array);
+    // Takes steps off the archive's share. Throws limit_exceeded when it is used up.
+    [[gnu::visibility("hidden")]] void charge(std::size_t steps);
     // The entry of the current object in the table; null when there is no current
     // object or it is the null object.
     CF::AutoPointer current() const;
@@ -63,11 +78,21 @@ class KV_VISIBLE keyed_unarchiver {
     [[gnu::visibility("hidden")]] std::optional<T> from_inline_value(CFTypeRef value);
     [[gnu::visibility("hidden")]] std::optional<std::vector<uid>> references_of(CFTypeRef value);
     [[gnu::visibility("hidden")]] void refuse_own_class() const;
-    [[gnu::visibility("hidden")]] void charge(std::size_t steps);
+    [[gnu::visibility("hidden")]] CF::AutoPointer plain_value(CFTypeRef value, std::size_t depth);
+    [[gnu::visibility("hidden")]] CF::Array plain_array(const CF::Array &array, std::size_t depth);
+    [[gnu::visibility("hidden")]] CF::Dictionary plain_dictionary(const CF::Dictionary &dictionary,
+                                                                  std::size_t depth);
+    [[gnu::visibility("hidden")]] void enter_plain(std::size_t depth, std::size_t members);
+    [[gnu::visibility("hidden")]] void add_members(std::size_t count);
 
     CF::Array objects_;
     std::vector<uid> stack_;
     std::size_t steps_left_;
+    // By number.
+    std::unordered_map<std::uint32_t, member> members_;
+    // Of the container that is being decoded, so far.
+    std::size_t member_count_ = 0;
+    std::size_t height_ = 0;
 };
 
 // The root object of an archive as a T; empty when it is none. Throws the exceptions of

@@ -8,6 +8,7 @@ using ZK::extract_keyed_archive;
 using ZK::make_keyed_archive;
 using ZK::detail::kMaxDecodingDepth;
 using ZK::detail::kMaxEncodingDepth;
+using ZK::detail::kMaxMembers;
 
 namespace {
 
@@ -40,6 +41,19 @@ CF::Dictionary doublingDictionaries(std::uint32_t levels) {
     return Archive(objects);
 }
 
+// A record whose attributes are dictionaries in one another.
+CF::Dictionary recordOfNested(std::uint32_t depth) {
+    std::vector<Value> objects = {Dictionary({{"ExtendedAttributes", UID(5)}, {"$class", UID(2)}}),
+                                  Class({"MBFile", "NSObject"}),
+                                  Class({"NSDictionary", "NSObject"}), String("name")};
+    for (std::uint32_t i = 1; i <= depth; ++i) {
+        const Value member = UIDs({i < depth ? 5 + i : 4});
+        objects.push_back(
+            Dictionary({{"NS.keys", UIDs({4})}, {"NS.objects", member}, {"$class", UID(3)}}));
+    }
+    return Archive(objects);
+}
+
 Value nestedDictionary(std::size_t depth) {
     Value inner = Dictionary({});
     for (std::size_t i = 1; i < depth; ++i) {
@@ -66,7 +80,7 @@ TEST(ArchiveLimits, RefusesDictionariesThatShareTheirMembersExponentially) {
     EXPECT_TRUE(extract_keyed_archive<CF::Dictionary>(doublingDictionaries(8)));
     EXPECT_EQ(MessageOf<errors::limit_exceeded>(
                   [] { (void)extract_keyed_archive<CF::Dictionary>(doublingDictionaries(60)); }),
-              "Archive takes too many steps to decode");
+              "Archive has too many members in its containers");
 }
 
 TEST(ArchiveLimits, EndsEveryLoop) {
@@ -118,18 +132,17 @@ TEST(ArchiveLimits, NeverRefusesManyObjectsOfAClass) {
 }
 
 TEST(ArchiveLimits, CountEveryReferenceThatIsRead) {
-    // 500 values that are one dictionary of 5000 keys and no object, which is absent.
-    const std::vector<Value> wide(5000, UID(5));
-    const std::vector<Value> again(500, UID(3));
-    const auto archive = Archive(
-        {Dictionary({{"NS.keys", Array(std::vector<Value>(500, UID(5)))},
-                     {"NS.objects", Array(again)},
-                     {"$class", UID(2)}}),
-         Class({"NSDictionary", "NSObject"}),
-         Dictionary({{"NS.keys", Array(wide)}, {"NS.objects", UIDs({})}, {"$class", UID(4)}}),
-         Class({"NSDictionary", "NSObject"}), String("key")});
+    // 500 arrays that share their 5000 references, none of which decodes.
+    const Value shared = Array(std::vector<Value>(5000, UID(0)));
+    std::vector<Value> objects = {Value(), Class({"NSArray", "NSObject"})};
+    std::vector<Value> members;
+    for (std::uint32_t i = 0; i < 500; ++i) {
+        objects.push_back(Dictionary({{"NS.objects", shared}, {"$class", UID(2)}}));
+        members.push_back(UID(3 + i));
+    }
+    objects[0] = Dictionary({{"NS.objects", Array(members)}, {"$class", UID(2)}});
     EXPECT_EQ(MessageOf<errors::limit_exceeded>(
-                  [&] { (void)extract_keyed_archive<CF::Dictionary>(archive); }),
+                  [&] { (void)extract_keyed_archive<CF::Array>(Archive(objects)); }),
               "Archive takes too many steps to decode");
 }
 
@@ -159,6 +172,70 @@ TEST(ArchiveLimits, ReadsWhateverTheWriterAccepts) {
     record.ExtendedAttributes = CF::Dictionary::Cast(nestedDictionary(kMaxEncodingDepth - 1).get());
     EXPECT_EQ(extract_keyed_archive<MB::File>(make_keyed_archive(record))->ExtendedAttributes,
               record.ExtendedAttributes);
+}
+
+TEST(ArchiveLimits, WritesWhateverTheReaderAccepts) {
+    // Of 126 dictionaries in a record the innermost is its 127th container; its class is read
+    // as the 128th object in progress.
+    const auto deepest = extract_keyed_archive<MB::File>(recordOfNested(126));
+    ASSERT_TRUE(deepest);
+    const auto again = extract_keyed_archive<MB::File>(make_keyed_archive(*deepest));
+    EXPECT_EQ(again->ExtendedAttributes, deepest->ExtendedAttributes);
+    EXPECT_EQ(MessageOf<errors::limit_exceeded>(
+                  [] { (void)extract_keyed_archive<MB::File>(recordOfNested(127)); }),
+              "Archive nests its objects too deeply");
+}
+
+TEST(ArchiveLimits, BoundMembersAlikeInBothDirections) {
+    const auto arrayOf = [](std::size_t count) {
+        return CF::Array::Cast(Array(std::vector<Value>(count, Number(1))).get());
+    };
+    const auto archive = make_keyed_archive(arrayOf(kMaxMembers));
+    EXPECT_EQ(extract_keyed_archive<CF::Array>(archive)->GetCount(),
+              static_cast<CFIndex>(kMaxMembers));
+    EXPECT_EQ(MessageOf<errors::limit_exceeded>(
+                  [&] { (void)make_keyed_archive(arrayOf(kMaxMembers + 1)); }),
+              "Objects have too many members to be archived");
+    const auto tooMany =
+        Archive({Dictionary({{"NS.objects", Array(std::vector<Value>(kMaxMembers + 1, UID(3)))},
+                             {"$class", UID(2)}}),
+                 Class({"NSArray", "NSObject"}), Number(1)});
+    EXPECT_EQ(
+        MessageOf<errors::limit_exceeded>([&] { (void)extract_keyed_archive<CF::Array>(tooMany); }),
+        "Archive has too many members in its containers");
+}
+
+TEST(ArchiveLimits, WriteSharedContainersThatTheReaderAccepts) {
+    Value inner = Array(std::vector<Value>(500, Number(1)));
+    const auto shared = CF::Array::Cast(Array(std::vector<Value>(500, inner)).get());
+    EXPECT_EQ(*extract_keyed_archive<CF::Array>(make_keyed_archive(shared)), shared);
+    const auto beyond = CF::Array::Cast(Array(std::vector<Value>(700, inner)).get());
+    EXPECT_THROW((void)make_keyed_archive(beyond), errors::limit_exceeded);
+}
+
+TEST(ArchiveLimits, CountDepthThroughSharedContainers) {
+    const Value deep = nestedDictionary(kMaxEncodingDepth - 1);
+    const auto fits = CF::Dictionary::Cast(Dictionary({{"a", deep}, {"b", deep}}).get());
+    EXPECT_EQ(*extract_keyed_archive<CF::Dictionary>(make_keyed_archive(fits)), fits);
+    const auto beyond =
+        CF::Dictionary::Cast(Dictionary({{"a", deep}, {"b", Dictionary({{"c", deep}})}}).get());
+    EXPECT_THROW((void)make_keyed_archive(beyond), errors::limit_exceeded);
+}
+
+TEST(ArchiveLimits, BoundTheComparingOfContainersAsKeys) {
+    // Arrays of one element each, which all hash alike.
+    std::vector<Value> objects = {Value(), Class({"NSDictionary", "NSObject"}),
+                                  Class({"NSArray", "NSObject"})};
+    std::vector<Value> keys;
+    for (std::uint32_t i = 0; i < 20000; ++i) {
+        objects.push_back(Array({Number(i)}));
+        keys.push_back(UID(4 + i));
+    }
+    objects[0] =
+        Dictionary({{"NS.keys", Array(keys)}, {"NS.objects", Array(keys)}, {"$class", UID(2)}});
+    EXPECT_EQ(MessageOf<errors::limit_exceeded>(
+                  [&] { (void)extract_keyed_archive<CF::Dictionary>(Archive(objects)); }),
+              "Archive takes too many steps to decode");
 }
 
 TEST(ArchiveLimits, RefusesToWriteWhatNestsTooDeeply) {

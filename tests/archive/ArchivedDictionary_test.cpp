@@ -135,3 +135,32 @@ TEST(ArchivedArray, MayStandInTheTableAsAValue) {
     EXPECT_EQ(array->GetCount(), 1);
     EXPECT_FALSE(extract_keyed_archive<CF::Array>(Archive({String("x")})));
 }
+
+TEST(ArchivedArray, AsAValueHasTheMembersThatOthersCanHave) {
+    const auto archive = Archive({Array({Number(1), kCFNull, kCFBooleanTrue, UID(1), Data({2}),
+                                         Array({String("x"), kCFBooleanFalse}),
+                                         Dictionary({{"k", String("v")}, {"null", kCFNull}})})});
+    const auto expected =
+        Array({Number(1), Data({2}), Array({String("x")}), Dictionary({{"k", String("v")}})});
+    const auto array = extract_keyed_archive<CF::Array>(archive);
+    ASSERT_TRUE(array);
+    EXPECT_TRUE(CFEqual(array->get(), expected.get()));
+    EXPECT_EQ(*extract_keyed_archive<CF::Array>(make_keyed_archive(*array)), *array);
+}
+
+TEST(ArchivedArray, AsAValueNestsNoDeeperThanOthers) {
+    const auto nested = [](std::size_t depth) {
+        Value array = Array({});
+        for (std::size_t i = 1; i < depth; ++i) {
+            array = Array({array});
+        }
+        return Archive({array});
+    };
+    const auto deepest = extract_keyed_archive<CF::Array>(nested(ZK::detail::kMaxEncodingDepth));
+    ASSERT_TRUE(deepest);
+    EXPECT_EQ(*extract_keyed_archive<CF::Array>(make_keyed_archive(*deepest)), *deepest);
+    EXPECT_EQ(MessageOf<ZK::archiver_exceptions::limit_exceeded>([&] {
+                  (void)extract_keyed_archive<CF::Array>(nested(ZK::detail::kMaxEncodingDepth + 1));
+              }),
+              "Archive nests its objects too deeply");
+}

@@ -268,7 +268,7 @@ TEST(FastMBFileEncoder, WritesWhatPythonReads) {
         "      record['Size'], record['Birth'], record['InodeNumber'],\n"
         "      follow('$class')['$classes'], sorted(record) == sorted(set(record)))\n",
         {}, std::string(archive.begin(), archive.end()));
-    EXPECT_EQ(result.output, "'p/\\xc4' t 0102 70000 -1 -1 "
+    EXPECT_EQ(result.output, "'p/\\xc4' t 0102 70000 -1 18446744073709551615 "
                              "['MBFile', 'NSObject'] True\n")
         << result.errors;
 }

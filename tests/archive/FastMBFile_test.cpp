@@ -121,6 +121,30 @@ TEST(FastMBFile, HandlesTheRecordsThatWeWrite) {
     }
 }
 
+TEST(FastMBFile, AgreesWithTheCodecOnNumbersBeyondTheirFields) {
+    Tally tally;
+    for (const char *field : {"Mode", "UserID", "GroupID", "LastModified", "LastStatusChange",
+                              "Birth", "Size", "InodeNumber", "ProtectionClass"}) {
+        for (unsigned bit = 0; bit < 64; ++bit) {
+            for (const std::uint64_t value : {std::uint64_t{1} << bit, ~(std::uint64_t{1} << bit),
+                                              (std::uint64_t{1} << bit) - 1}) {
+                for (const CF::Number &number :
+                     {CF::Number::FromUInt64(value),
+                      CF::Number::FromInt64(static_cast<std::int64_t>(value))}) {
+                    const auto archive =
+                        Archive({Dictionary({{field, number.get()}, {"$class", UID(2)}}),
+                                 Class({"MBFile", "NSObject"})});
+                    tally.check(
+                        PropertyList::ToPropertyListData(archive, kCFPropertyListBinaryFormat_v1_0)
+                            .GetVector());
+                }
+            }
+        }
+    }
+    EXPECT_EQ(tally.disagreements, 0);
+    EXPECT_GT(tally.handled, tally.blobs / 2);
+}
+
 TEST(FastMBFile, LeavesAttributesToTheCodec) {
     MB::File file = ourRecord();
     file.ExtendedAttributes = AttributesField(2);

@@ -1,4 +1,5 @@
 #include "Archives.hpp"
+#include "corefoundation/CFNumberInternal.hpp"
 
 using namespace ArchiveTest;
 namespace errors = ZK::archiver_exceptions;
@@ -58,6 +59,17 @@ TEST(ArchiveValidation, RefusesAnUnknownVersionAndKeepsIt) {
     }
     EXPECT_EQ(extractFailure(With(validArchive(), "$version", Number(-5000000000))),
               "Archive has unknown version -5000000000");
+}
+
+TEST(ArchiveValidation, RefusesVersionsThatAreNearlyTheKnownOne) {
+    const Value beyond64Bits = CF::Adopt<CFTypeRef>(_CFNumberCreateWithInt128(nullptr, 1, 100000));
+    EXPECT_EQ(extractFailure(With(validArchive(), "$version", beyond64Bits)),
+              "Archive has unknown version 9223372036854775807");
+    EXPECT_EQ(
+        extractFailure(With(validArchive(), "$version", CF::Number::FromDouble(100000.5).get())),
+        "Archive has unknown version 100000");
+    EXPECT_TRUE(extract_keyed_archive<CF::String>(
+        With(validArchive(), "$version", CF::Number::FromDouble(100000).get())));
 }
 
 TEST(ArchiveValidation, RefusesAMissingTop) {
@@ -122,6 +134,8 @@ TEST(ArchiveReference, IsNothingElse) {
     EXPECT_FALSE(extract_uid(Dictionary({{"CF$UID", Number(7)}, {"x", Number(1)}}).get()));
     EXPECT_FALSE(extract_uid(UIDDictionary(-1).get()));
     EXPECT_FALSE(extract_uid(UIDDictionary(0x80000000).get()));
+    const Value beyond64Bits = CF::Adopt<CFTypeRef>(_CFNumberCreateWithInt128(nullptr, 1, 7));
+    EXPECT_FALSE(extract_uid(Dictionary({{"CF$UID", beyond64Bits}}).get()));
     EXPECT_FALSE(extract_uid(Dictionary({{"CF$UID", CF::Number::FromDouble(7.5).get()}}).get()));
 }
 

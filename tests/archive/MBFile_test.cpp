@@ -197,8 +197,40 @@ TEST(MBFile, TakesInlineStringsAndDataAsTheyStand) {
     EXPECT_EQ(record.Digest.GetLength(), 1);
 }
 
-TEST(MBFile, CutsNumbersToTheFieldsSize) {
-    const MB::File record = decode({{"Mode", Number(0x1000081A4)}, {"UserID", Number(-2)}});
-    EXPECT_EQ(record.Mode, 0x81A4);
+TEST(MBFile, TakesNumbersForSignedOrUnsigned) {
+    const MB::File record = decode({{"Mode", Number(0xFFFF81A4)}, {"UserID", Number(-2)}});
+    EXPECT_EQ(record.Mode, -0x7E5C);
     EXPECT_EQ(record.UserID, 0xFFFFFFFEu);
+}
+
+TEST(MBFile, TakesTheNearestNumberThatAFieldHolds) {
+    const Value wide = CF::Number::FromUInt64(0x8000000000000000).get();
+    const MB::File record = decode({{"Mode", Number(0x1000081A4)},
+                                    {"GroupID", Number(0x100000005)},
+                                    {"ProtectionClass", Number(-0x100000000)},
+                                    {"Size", wide},
+                                    {"Birth", wide},
+                                    {"InodeNumber", wide}});
+    EXPECT_EQ(record.Mode, -1);
+    EXPECT_EQ(record.GroupID, 0xFFFFFFFFu);
+    EXPECT_EQ(record.ProtectionClass, INT32_MIN);
+    EXPECT_EQ(record.Size, INT64_MAX);
+    EXPECT_EQ(record.Birth, INT64_MAX);
+    EXPECT_EQ(record.InodeNumber, 0x8000000000000000u);
+}
+
+TEST(MBFile, WritesInodeNumbersAsTheyAre) {
+    for (const std::uint64_t inode : {std::uint64_t{1} << 63, ~std::uint64_t{0}}) {
+        MB::File record;
+        record.InodeNumber = inode;
+        const auto archive = make_keyed_archive(record);
+        const auto number = ObjectAt(archive, 1).Get<CF::Number>(CFSTR("InodeNumber"));
+        EXPECT_EQ(number.GetWide().high, 0);
+        EXPECT_EQ(number.GetWide().low, inode);
+        EXPECT_EQ(extract_keyed_archive<MB::File>(archive)->InodeNumber, inode);
+    }
+}
+
+TEST(MBFile, ReadsInodeNumbersThatWereWrittenAsNegative) {
+    EXPECT_EQ(decode({{"InodeNumber", Number(-1)}}).InodeNumber, ~std::uint64_t{0});
 }

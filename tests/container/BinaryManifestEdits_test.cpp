@@ -121,7 +121,7 @@ TEST(BinaryManifestEdits, RefuseAttributesThatTheRecordCannotHold) {
 // Attributes as a device writes them into a database: a property list as plain data.
 Entry entryWithRawAttributes(const CF::Data &attributes) {
     const Entry entry = directoryEntry();
-    entry.get()->attributesData = CF::Pointer<CFDataRef>(attributes.get());
+    entry.get()->keptAttributes = attributes.get();
     return entry;
 }
 

@@ -54,6 +54,17 @@ MB::File withAttributes(MB::File record) {
     return record;
 }
 
+// With names that are no texts and values that are no data among them.
+MB::File withOddAttributes(const MB::File &record) {
+    MB::File odd = withAttributes(record);
+    const auto attributes = CF::Dictionary::MutableCopy(odd.ExtendedAttributes.get());
+    attributes.Set(CFSTR("text"), CFSTR("value"));
+    attributes.Set(CF::Number::FromInt32(7).get(), CF::Data(std::vector<std::uint8_t>{2}).get());
+    attributes.Set(CFSTR("dictionary"), CF::Dictionary::MutableCopy(attributes.get()).get());
+    odd.ExtendedAttributes = attributes;
+    return odd;
+}
+
 void expectSample(const Entry &entry) {
     ASSERT_TRUE(entry);
     EXPECT_EQ(textOf(KVManifestEntryGetTarget(entry.get())), "tärget");
@@ -118,6 +129,21 @@ TEST(EntryFromMBFile, TakesAttributesAsProperties) {
     EXPECT_EQ(properties.Get<CF::Data>(CFSTR("com.example")).GetLength(), 1);
 }
 
+TEST(EntryFromMBFile, ShowsNamesWithDataAlone) {
+    const Entry entry = read(archiveOf(withOddAttributes(sampleRecord())));
+    ASSERT_TRUE(entry);
+    const CF::Dictionary properties(KVManifestEntryGetProperties(entry.get()));
+    EXPECT_EQ(properties.GetCount(), 1);
+    EXPECT_EQ(properties.Get<CF::Data>(CFSTR("com.example")).GetLength(), 1);
+}
+
+TEST(EntryFromMBFile, IsCopiedWithAttributesThatItDoesNotShow) {
+    const Entry entry = read(archiveOf(withOddAttributes(sampleRecord())));
+    const auto copy = CF::Adopt(KVManifestEntryCreateCopy(nullptr, entry.get(), nullptr));
+    EXPECT_EQ(written(copy).ExtendedAttributes,
+              withOddAttributes(sampleRecord()).ExtendedAttributes);
+}
+
 TEST(EntryFromMBFile, InstallsTheLoader) {
     const Entry entry = read(archiveOf(sampleRecord()), 1,
                              [](CFStringRef, CFErrorRef *) { return makeFile("loaded").detach(); });
@@ -162,6 +188,32 @@ TEST(EntryFromMBFile, RefusesAnotherProtectionClass) {
                   "Failed to deserialize MBFile: invalid protection class code");
         EXPECT_EQ(failureOf(archiveOf(withAttributes(record))),
                   "Failed to deserialize MBFile: invalid protection class code");
+    }
+}
+
+// {"$objects": ..., "$version": ...} as any number may be written.
+CF::Data archiveWith(CFStringRef field, const CF::Number &number) {
+    auto archive = CF::Dictionary::MutableCopy(ZK::make_keyed_archive(sampleRecord()).get());
+    const auto objects = CF::Array::MutableCopy(archive.Get<CF::Array>(CFSTR("$objects")).get());
+    const auto record = CF::Dictionary::MutableCopy(CF::Dictionary::Cast(objects.GetAt(1)).get());
+    record.Set(field, number.get());
+    objects.SetAt(1, record.get());
+    archive.Set(CFSTR("$objects"), objects.get());
+    return PropertyList::ToPropertyListData(archive, kCFPropertyListBinaryFormat_v1_0);
+}
+
+TEST(EntryFromMBFile, RefusesAProtectionClassWhoseLowestBitsAreOne) {
+    for (const std::int64_t code : {0x100000000, 0x100000003, -0x100000000, INT64_MAX, INT64_MIN}) {
+        EXPECT_EQ(failureOf(archiveWith(CFSTR("ProtectionClass"), CF::Number::FromInt64(code))),
+                  "Failed to deserialize MBFile: invalid protection class code")
+            << code;
+    }
+}
+
+TEST(EntryFromMBFile, HasNoTypeWhereFlagsHaveMoreBits) {
+    for (const int flags : {257, 260, -1, INT_MAX, INT_MIN}) {
+        const Entry entry = read(archiveOf(sampleRecord()), flags);
+        EXPECT_EQ(KVManifestEntryGetFileType(entry.get()), 255) << flags;
     }
 }
 
@@ -215,7 +267,7 @@ TEST(EntryToMBFile, LeavesOutWhatIsEmpty) {
 TEST(EntryToMBFile, WritesAttributesOfADeviceAsTheyWereRead) {
     const CF::Data attributes(std::vector<std::uint8_t>{'b', 'p', 'l', 'i', 's', 't', '0', '0'});
     const Entry made = makeDirectory("D", "p");
-    made.get()->attributesData = CF::Pointer<CFDataRef>(attributes.get());
+    made.get()->keptAttributes = attributes.get();
     const auto data = CF::Data::Adopt(KVManifestEntryCreateMBFileDataRepresentation(made.get()));
     const auto read = CF::Adopt(KVManifestEntryCreateFromMBFileData(
         nullptr, CFSTR("id"), CFSTR("D"), CFSTR("p"), 2, data, nullptr));
@@ -223,6 +275,17 @@ TEST(EntryToMBFile, WritesAttributesOfADeviceAsTheyWereRead) {
     EXPECT_EQ(CFDictionaryGetCount(KVManifestEntryGetProperties(read.get())), 0);
     const auto copy = CF::Adopt(KVManifestEntryCreateCopy(nullptr, read.get(), nullptr));
     EXPECT_EQ(written(copy).ExtendedAttributesData, attributes);
+}
+
+TEST(EntryToMBFile, WritesAttributesThatAreNotShown) {
+    const Entry entry = read(archiveOf(withOddAttributes(sampleRecord())));
+    EXPECT_EQ(written(entry).ExtendedAttributes,
+              withOddAttributes(sampleRecord()).ExtendedAttributes);
+}
+
+TEST(EntryToMBFile, GivesNoMbdbRecordForAttributesThatItHasNoPlaceFor) {
+    const Entry entry = read(archiveOf(withOddAttributes(sampleRecord())));
+    EXPECT_EQ(KVManifestEntryCreateManifestDataRepresentation(entry.get()), nullptr);
 }
 
 TEST(EntryToMBFile, WritesABinaryPropertyList) {

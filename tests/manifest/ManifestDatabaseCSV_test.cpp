@@ -160,11 +160,12 @@ TEST_F(ManifestDatabaseCSV, ShowsNumbersInTheWidthOfTheirFields) {
                           R"("4273274496","978307200","978307200","-1","0","")"));
 }
 
-TEST_F(ManifestDatabaseCSV, CutsWideNumbersOfOthersToTheirFields) {
-    EXPECT_THAT(LinesOf(R"({"fileID": "id", "flags": -3, "file": {"Mode": 4294967295,
+TEST_F(ManifestDatabaseCSV, ShowsTheNearestNumbersThatFieldsHold) {
+    EXPECT_THAT(
+        LinesOf(R"({"fileID": "id", "flags": -3, "file": {"Mode": 4294967295,
                            "UserID": -1, "GroupID": 4294967297, "ProtectionClass": 9, "Size": -5}})"),
-                ElementsAre(R"("id","","","-3","","","","","-1","0","4294967295","1","0","0","0",)"
-                            R"("-5","9","")"));
+        ElementsAre(R"("id","","","-3","","","","","-1","0","4294967295","4294967295","0","0","0",)"
+                    R"("-5","9","")"));
 }
 
 TEST_F(ManifestDatabaseCSV, DescribesExtendedAttributes) {

@@ -169,7 +169,7 @@ TEST(ManifestMbdbWrite, TakesAttributesInTheFormOfADatabase) {
     const auto properties = CF::Dictionary::Mutable();
     properties.Set(CFSTR("n"), DataOf({1, 2}).get());
     auto raw = MakeEntry("D", "p");
-    raw.get()->attributesData = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
+    raw.get()->keptAttributes = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
                                     properties, kCFPropertyListBinaryFormat_v1_0)
                                     .get();
     const auto record = CF::Data::Adopt(KVManifestEntryCreateManifestDataRepresentation(raw.get()));
@@ -181,7 +181,7 @@ TEST(ManifestMbdbWrite, TakesAttributesInTheFormOfADatabase) {
 
 TEST(ManifestMbdbWrite, ReportsAttributesOfADatabaseThatNobodyUnderstands) {
     auto raw = MakeEntry("D", "p");
-    raw.get()->attributesData = DataOf({'x'}).get();
+    raw.get()->keptAttributes = DataOf({'x'}).get();
     EXPECT_EQ(KVManifestEntryCreateManifestDataRepresentation(raw.get()), nullptr);
 }
 
