@@ -121,9 +121,9 @@ KV_EXPORT KVFileClass *KVManifestEntryGetFile(const KVManifestEntryClass *entry,
 /* ---- Records of manifests ------------------------------------------------ */
 
 /* The entry as a row of Manifest.db keeps it: a keyed archive of an MBFile object as
- * a binary property list. The caller releases it. Null when it cannot be written,
- * which is logged. Times before 2001 come out 2^32 seconds too late; the format's
- * writers have always done so and its readers know it. */
+ * a binary property list. The caller releases it. Null when it cannot be written (above
+ * 64 MiB, which few records that are read come near), which is logged. Times before 2001 come out
+ * 2^32 seconds too late; the format's writers have always done so and its readers know it. */
 KV_EXPORT CFDataRef
 KVManifestEntryCreateMBFileDataRepresentation(const KVManifestEntryClass *entry);
 /* The entry as a record of Manifest.mbdb. The caller releases it. Null when a field

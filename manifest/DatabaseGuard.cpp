@@ -10,10 +10,6 @@ namespace Kelvane {
 
 namespace {
 
-// The longest value. Rows of devices have 2 kB; what is far longer only serves to fill
-// memory.
-constexpr int kMaximumValueLength = 64 * 1024 * 1024;
-
 struct Setting {
     int option;
     int value;

@@ -8,6 +8,10 @@
 
 namespace Kelvane {
 
+// The longest value that is read or written. Rows of devices have 2 kB; what is far longer only
+// serves to fill memory.
+inline constexpr int kMaximumValueLength = 64 * 1024 * 1024;
+
 // The database, or code 2, "Database closed", for null.
 SQLite::Database &RequireOpen(SQLite::Database *database);
 

@@ -5,6 +5,7 @@
 #include "ZK/keyed_archiver.hpp"
 #include "archive/FastMBFileEncoder.hpp"
 #include "foundation/Boundary.hpp"
+#include "manifest/DatabaseGuard.hpp"
 #include "support/cf/CF.hpp"
 #include "support/zk/Log.hpp"
 
@@ -66,6 +67,11 @@ bool Kelvane::EncodeEntryRecord(const KVManifestEntryClass &entry, Bytes &record
             encodeGenerally(entry, record);
         } else {
             EncodeMBFile(recordOf<MBFileFields>(entry), record);
+        }
+        // References take more bytes as we write them than as devices do, so that the largest
+        // records that are read may come out too large.
+        if (record.size() > kMaximumValueLength) {
+            throw std::length_error("The record is longer than a database may hold");
         }
         return true;
     } catch (const std::exception &exception) {

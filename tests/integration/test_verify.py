@@ -11,6 +11,7 @@ import sqlite3
 import zipfile
 from collections.abc import Callable
 from pathlib import Path
+from plistlib import UID
 from typing import Any
 
 from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, SAMPLES, ToolTest, WITH_PASSWORD, backup, \
@@ -249,6 +250,50 @@ class Entries(VerifyTest):
         end = data.index(b"\x00" + bytes([len(NOTES)]) + NOTES.encode(), start + 2)
         manifest.write_bytes(data + data[start:end])
         self.assertEqual(self.only_problem(path)["kind"], "file-id-shared")
+
+    def test_whose_record_has_attributes_nested_deeply_can_be_written(self) -> None:
+        path = self.copy()
+        self.edit_attributes(path, lambda add, attributes: attributes, depth=110)
+        self.assert_clean(path)
+        self.succeed("export", path, self.folder / "exported")
+        self.assert_clean(self.folder / "exported")
+
+    def test_whose_record_cannot_be_written_are_named(self) -> None:
+        """References of ours take more bytes than those of the property list's own kind."""
+        path = self.copy()
+        limit = 64 << 20
+
+        def enlarge(add: Callable[[Any], UID], attributes: dict[str, Any]) -> None:
+            value = add(bytes(limit - (1 << 20)))
+            attributes["NS.keys"] = [add(f"name {i}") for i in range(30000)]
+            attributes["NS.objects"] = [value] * 30000
+        self.edit_attributes(path, enlarge)
+        problem = self.only_problem(path)
+        self.assertEqual((problem["kind"], problem["path"]), ("unwritable", WELCOME))
+
+    def edit_attributes(self, path: Path, change: Callable[[Callable[[Any], UID], dict[str, Any]], Any],
+                        depth: int = 1) -> None:
+        """Gives a row's record dictionaries as attributes, of which change fills the innermost."""
+        def edit(connection: sqlite3.Connection) -> None:
+            [blob] = connection.execute("SELECT file FROM Files WHERE relativePath = ?", (WELCOME,)).fetchone()
+            archive = plistlib.loads(blob)
+            objects = archive["$objects"]
+
+            def add(value: Any) -> UID:
+                objects.append(value)
+                return UID(len(objects) - 1)
+            kind = add({"$classname": "NSDictionary", "$classes": ["NSDictionary", "NSObject"]})
+            name = add("com.example.name")
+            attributes: dict[str, Any] = {"$class": kind, "NS.keys": [name], "NS.objects": [name]}
+            innermost, inner = attributes, add(attributes)
+            for _ in range(1, depth):
+                inner = add({"$class": kind, "NS.keys": [name], "NS.objects": [inner]})
+            objects[archive["$top"]["root"].data]["ExtendedAttributes"] = inner
+            change(add, innermost)
+            blob = plistlib.dumps(archive, fmt=plistlib.FMT_BINARY, sort_keys=False)
+            self.assertLessEqual(len(blob), 64 << 20)
+            connection.execute("UPDATE Files SET file = ? WHERE relativePath = ?", (blob, WELCOME))
+        self.edit(path, edit)
 
     def test_whose_file_id_is_not_theirs(self) -> None:
         path = self.copy()

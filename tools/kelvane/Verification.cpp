@@ -59,6 +59,7 @@ void Verification::checkEntry(Entry *entry) const {
                           "', that of its domain and path is " + own.GetUTF8();
         sink_(problem);
     }
+    checkRecord(entry);
     switch (TypeOf(entry)) {
     case EntryType::File:
         contentCheck_.Run(entry);
@@ -72,6 +73,19 @@ void Verification::checkEntry(Entry *entry) const {
     case EntryType::Directory:
     case EntryType::Symlink:
         break;
+    }
+}
+
+void Verification::checkRecord(Entry *entry) const {
+    const auto record =
+        CF::Data::Adopt(usesDatabase_ ? KVManifestEntryCreateMBFileDataRepresentation(entry)
+                                      : KVManifestEntryCreateManifestDataRepresentation(entry));
+    if (!record) {
+        Problem problem;
+        problem.kind = "unwritable";
+        problem.entry = entry;
+        problem.message = "its record cannot be written again, so the backup cannot be exported";
+        sink_(problem);
     }
 }
 

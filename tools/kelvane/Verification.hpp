@@ -35,6 +35,7 @@ class Verification {
 
   private:
     void checkEntry(Entry *entry) const;
+    void checkRecord(Entry *entry) const;
     std::string fileIDOf(std::string_view storedName) const;
     bool countAsMetadata(const std::string &name);
     void countOnce(std::vector<bool> &met, std::size_t number, const std::string &name);
