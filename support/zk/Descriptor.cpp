@@ -29,6 +29,14 @@ void throwIf(const boost::system::error_code &error, const char *what) {
     }
 }
 
+struct stat statusOf(int fd) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        throwIf({errno, boost::system::system_category()}, "fstat");
+    }
+    return status;
+}
+
 } // namespace
 
 struct descriptor::stream {
@@ -66,12 +74,10 @@ void descriptor::close(boost::system::error_code &error) noexcept {
 }
 
 std::uint64_t descriptor::size() const {
-    struct stat status {};
-    if (::fstat(native_handle(), &status) != 0) {
-        throwIf({errno, boost::system::system_category()}, "fstat");
-    }
-    return static_cast<std::uint64_t>(status.st_size);
+    return static_cast<std::uint64_t>(statusOf(native_handle()).st_size);
 }
+
+std::time_t descriptor::last_write_time() const { return statusOf(native_handle()).st_mtime; }
 
 std::size_t readable_file::read_some(std::span<std::uint8_t> buffer,
                                      boost::system::error_code &error) {

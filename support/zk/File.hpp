@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <span>
 #include <string>
@@ -14,6 +15,7 @@
 namespace ZK::file {
 
 class directory;
+class root_directory;
 
 // What both kinds of file share: a descriptor, closed on destruction, and its lock.
 // Failures are boost::system::system_error with errno as the code, unless a call
@@ -38,8 +40,9 @@ class descriptor {
     // written before may be lost, which some file systems find out only now.
     void close() noexcept;
     void close(boost::system::error_code &error) noexcept;
-    // Size in bytes of the open file, now.
+    // Size in bytes of the open file, now, and when it was last written to.
     std::uint64_t size() const;
+    std::time_t last_write_time() const;
 
   protected:
     struct stream;
@@ -56,6 +59,10 @@ class readable_file : public descriptor {
     readable_file() noexcept = default;
     explicit readable_file(const filesystem::path &path);
     readable_file(const filesystem::path &path, boost::system::error_code &error);
+    // The file of that name below the directory, reached over no link: ELOOP when there is one.
+    readable_file(const root_directory &root, const std::string &name);
+    readable_file(const root_directory &root, const std::string &name,
+                  boost::system::error_code &error);
 
     // One read of up to buffer.size() bytes at the current position; 0, without an
     // error, at the end of the file.

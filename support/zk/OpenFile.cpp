@@ -1,5 +1,6 @@
 #include "support/zk/Directory.hpp"
 #include "support/zk/File.hpp"
+#include "support/zk/RootDirectory.hpp"
 #include "support/zk/UniqueDescriptor.hpp"
 
 #include <boost/system/system_error.hpp>
@@ -165,20 +166,40 @@ Failure openOrCreate(const filesystem::path &path, int flags, int &result) {
     return failure;
 }
 
+void adviseSequential(int fd) {
+#if defined(POSIX_FADV_SEQUENTIAL)
+    // Advice only: larger read-ahead. Its failure changes nothing.
+    (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+#else
+    (void)fd;
+#endif
+}
+
 Failure openForReading(const filesystem::path &path, int &result) {
     const Failure failure = openExisting(path, O_RDONLY, Lock::Shared, result);
-#if defined(POSIX_FADV_SEQUENTIAL)
     if (!failure) {
-        // Advice only: larger read-ahead. Its failure changes nothing.
-        (void)::posix_fadvise(result, 0, 0, POSIX_FADV_SEQUENTIAL);
+        adviseSequential(result);
     }
-#endif
     return failure;
 }
 
-int openForReadingOrThrow(const filesystem::path &path) {
+Failure openForReading(const root_directory &root, const std::string &name, int &result) {
+    unique_descriptor fd(root.open_file(name));
+    if (fd.get() < 0) {
+        return {errno, errno == EISDIR || errno == EOPNOTSUPP ? "Not a regular file" : "open"};
+    }
+    const Failure failure = admit(fd.get(), Lock::Shared);
+    if (!failure) {
+        result = fd.release();
+        adviseSequential(result);
+    }
+    return failure;
+}
+
+template <class... Place>
+int openForReadingOrThrow(const Place &...place) {
     int fd = -1;
-    if (const Failure failure = openForReading(path, fd)) {
+    if (const Failure failure = openForReading(place..., fd)) {
         raise(failure);
     }
     return fd;
@@ -192,6 +213,19 @@ readable_file::readable_file(const filesystem::path &path)
 readable_file::readable_file(const filesystem::path &path, boost::system::error_code &error) {
     int fd = -1;
     const Failure failure = openForReading(path, fd);
+    assign(failure, error);
+    if (!failure) {
+        *this = readable_file(fd);
+    }
+}
+
+readable_file::readable_file(const root_directory &root, const std::string &name)
+    : descriptor(openForReadingOrThrow(root, name)) {}
+
+readable_file::readable_file(const root_directory &root, const std::string &name,
+                             boost::system::error_code &error) {
+    int fd = -1;
+    const Failure failure = openForReading(root, name, fd);
     assign(failure, error);
     if (!failure) {
         *this = readable_file(fd);
