@@ -57,8 +57,13 @@ void RequireSizeWithin(std::uint64_t size, std::uint64_t limit);
 // A name as the file system or a zip has it. What is not UTF-8 reads as ISO 8859-1.
 CF::String SourceFileName(std::string_view bytes);
 
-// Files are referenced in place. A missing one is code 16.
-std::shared_ptr<BackupSource> OpenDirectorySource(const CF::String &directory);
+// What becomes of symbolic links below a backup's directory, which its own path never means.
+enum class Links { Refuse, Follow };
+
+// Files are referenced in place. A missing one is code 16; one that a link leads to is code 10
+// "Unsafe stored file name (%@)" unless links are followed, however late it is read.
+std::shared_ptr<BackupSource> OpenDirectorySource(const CF::String &directory,
+                                                  Links links = Links::Refuse);
 
 // Records are unpacked into the file store. Opening fails with code 10 "Failed to open zip
 // file (%@)". A missing record is code 10 "Could not locate file record in zip", a damaged

@@ -1,5 +1,6 @@
 #include "container/BackupSource.hpp"
 #include "container/DirectoryWalk.hpp"
+#include "filestore/RootedFile.hpp"
 #include "foundation/Boundary.hpp"
 
 #include <boost/filesystem/operations.hpp>
@@ -8,7 +9,6 @@ namespace Kelvane {
 
 namespace {
 
-// What else may be wrong with a file shows when it is referenced.
 void requireSizeOnDisk(const CF::String &path, std::uint64_t limit) {
     boost::system::error_code error;
     const std::uintmax_t size = boost::filesystem::file_size(path.GetUTF8(), error);
@@ -17,16 +17,47 @@ void requireSizeOnDisk(const CF::String &path, std::uint64_t limit) {
     }
 }
 
+// Whoever can write into the backup could otherwise have any file read that we may read.
 class DirectorySource : public BackupSource {
   public:
-    explicit DirectorySource(CF::String directory) : directory_(std::move(directory)) {}
+    explicit DirectorySource(CF::String directory)
+        : directory_(std::move(directory)),
+          root_(std::make_shared<ZK::file::root_directory>(directory_.GetUTF8())) {}
 
     void ListFiles(const SourceFileConsumer &consumer) const override {
-        WalkDirectory(directory_.GetUTF8(), consumer);
+        WalkDirectory(directory_.GetUTF8(), Links::Refuse, consumer);
     }
 
     std::shared_ptr<BackupSource> Reopen() const override {
-        return OpenDirectorySource(directory_);
+        return OpenDirectorySource(directory_, Links::Refuse);
+    }
+
+  protected:
+    FileRef LoadNamed(const CF::String &name, std::uint64_t limit) const override {
+        struct stat status {};
+        // What else may be wrong with a file shows when it is referenced.
+        if (limit != kAnySize && root_->look(name.GetUTF8(), status) == 0) {
+            RequireSizeWithin(static_cast<std::uint64_t>(status.st_size), limit);
+        }
+        return ReferenceBelow(root_, name);
+    }
+
+  private:
+    CF::String directory_;
+    RootDirectory root_;
+};
+
+// For a backup whose owner keeps parts of it elsewhere.
+class LinkedDirectorySource : public BackupSource {
+  public:
+    explicit LinkedDirectorySource(CF::String directory) : directory_(std::move(directory)) {}
+
+    void ListFiles(const SourceFileConsumer &consumer) const override {
+        WalkDirectory(directory_.GetUTF8(), Links::Follow, consumer);
+    }
+
+    std::shared_ptr<BackupSource> Reopen() const override {
+        return OpenDirectorySource(directory_, Links::Follow);
     }
 
   protected:
@@ -49,7 +80,10 @@ class DirectorySource : public BackupSource {
 
 } // namespace
 
-std::shared_ptr<BackupSource> OpenDirectorySource(const CF::String &directory) {
+std::shared_ptr<BackupSource> OpenDirectorySource(const CF::String &directory, Links links) {
+    if (links == Links::Follow) {
+        return std::make_shared<LinkedDirectorySource>(directory);
+    }
     return std::make_shared<DirectorySource>(directory);
 }
 

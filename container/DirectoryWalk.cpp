@@ -32,8 +32,8 @@ bool isDots(const std::string &name) { return name == "." || name == ".."; }
 
 class Walk {
   public:
-    Walk(const std::string &root, const SourceFileConsumer &consumer)
-        : root_(root), consumer_(consumer) {}
+    Walk(const std::string &root, Links links, const SourceFileConsumer &consumer)
+        : root_(root), links_(links), consumer_(consumer) {}
 
     void Run() {
         // The root itself is the host's choice, and may be reached through links.
@@ -72,6 +72,17 @@ class Walk {
         }
     }
 
+    // Makes the status that of what the link leads to, if that is to be visited.
+    bool follow(int directory, const std::string &name, int depth, struct stat &status) const {
+        struct stat target;
+        if (links_ == Links::Refuse || fstatat(directory, name.c_str(), &target, 0) != 0 ||
+            (S_ISDIR(target.st_mode) && depth > 0)) {
+            return false;
+        }
+        status = target;
+        return true;
+    }
+
     bool visit(int directory, const std::string &name, const std::string &path, int depth) {
         struct stat status;
         if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -80,8 +91,9 @@ class Walk {
             }
             throwUnreadable(errno, fullPath(path));
         }
+        const bool linked = S_ISLNK(status.st_mode) && follow(directory, name, depth, status);
         if (S_ISDIR(status.st_mode) && depth + 1 < kMaxDepth) {
-            const int fd = openat(directory, name.c_str(), kFlags | O_NOFOLLOW);
+            const int fd = openat(directory, name.c_str(), kFlags | (linked ? 0 : O_NOFOLLOW));
             return visitDirectory(fd, path + "/", depth + 1);
         }
         return consumer_({SourceFileName(path), static_cast<std::uint64_t>(status.st_size),
@@ -89,13 +101,14 @@ class Walk {
     }
 
     const std::string &root_;
+    Links links_;
     const SourceFileConsumer &consumer_;
 };
 
 } // namespace
 
-void WalkDirectory(const std::string &root, const SourceFileConsumer &consumer) {
-    Walk(root, consumer).Run();
+void WalkDirectory(const std::string &root, Links links, const SourceFileConsumer &consumer) {
+    Walk(root, links, consumer).Run();
 }
 
 } // namespace Kelvane

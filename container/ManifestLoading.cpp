@@ -4,8 +4,11 @@
 #include "Kelvane/FileManager.hpp"
 #include "Kelvane/SharedState.hpp"
 #include "container/StoredName.hpp"
+#include "crypto/OpenFileDecryption.hpp"
+#include "filestore/Reading.hpp"
 #include "foundation/Boundary.hpp"
 #include "manifest/KVManifestClass.hpp"
+#include "manifest/ManifestDatabaseReader.hpp"
 #include "support/zk/Log.hpp"
 
 namespace Kelvane {
@@ -17,7 +20,7 @@ namespace {
 constexpr std::uint64_t kMaxMbdbSize = 1ULL << 30;
 
 // The plaintext of the database, beside the store's other scratch files.
-CF::String decryptDatabase(const KVBackupContainerClass &container, const CF::String &localPath,
+CF::String decryptDatabase(const KVBackupContainerClass &container, ZK::file::readable_file &stored,
                            const CF::String &versionText) {
     const CF::String identifier = CF::UUID::Create().GetString();
     const ZK::filesystem::path target =
@@ -25,8 +28,7 @@ CF::String decryptDatabase(const KVBackupContainerClass &container, const CF::St
     ZLLogDomain(GetLogDomain(), kZLLogLevelDetail,
                 CFSTR("(KVBackupContainer %p) Will decrypt manifest version '%@' to %s"),
                 static_cast<const void *>(&container), versionText.get(), target.c_str());
-    MB::ManifestEncryption::DecryptFile(localPath.GetUTF8(), target,
-                                        container.encryption->GetManifestKey());
+    MB::DecryptOpenFile(stored, target, container.encryption->GetManifestKey());
     ZLLogDomain(GetLogDomain(), kZLLogLevelMilestone,
                 CFSTR("(KVBackupContainer %p) Successfully decrypted manifest"),
                 static_cast<const void *>(&container));
@@ -64,18 +66,21 @@ void LoadBinaryManifest(KVBackupContainerClass &container) {
 void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &versionText,
                           const KVProgressFunction &progress) {
     const FileRef file = container.loader->LoadStoredFile(kManifestDatabaseName);
-    CF::String path(KVFileGetLocalPath(file.get()));
+    const CF::String path(KVFileGetLocalPath(file.get()));
     if (path.IsEmpty()) {
         throw Error(kKVErrorInvalidArgument, nullptr, CFSTR("No path for manifest database"));
     }
-    if (container.encryption) {
-        path = decryptDatabase(container, path, versionText);
-    }
+    // Opened as the file itself is, since its path may lead elsewhere by now.
+    ZK::file::readable_file stored = OpenContent(*file.get());
     LocalError error;
     CF::Pointer<KVManifestClass *> manifest(
-        CF::adopt, KVManifestCreateFromManifestDatabase(
-                       kCFAllocatorDefault, path.get(), container.Version(),
-                       container.MakeGetFileFunction(), progress, error.out()));
+        CF::adopt,
+        container.encryption
+            ? KVManifestCreateFromManifestDatabase(
+                  kCFAllocatorDefault, decryptDatabase(container, stored, versionText).get(),
+                  container.Version(), container.MakeGetFileFunction(), progress, error.out())
+            : CreateManifestFromDatabase(kCFAllocatorDefault, stored, path, container.Version(),
+                                         container.MakeGetFileFunction(), progress, error.out()));
     if (!manifest) {
         throw error.get();
     }

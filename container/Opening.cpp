@@ -13,7 +13,8 @@ namespace Kelvane {
 
 namespace {
 
-constexpr KVBackupOpenOptions kKnownOptions = kKVBackupOpenKeepDeviceBoundKeysLocked;
+constexpr KVBackupOpenOptions kKnownOptions =
+    kKVBackupOpenKeepDeviceBoundKeysLocked | kKVBackupOpenFollowLinks;
 constexpr const char *kWorkingDirectoryName = "KVBackupContainer";
 
 MB::DeviceBoundKeys deviceBoundKeys(KVBackupOpenOptions options) {
@@ -23,6 +24,10 @@ MB::DeviceBoundKeys deviceBoundKeys(KVBackupOpenOptions options) {
     }
     return (options & kKVBackupOpenKeepDeviceBoundKeysLocked) != 0 ? MB::DeviceBoundKeys::KeepLocked
                                                                    : MB::DeviceBoundKeys::Fail;
+}
+
+Links linksFor(KVBackupOpenOptions options) {
+    return (options & kKVBackupOpenFollowLinks) != 0 ? Links::Follow : Links::Refuse;
 }
 
 struct OpenRequest {
@@ -39,7 +44,9 @@ ContainerRef open(const OpenRequest &request, const OpeningProgress &progress) {
     if (!path) {
         throw Error(kKVErrorInvalidArgument, nullptr, CFSTR("No path to a backup"));
     }
-    auto source = request.kind == SourceKind::Zip ? OpenZipSource(path) : OpenDirectorySource(path);
+    auto source = request.kind == SourceKind::Zip
+                      ? OpenZipSource(path)
+                      : OpenDirectorySource(path, linksFor(request.options));
     ContainerRef container = AllocateContainer(request.allocator);
     KVBackupContainerClass &body = *container.get();
     body.sourceKind = request.kind;

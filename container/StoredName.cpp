@@ -1,6 +1,6 @@
 #include "container/StoredName.hpp"
 
-#include "Kelvane/Error.hpp"
+#include "filestore/RootedFile.hpp"
 
 #include <algorithm>
 #include <string>
@@ -92,8 +92,6 @@ bool IsSafeStoredName(const CF::String &storedName) {
     }
 }
 
-void ThrowUnsafeStoredName(const CF::String &name) {
-    throw Error(kKVErrorInvalidBackup, nullptr, CFSTR("Unsafe stored file name (%@)"), name.get());
-}
+void ThrowUnsafeStoredName(const CF::String &name) { throw UnsafeStoredName(name); }
 
 } // namespace Kelvane

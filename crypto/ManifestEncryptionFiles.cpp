@@ -2,6 +2,7 @@
 #include "MB/ManifestEncryption.hpp"
 
 #include "Kelvane/Error.hpp"
+#include "crypto/OpenFileDecryption.hpp"
 #include "support/zk/Encryption.hpp"
 #include "support/zk/File.hpp"
 #include "support/zk/Math.hpp"
@@ -21,12 +22,19 @@ const CFStringRef kCryptFailure = CFSTR("Failed to decrypt/encrypt: %s");
 template <std::size_t KeySize>
 constexpr Algorithm kAlgorithmOf = KeySize == 16 ? Algorithm::AES128 : Algorithm::AES256;
 
+ZK::file::readable_file openForCrypt(const path &source) {
+    try {
+        return ZK::file::readable_file(source);
+    } catch (const boost::system::system_error &cause) {
+        throw Kelvane::MakeFSError(cause.code().value(), kCryptFailure, cause.what());
+    }
+}
+
 template <std::size_t KeySize>
-void cryptInPlace(bool encrypt, const path &source, const path &destination,
+void cryptInPlace(bool encrypt, ZK::file::readable_file &input, const path &destination,
                   const std::array<std::uint8_t, KeySize> &key) {
     static_assert(KeySize == 16 || KeySize == 32);
     try {
-        ZK::file::readable_file input(source);
         auto output = ZK::file::writable_file::open_clobber(destination);
         Cryptor::Crypt(encrypt ? Operation::Encrypt : Operation::Decrypt, kAlgorithmOf<KeySize>,
                        key, {}, input, output);
@@ -37,7 +45,19 @@ void cryptInPlace(bool encrypt, const path &source, const path &destination,
     }
 }
 
+template <std::size_t KeySize>
+void cryptInPlace(bool encrypt, const path &source, const path &destination,
+                  const std::array<std::uint8_t, KeySize> &key) {
+    ZK::file::readable_file input = openForCrypt(source);
+    cryptInPlace(encrypt, input, destination, key);
+}
+
 } // namespace
+
+void DecryptOpenFile(ZK::file::readable_file &source, const path &destination,
+                     const ManifestEncryption::Key &key) {
+    cryptInPlace(false, source, destination, key);
+}
 
 void ManifestEncryption::DecryptFile(const path &source, const path &destination,
                                      const Key128 &key) {

@@ -6,6 +6,7 @@
 #include "support/cf/String.hpp"
 #include "support/zk/Encryption.hpp"
 #include "support/zk/File.hpp"
+#include "support/zk/RootDirectory.hpp"
 #include "support/zk/Secret.hpp"
 
 #include <CoreFoundation/CFRuntime.h>
@@ -13,6 +14,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace Kelvane {
@@ -38,6 +40,9 @@ struct KVFileClass {
     std::vector<std::uint8_t> hash;
     CF::Date modifiedDate;
     CF::String localPath;
+    // For a file that is opened below a directory and over no link; else null, and the local
+    // path is opened as it is. The local path then is the root's, a slash, and the name.
+    std::shared_ptr<const ZK::file::root_directory> root;
     // Open exactly while the file is appendable; digest runs along with it.
     ZK::file::writable_file writer;
     Kelvane::DigestContext digest;
@@ -51,4 +56,10 @@ struct KVFileClass {
     KVFileClass &operator=(const KVFileClass &) = delete;
     // Gives up the registration; a refusal by the file manager is logged.
     ~KVFileClass();
+
+    // What follows the root's path in the local path. Not kept beside it: a million files take
+    // more memory for a second copy of their names than for anything else that they hold.
+    std::string nameBelowRoot() const {
+        return localPath.GetUTF8().substr(root->path().size() + 1);
+    }
 };

@@ -140,6 +140,7 @@ KVFileClass *KVFileCreateCopy(const KVFileClass *file) {
     fields.hash = file->hash;
     fields.modifiedDate = file->modifiedDate;
     fields.localPath = file->localPath;
+    fields.root = file->root;
     fields.cryptMode = file->cryptMode;
     fields.key = file->key;
     fields.cryptOperation = file->cryptOperation;

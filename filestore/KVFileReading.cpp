@@ -4,11 +4,13 @@
 #include "Kelvane/FileManager.hpp"
 #include "filestore/KVFileClass.hpp"
 #include "filestore/Reading.hpp"
+#include "filestore/RootedFile.hpp"
 #include "foundation/Boundary.hpp"
 
 #include <boost/system/system_error.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 
 namespace {
@@ -27,12 +29,12 @@ void requireFile(const KVFileClass *file) {
 
 ZK::filesystem::path localPath(const KVFileClass &file) { return file.localPath.GetUTF8(); }
 
-ZK::file::readable_file openLocalFile(const ZK::filesystem::path &path) {
-    try {
-        return ZK::file::readable_file(path);
-    } catch (const boost::system::system_error &exception) {
-        throw Kelvane::MakeFSError(exception, path);
-    }
+// Without an error code it throws.
+template <class... ErrorCode>
+ZK::file::readable_file openLocalFile(const KVFileClass &file, ErrorCode &...error) {
+    return file.root != nullptr
+               ? ZK::file::readable_file(*file.root, file.nameBelowRoot(), error...)
+               : ZK::file::readable_file(localPath(file), error...);
 }
 
 // Fills the buffer from the file; false when the file ends earlier or cannot be read.
@@ -57,13 +59,13 @@ std::uint64_t sizeOf(const ZK::file::readable_file &source, const ZK::filesystem
 }
 
 // All bytes on disk, if they are few enough.
-std::optional<Bytes> readSmallFile(const ZK::filesystem::path &path) {
+std::optional<Bytes> readSmallFile(const KVFileClass &file) {
     boost::system::error_code error;
-    ZK::file::readable_file source(path, error);
+    ZK::file::readable_file source = openLocalFile(file, error);
     if (error) {
         return std::nullopt;
     }
-    const std::uint64_t size = sizeOf(source, path);
+    const std::uint64_t size = sizeOf(source, localPath(file));
     if (size > kMaxWholeFile) {
         return std::nullopt;
     }
@@ -89,7 +91,7 @@ auto cryptStep(CFStringRef text, Step step) {
 class ContentReader {
   public:
     ContentReader(const KVFileClass &file, unsigned long chunkSize)
-        : path_(localPath(file)), source_(openLocalFile(path_)) {
+        : path_(localPath(file)), source_(Kelvane::OpenContent(file)) {
         // No more than the file holds: callers may ask for pieces of any size.
         chunkSize_ = static_cast<std::size_t>(
             std::min<std::uint64_t>(chunkSize, sizeOf(source_, path_) + 1));
@@ -149,6 +151,17 @@ class ContentReader {
 
 namespace Kelvane {
 
+ZK::file::readable_file OpenContent(const KVFileClass &file) {
+    try {
+        return openLocalFile(file);
+    } catch (const boost::system::system_error &exception) {
+        if (file.root != nullptr && exception.code().value() == ELOOP) {
+            throw LinkedStoredName(CF::String(file.nameBelowRoot()));
+        }
+        throw MakeFSError(exception, localPath(file));
+    }
+}
+
 std::optional<Bytes> ReadWhole(const KVFileClass &file) {
     if (file.size == 0) {
         return Bytes();
@@ -156,7 +169,7 @@ std::optional<Bytes> ReadWhole(const KVFileClass &file) {
     if (file.size > FileManager::GetMaxMemorySize()) {
         return std::nullopt;
     }
-    std::optional<Bytes> content = readSmallFile(localPath(file));
+    std::optional<Bytes> content = readSmallFile(file);
     if (!content || content->empty() || file.cryptMode == CryptMode::None) {
         return content;
     }

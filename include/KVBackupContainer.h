@@ -26,7 +26,12 @@ enum {
      * unlocked from a backup. By default one such key fails the whole backup; with this
      * bit it stays locked, everything else opens, and only reading a file of such a class
      * fails, with "Missing key class %u". Most backups made by devices hold such keys. */
-    kKVBackupOpenKeepDeviceBoundKeysLocked = 1u << 0
+    kKVBackupOpenKeepDeviceBoundKeysLocked = 1u << 0,
+    /* Follows symbolic links below the backup's directory, for people who keep parts of their
+     * backups elsewhere. By default nothing is reached over one, whenever it is read: whoever
+     * can write into the backup could otherwise have any file read that the process may read.
+     * The directory itself may be a link in any case, and a zip holds none. */
+    kKVBackupOpenFollowLinks = 1u << 1
 };
 
 /* The type identifier of containers. Any thread. */
@@ -57,7 +62,9 @@ typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fra
  *   8   the binary manifest cannot be read: "An error ocurred while loading manifest file"
  *   10  a metadata file is missing, cannot be loaded or has more than 64 MiB, or the
  *       Status "Version" is missing (code 20 hangs underneath when Status.plist cannot be
- *       read, and underneath code 23 for Manifest.plist)
+ *       read, and underneath code 23 for Manifest.plist); or, beneath it, "Unsafe stored
+ *       file name (%@)" with the POSIX error ELOOP underneath, when a link leads to a
+ *       metadata file or the manifest and links are not followed
  *   11  the manifest database cannot be read or holds invalid entries
  *   12  the Status "Version" is not one of 2.4, 3.0, 3.1, 3.2, 3.3
  *   15  an encrypted backup of version 2.4, 3.0 or 3.1
@@ -129,7 +136,8 @@ KVBackupContainerCreateFromZipFile(CFAllocatorRef allocator, CFStringRef zipPath
 #endif
 
 /* A new container with the same source, metadata, keys and copies of all entries; a zip is
- * opened once more. Null when that fails. The caller releases it. */
+ * opened once more, a directory with the same choice about links. Null when that fails. The
+ * caller releases it. */
 KV_EXPORT KVBackupContainerClass *KVBackupContainerCreateCopy(CFAllocatorRef allocator,
                                                               KVBackupContainerClass *container);
 

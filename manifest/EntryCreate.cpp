@@ -2,9 +2,8 @@
 
 #include "KVFile.h"
 #include "Kelvane/Error.hpp"
-#include "Kelvane/FileManager.hpp"
 #include "filestore/KVFileClass.hpp"
-#include "filestore/Storage.hpp"
+#include "filestore/RootedFile.hpp"
 #include "foundation/Boundary.hpp"
 #include "manifest/KVManifestEntryClass.hpp"
 #include "support/cf/CF.hpp"
@@ -50,13 +49,7 @@ CF::Pointer<KVFileClass *> cachedReference(const KVFileClass *file) {
     if (file->cryptMode != Kelvane::CryptMode::None) {
         return Kelvane::CopyAsDelivered(*file);
     }
-    Kelvane::LocalError cause;
-    auto reference = CF::Adopt(Kelvane::FileManager::CopyCachedFileReference(
-        ZK::filesystem::path(file->localPath.GetUTF8()), file->hash, cause.out()));
-    if (!reference) {
-        throw cause.get();
-    }
-    return reference;
+    return Kelvane::ReferenceAgain(*file);
 }
 
 void adoptContent(KVManifestEntryClass &entry, const KVFileClass *file) {

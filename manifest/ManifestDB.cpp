@@ -4,6 +4,7 @@
 #include "Kelvane/SharedState.hpp"
 #include "manifest/DatabaseGuard.hpp"
 #include "manifest/ManifestDatabaseFile.hpp"
+#include "manifest/ManifestDatabaseReader.hpp"
 #include "manifest/ManifestRowWriter.hpp"
 #include "manifest/ManifestRows.hpp"
 #include "support/cf/UUID.hpp"
@@ -60,14 +61,24 @@ std::string NewWorkingPath() {
     return (base / name.GetUTF8()).string();
 }
 
-void CopyDatabase(const CF::String &source, const std::string &destination) {
+// Copies the database, an open file or a path, to a place of its own, which it returns. The name
+// is for messages.
+template <class Source>
+std::string CopyDatabase(Source &source, const CF::String &name) {
+    std::string destination = NewWorkingPath();
     try {
-        ZK::file::copy_new(ZK::filesystem::path(source.GetUTF8()), destination);
+        ZK::file::copy_new(source, destination);
+        return destination;
     } catch (const boost::system::system_error &exception) {
         throw Error(kKVErrorFilesystem, nullptr,
-                    CFSTR("Failed to copy temporary database '%@' to '%s' (%s)"), source.get(),
+                    CFSTR("Failed to copy temporary database '%@' to '%s' (%s)"), name.get(),
                     destination.c_str(), exception.what());
     }
+}
+
+std::string CopyDatabaseAt(const CF::String &path) {
+    const ZK::filesystem::path source = path.GetUTF8();
+    return CopyDatabase(source, path);
 }
 
 std::unique_ptr<SQLite::Database> OpenDatabase(const std::string &path, bool create) {
@@ -117,12 +128,17 @@ void CreateSchema(SQLite::Database &database, int version) {
 
 } // namespace
 
-ManifestDB::ManifestDB(CF::String path) : localPath_(NewWorkingPath()) {
-    if (path) {
-        CopyDatabase(path, localPath_);
-    }
+ManifestDB::ManifestDB(CF::String path)
+    : ManifestDB(path ? CopyDatabaseAt(path) : NewWorkingPath(), !path) {}
+
+std::unique_ptr<ManifestDB> CopyOpenDatabase(ZK::file::readable_file &source,
+                                             const CF::String &path) {
+    return std::unique_ptr<ManifestDB>(new ManifestDB(CopyDatabase(source, path), false));
+}
+
+ManifestDB::ManifestDB(std::string localPath, bool create) : localPath_(std::move(localPath)) {
     try {
-        database_ = OpenDatabase(localPath_, !path);
+        database_ = OpenDatabase(localPath_, create);
         userVersion_ = QueryUserVersion(*database_);
     } catch (...) {
         Close();

@@ -1,4 +1,5 @@
 // From a Manifest.db to a manifest.
+#include "manifest/ManifestDatabaseReader.hpp"
 #include "KVManifest.h"
 #include "Kelvane/Error.hpp"
 #include "Kelvane/ManifestDB.hpp"
@@ -83,8 +84,8 @@ void RowCollector::RefuseUnknown(CFStringRef fileID, int flags) {
     ++invalidRows_;
 }
 
-void CollectRows(CFStringRef path, const KVProgressFunction &progress, RowCollector &collector) {
-    ManifestDB database{CF::String(path)};
+void CollectRows(ManifestDB &database, const KVProgressFunction &progress,
+                 RowCollector &collector) {
     ManifestRows rows(database);
     const std::int64_t count = rows.Count();
     ManifestRow row;
@@ -101,9 +102,12 @@ void CollectRows(CFStringRef path, const KVProgressFunction &progress, RowCollec
     throw error;
 }
 
-void CollectAllRows(CFStringRef path, const KVProgressFunction &progress, RowCollector &collector) {
+// open returns the working copy of the database.
+template <class Open>
+void CollectAllRows(Open open, const KVProgressFunction &progress, RowCollector &collector) {
     try {
-        CollectRows(path, progress, collector);
+        const auto database = open();
+        CollectRows(*database, progress, collector);
     } catch (const CF::Error &cause) {
         ThrowLogged(Error(kKVErrorInvalidManifestDatabase, cause,
                           "Failed to parse records from manifest database"));
@@ -114,17 +118,40 @@ void CollectAllRows(CFStringRef path, const KVProgressFunction &progress, RowCol
     }
 }
 
+struct Request {
+    CFAllocatorRef allocator;
+    KVManifestDataVersion version;
+    const KVGetFileFunction &getFileFunc;
+    const KVProgressFunction &progress;
+};
+
+template <class Open>
+KVManifestClass *ReadManifest(const Request &request, CFErrorRef *error, Open open) {
+    return AtBoundary<KVManifestClass *>(error, nullptr, [&] {
+        RequireDatabaseVersion(request.version);
+        RowCollector collector(request.allocator, request.getFileFunc);
+        CollectAllRows(open, request.progress, collector);
+        return CreateManifest(request.allocator, collector.TakeContents(), request.version);
+    });
+}
+
 } // namespace
+
+KVManifestClass *CreateManifestFromDatabase(CFAllocatorRef allocator,
+                                            ZK::file::readable_file &database,
+                                            const CF::String &path, KVManifestDataVersion version,
+                                            const KVGetFileFunction &getFileFunc,
+                                            const KVProgressFunction &progress, CFErrorRef *error) {
+    return ReadManifest({allocator, version, getFileFunc, progress}, error,
+                        [&] { return CopyOpenDatabase(database, path); });
+}
 
 } // namespace Kelvane
 
 KVManifestClass *KVManifestCreateFromManifestDatabase(
     CFAllocatorRef allocator, CFStringRef databasePath, KVManifestDataVersion version,
     const KVGetFileFunction &getFileFunc, const KVProgressFunction &progress, CFErrorRef *error) {
-    return Kelvane::AtBoundary<KVManifestClass *>(error, nullptr, [&] {
-        Kelvane::RequireDatabaseVersion(version);
-        Kelvane::RowCollector collector(allocator, getFileFunc);
-        Kelvane::CollectAllRows(databasePath, progress, collector);
-        return Kelvane::CreateManifest(allocator, collector.TakeContents(), version);
+    return Kelvane::ReadManifest({allocator, version, getFileFunc, progress}, error, [&] {
+        return std::make_unique<Kelvane::ManifestDB>(CF::String(databasePath));
     });
 }

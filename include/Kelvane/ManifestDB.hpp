@@ -27,6 +27,9 @@
 namespace SQLite {
 class Database;
 }
+namespace ZK::file {
+class readable_file;
+}
 
 namespace Kelvane {
 
@@ -80,6 +83,11 @@ class KV_VISIBLE ManifestDB {
   private:
     friend class ManifestRows;
     friend class ManifestRowWriter;
+    friend std::unique_ptr<ManifestDB> CopyOpenDatabase(ZK::file::readable_file &source,
+                                                        const CF::String &path);
+
+    // Opens what was copied to the path, or what is to be created there.
+    __attribute__((visibility("hidden"))) ManifestDB(std::string localPath, bool create);
 
     std::unique_ptr<SQLite::Database> database_; // null once closed
     std::string localPath_;                      // UTF-8

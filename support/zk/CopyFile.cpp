@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -75,8 +76,8 @@ void copyContent(readable_file &source, writable_file &destination) {
 
 #if defined(__APPLE__)
 // The clone takes over the source's mode, which is put right before anybody knows its name.
-bool cloneToPath(const filesystem::path &source, const filesystem::path &destination) {
-    if (::clonefile(source.c_str(), destination.c_str(), 0) != 0) {
+bool cloneToPath(const readable_file &source, const filesystem::path &destination) {
+    if (::fclonefileat(source.native_handle(), AT_FDCWD, destination.c_str(), 0) != 0) {
         if (errno == EEXIST) {
             throw boost::system::system_error(errno, boost::system::system_category(), "open");
         }
@@ -95,8 +96,12 @@ bool cloneToPath(const filesystem::path &source, const filesystem::path &destina
 
 void copy_new(const filesystem::path &source, const filesystem::path &destination) {
     readable_file from(source);
+    copy_new(from, destination);
+}
+
+void copy_new(readable_file &from, const filesystem::path &destination) {
 #if defined(__APPLE__)
-    if (cloneToPath(source, destination)) {
+    if (cloneToPath(from, destination)) {
         return;
     }
 #endif

@@ -43,6 +43,9 @@ std::array<std::uint8_t, 20> SHA1(std::span<const std::uint8_t> bytes);
 // when it cannot be opened (never blocking on what is no regular file) or read.
 std::vector<std::uint8_t> HashOfFile(const filesystem::path &path,
                                      HashAlgorithm algorithm = HashAlgorithm::SHA1);
+// The same of an open file, from its current position to its end.
+std::vector<std::uint8_t> HashOfFile(file::readable_file &file,
+                                     HashAlgorithm algorithm = HashAlgorithm::SHA1);
 
 enum class Operation : std::uint32_t { Encrypt = 0, Decrypt = 1 };
 // By selector: 0 takes a 16-byte key (AES-128), 1 a 32-byte key (AES-256).

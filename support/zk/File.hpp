@@ -104,6 +104,8 @@ class writable_file : public descriptor {
 // next to nothing), lets the kernel copy where it can, and copies by hand otherwise. Leaves no
 // partial copy behind when it fails.
 void copy_new(const filesystem::path &source, const filesystem::path &destination);
+// The same of an open file, all of which is still to be read.
+void copy_new(readable_file &source, const filesystem::path &destination);
 
 // Creates the directory with mode 0700, and its missing parents with that mode too.
 // A directory that exists is left as it is.

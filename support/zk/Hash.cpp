@@ -84,9 +84,13 @@ std::vector<std::uint8_t> Hash(std::span<const std::uint8_t> bytes, HashAlgorith
 }
 
 std::vector<std::uint8_t> HashOfFile(const filesystem::path &path, HashAlgorithm algorithm) {
+    file::readable_file file(path);
+    return HashOfFile(file, algorithm);
+}
+
+std::vector<std::uint8_t> HashOfFile(file::readable_file &file, HashAlgorithm algorithm) {
     constexpr std::uint64_t kBufferSize = 256 * 1024; // larger ones gain nothing
     Hasher hasher(algorithm);
-    file::readable_file file(path);
     // One byte more than a small file has, so that it takes one read and the end another.
     const auto size = static_cast<std::size_t>(std::min(file.size() + 1, kBufferSize));
     const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(size);

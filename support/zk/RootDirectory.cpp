@@ -118,8 +118,7 @@ int openFileResolved(int root, const std::string &name) {
         return fail(number);
     }
     // A regular file only appears here when it came a moment ago.
-    return S_ISREG(status.st_mode) ? openResolved(root, name, kFileFlags)
-                                   : fail(errorOf(status));
+    return S_ISREG(status.st_mode) ? openResolved(root, name, kFileFlags) : fail(errorOf(status));
 }
 
 #endif

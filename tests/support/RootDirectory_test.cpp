@@ -115,9 +115,8 @@ TEST_P(RootDirectories, RefuseALinkThatCameAfterTheyWereOpened) {
 }
 
 TEST_P(RootDirectories, RefuseNamesThatLeadElsewhere) {
-    for (const std::string name :
-         {"", ".", "..", "../outside/secret", "ab/../file", "ab//cd/file", "/etc/passwd", "ab/",
-          "ab/./cd/file"}) {
+    for (const std::string name : {"", ".", "..", "../outside/secret", "ab/../file", "ab//cd/file",
+                                   "/etc/passwd", "ab/", "ab/./cd/file"}) {
         EXPECT_EQ(read(name), failure(EINVAL)) << name;
     }
     EXPECT_EQ(read(std::string("file\0x", 6)), failure(EINVAL));
