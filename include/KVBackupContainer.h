@@ -79,7 +79,8 @@ KVBackupContainerOpenDirectory(CFAllocatorRef allocator, CFStringRef directory,
                                KVBackupProgressCallBack progress, void *context, CFErrorRef *error);
 
 /* The same for a zip archive whose root is the backup's root. Further failures: code 10
- * "Failed to open zip file (%@)"; code 10 with "Could not locate file record in zip"
+ * "Failed to open zip file (%@)", with code 9 underneath for an archive that holds more
+ * records than it counts or whose records share bytes; code 10 with "Could not locate file record in zip"
  * underneath for each missing metadata file, Info.plist included. Contents are unpacked
  * into the temporary path as they are asked for and stay there. */
 KV_EXPORT KVBackupContainerClass *
@@ -251,8 +252,10 @@ typedef struct KVBackupSourceFile {
     CFStringRef name;
     /* In bytes, as the directory or the zip says. */
     int64_t size;
-    /* False for what is no file: a link, which is not followed, a FIFO, socket or device; and
-     * for a directory 16 levels below the root, which is not looked into. */
+    /* False for what is no file: a link that is not followed, a FIFO, socket or device; and
+     * for a directory 16 levels below the root, which is not looked into. With
+     * kKVBackupOpenFollowLinks a link counts as the file that it leads to, and one directly
+     * below the root as the directory that it leads to. */
     Boolean isRegularFile;
 } KVBackupSourceFile;
 

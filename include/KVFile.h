@@ -73,7 +73,9 @@ KV_EXPORT CFDateRef KVFileGetModifiedDate(const KVFileClass *file);
 /* Replaces the modification date of the object, not of the file on disk; retains it. */
 KV_EXPORT void _KVFileSetModifiedDate(KVFileClass *file, CFDateRef date);
 /* Absolute path of the file that holds the bytes (ciphertext, when decryption is
- * enabled); borrowed. */
+ * enabled); borrowed. Reading a file of a backup's directory through the functions below
+ * follows no link that lies in the backup, see kKVBackupOpenFollowLinks; whoever opens the
+ * path himself has to see to that himself. */
 KV_EXPORT CFStringRef KVFileGetLocalPath(const KVFileClass *file);
 
 /* ---- Appending ------------------------------------------------------------- */
@@ -119,6 +121,8 @@ typedef Boolean (*KVFileDataConsumer)(const uint8_t *bytes, CFIndex length, void
  * pieces already delivered possibly wrong, so that the caller must discard them:
  *   code 2: file or consumer is null;
  *   code 3: the file cannot be opened or read ("Failed to read local file (PATH)");
+ *   code 10, "Unsafe stored file name (%@)", POSIX error ELOOP underneath: the file belongs
+ *     to a backup's directory, and a link came into its way since it was loaded;
  *   code 18, "Cryptor creation failed: TEXT", "Cryptor failed: TEXT", "Cryptor finalize
  *     failed: TEXT": among them, content of the wrong length or key.
  * Any number of threads may read one file at a time. */

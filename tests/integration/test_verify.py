@@ -157,9 +157,11 @@ class Content(VerifyTest):
         elsewhere = self.folder / "elsewhere"
         stored.rename(elsewhere)
         stored.symlink_to(elsewhere)
-        [warning], _ = self.verify(path, status=DONE)
+        [problem, warning], _ = self.verify(path)
+        self.assertEqual((problem["severity"], problem["kind"], problem["path"]), ("problem", "linked-content", WELCOME))
         self.assertEqual((warning["severity"], warning["kind"], warning["storedName"]),
                          ("warning", "irregular-file", str(stored.relative_to(path))))
+        self.assert_clean(path, "--follow-links")
 
     def test_whose_key_is_missing(self) -> None:
         problem = self.hostile("key-missing", *CIPHER)
@@ -482,7 +484,7 @@ class Output(VerifyTest):
         problems, _ = self.verify(path, *WITH_PASSWORD)
         named = {(one.get("domain"), one.get("path")) for one in problems}
         for entry in entries_of(path):
-            if entry["damaged"] and entry["hostile"] != "stored-symlink":
+            if entry["damaged"]:
                 self.assertIn((entry["domain"], entry["path"]), named)
         digests = {hashlib.sha1(f"{entry['domain']}-{entry['path']}".encode()).hexdigest()
                    for entry in entries_of(path)}

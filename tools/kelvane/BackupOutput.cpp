@@ -1,5 +1,6 @@
 #include "BackupOutput.hpp"
 
+#include "BackupPlace.hpp"
 #include "Diagnostics.hpp"
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
@@ -20,24 +21,6 @@ namespace {
 
 bool asZip(const BackupOutputOptions &options) {
     return options.zip || WithoutTrailingSlashes(options.output).ends_with(".zip");
-}
-
-// Of what exists of the path, with links resolved.
-std::filesystem::path realPath(const std::string &path) {
-    std::error_code error;
-    // Absolute first: of a relative path nothing of which exists it makes nothing else.
-    const auto absolute = std::filesystem::absolute(path, error);
-    const auto real = error ? absolute : std::filesystem::weakly_canonical(absolute, error);
-    if (error) {
-        throw Failure("'" + path + "' cannot be reached: " + error.message());
-    }
-    return real;
-}
-
-bool liesIn(const std::filesystem::path &path, const std::filesystem::path &directory) {
-    const auto [end, ignored] =
-        std::mismatch(directory.begin(), directory.end(), path.begin(), path.end());
-    return end == directory.end();
 }
 
 // Turns the fractions that an export reports into bytes.
@@ -146,12 +129,8 @@ std::string countText(std::size_t count, const char *what) {
 void CheckBackupOutput(const BackupOutputOptions &options, const BackupOptions &backup) {
     const std::string path = WithoutTrailingSlashes(options.output);
     RequireVacant(path.empty() ? "/" : path, IfPresent::Refuse);
-    std::error_code error;
     // What is written into a backup would be taken for a part of it.
-    if (std::filesystem::is_directory(backup.backup, error) &&
-        liesIn(realPath(options.output), realPath(backup.backup))) {
-        throw Failure("'" + options.output + "' would lie inside the backup");
-    }
+    BackupPlace(backup.backup).RequireOutside(options.output);
 }
 
 void WarnOfUnreadChanges(const Container &container) {

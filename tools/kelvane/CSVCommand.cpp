@@ -1,4 +1,5 @@
 #include "BackupOutput.hpp"
+#include "BackupPlace.hpp"
 #include "Commands.hpp"
 #include "Diagnostics.hpp"
 #include "ExitStatus.hpp"
@@ -175,6 +176,7 @@ void writeToFile(const CF::String &text, const CSVOptions &options) {
 int RunCSV(const BackupOptions &backup, const TemporaryArea &area, const CSVOptions &options) {
     if (!options.output.empty()) {
         RequireVacant(options.output, ifPresent(options));
+        BackupPlace(backup.backup).RequireOutside(options.output);
     }
     const CF::String text = dump(databasePath(backup, area));
     if (!options.output.empty()) {

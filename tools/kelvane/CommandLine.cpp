@@ -94,6 +94,8 @@ class Parser {
                          "Keep temporary files below DIR instead of $TMPDIR")
             ->type_name("DIR")
             ->check(&requireText);
+        command->add_flag("--follow-links", result_.backup.followLinks,
+                          "Follow symbolic links in the backup directory, wherever they lead");
         command->add_flag("-v,--verbose", result_.verbosity, "Show the log; -vv shows all of it");
         return command;
     }

@@ -40,7 +40,7 @@ struct ExtractOptions {
     std::string output;
     bool force = false;
 };
-int RunExtract(const Container &container, const TemporaryArea &area,
+int RunExtract(const BackupOptions &backup, const TemporaryArea &area,
                const ExtractOptions &options);
 
 struct VerifyOptions {

@@ -1,3 +1,4 @@
+#include "BackupPlace.hpp"
 #include "Commands.hpp"
 #include "Content.hpp"
 #include "Diagnostics.hpp"
@@ -22,9 +23,9 @@ constexpr std::uint16_t kPermissionBits = 0777;
 class Extraction {
   public:
     Extraction(const Container &container, const TemporaryArea &area, const CF::Array &entries,
-               const ExtractOptions &options)
+               const ExtractOptions &options, const BackupPlace &place)
         : container_(container), area_(area), entries_(entries),
-          tree_(options.output, options.force), bar_(totalSize(entries)) {}
+          tree_(options.output, options.force, place), bar_(totalSize(entries)) {}
 
     // Links come after everything that is written, and directories' attributes last of all:
     // a read-only directory could not be filled, and filling it changes its time.
@@ -177,11 +178,14 @@ class Extraction {
 
 } // namespace
 
-int RunExtract(const Container &container, const TemporaryArea &area,
+int RunExtract(const BackupOptions &backup, const TemporaryArea &area,
                const ExtractOptions &options) {
+    const BackupPlace place(backup.backup);
+    place.RequireOutside(options.output);
+    const Container container = OpenBackup(backup);
     const CF::Array entries = options.domain ? EntriesAt(container, *options.domain, options.path)
                                              : AllEntries(container);
-    return Extraction(container, area, entries, options).Run();
+    return Extraction(container, area, entries, options, place).Run();
 }
 
 } // namespace tool

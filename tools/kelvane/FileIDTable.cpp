@@ -1,6 +1,8 @@
 #include "FileIDTable.hpp"
 
 #include <algorithm>
+#include <span>
+#include <tuple>
 
 namespace tool {
 
@@ -12,6 +14,16 @@ int digitValue(char c) {
         return c - '0';
     }
     return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+std::string textOf(std::span<const std::uint8_t> digest) {
+    constexpr const char *kDigits = "0123456789abcdef";
+    std::string text;
+    for (const std::uint8_t byte : digest) {
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
+    return text;
 }
 
 template <class Items>
@@ -80,6 +92,20 @@ std::optional<std::size_t> FileIDTable::Find(std::string_view fileID) const {
     }
     const auto position = positionOf(others_, std::string(fileID));
     return position ? std::optional(digests_.size() + *position) : std::nullopt;
+}
+
+bool FileIDTable::AnyBeginsWith(std::string_view start) const {
+    std::string least(start);
+    least.resize(std::max(start.size(), 2 * std::tuple_size_v<Digest>), '0');
+    if (const auto digest = parse(least)) {
+        const auto found = std::ranges::lower_bound(digests_, *digest, {}, &Item<Digest>::id);
+        if (found != digests_.end() && textOf(found->id).starts_with(start)) {
+            return true;
+        }
+    }
+    const auto found =
+        std::ranges::lower_bound(others_, std::string(start), {}, &Item<std::string>::id);
+    return found != others_.end() && found->id.starts_with(start);
 }
 
 } // namespace tool

@@ -27,6 +27,8 @@ class FileIDTable {
 
     // The number of an ID, below Size(); the same for each look-up of it.
     std::optional<std::size_t> Find(std::string_view fileID) const;
+    // True when an ID begins so.
+    bool AnyBeginsWith(std::string_view start) const;
     std::size_t Size() const noexcept { return digests_.size() + others_.size(); }
 
   private:

@@ -30,15 +30,17 @@ CF::String pathString(const std::string &path) {
 }
 
 // Null with the error stored.
-Container open(const std::string &path, const CF::String &password, CF::Error &error) {
-    constexpr KVBackupOpenOptions kOptions = kKVBackupOpenKeepDeviceBoundKeysLocked;
-    const CF::String pathText = pathString(path);
+Container open(const BackupOptions &options, const CF::String &password, CF::Error &error) {
+    const KVBackupOpenOptions bits =
+        kKVBackupOpenKeepDeviceBoundKeysLocked |
+        (options.followLinks ? kKVBackupOpenFollowLinks : kKVBackupOpenDefault);
+    const CF::String pathText = pathString(options.backup);
     CFErrorRef raised = nullptr;
     DerivationNotice notice;
     const KVBackupOpenCallBacks callBacks = {nullptr, &DerivationNotice::Report, &notice};
     Container container(CF::adopt,
                         KVBackupContainerOpen(kCFAllocatorDefault, pathText.get(), password.get(),
-                                              kOptions, &callBacks, &raised));
+                                              bits, &callBacks, &raised));
     if (!container) {
         error = CF::Error::Adopt(raised);
     }
@@ -56,11 +58,11 @@ Container OpenBackup(const BackupOptions &options) {
         password = ToString(text);
     }
     CF::Error error;
-    Container container = open(options.backup, password, error);
+    Container container = open(options, password, error);
     if (!container && options.passwordFile.empty() && IsPasswordRequired(error)) {
         AskPassword(text, error);
         password = ToString(text);
-        container = open(options.backup, password, error);
+        container = open(options, password, error);
     }
     if (!container) {
         const int status = IsPasswordError(error) ? kPassword : kFailed;

@@ -16,6 +16,7 @@ struct BackupOptions {
     std::string backup;
     std::string passwordFile; // empty: ask on the terminal when the backup is encrypted
     std::string temporaryParent;
+    bool followLinks = false; // below a backup directory
 };
 
 // Opens the directory or zip. Class keys that are bound to the device stay locked. Throws

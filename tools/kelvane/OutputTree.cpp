@@ -4,6 +4,7 @@
 #include "Interruption.hpp"
 #include "Rename.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -22,22 +23,11 @@ bool isSafeComponent(const std::string &component) {
            component.find('\0') == std::string::npos;
 }
 
-constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// As deep as an edit may make a backup. Paths of devices have 1,024 bytes; every level costs
+// system calls, and many tools cannot remove what is far deeper.
+constexpr std::ptrdiff_t kMaximumLevels = 1024;
 
-// Opens a directory in a directory, making it with the mode when it is missing.
-int enter(int directory, const std::string &name, mode_t mode) {
-    if (mkdirat(directory, name.c_str(), mode) != 0 && errno != EEXIST) {
-        throwSystemFailure("The directory could not be made");
-    }
-    const int fd = openat(directory, name.c_str(), kDirectoryFlags);
-    if (fd < 0) {
-        // A link, which is not followed, shows as either.
-        throwSystemFailure(errno == ENOTDIR || errno == ELOOP
-                               ? "Something that is no directory is in the way"
-                               : "The directory could not be opened");
-    }
-    return fd;
-}
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // A directory from an earlier extraction may have come out read-only.
 void makeWritable(int directory) {
@@ -128,6 +118,10 @@ class OpenFile {
 } // namespace
 
 TreePath SplitTreePath(const std::string &domain, const std::string &path) {
+    const std::ptrdiff_t levels = std::ranges::count(path, '/') + 1;
+    if (levels > kMaximumLevels) {
+        throw Failure("The path is too deep (" + std::to_string(levels) + " levels)");
+    }
     TreePath components{domain};
     for (std::size_t start = 0; start < path.size() || (start == path.size() && start > 0);) {
         const std::size_t slash = std::min(path.find('/', start), path.size());
@@ -145,7 +139,8 @@ TreePath SplitTreePath(const std::string &domain, const std::string &path) {
     return components;
 }
 
-OutputTree::OutputTree(const std::string &root, bool replace) : replace_(replace) {
+OutputTree::OutputTree(const std::string &root, bool replace, const BackupPlace &backup)
+    : replace_(replace), backup_(backup) {
     std::error_code error;
     std::filesystem::create_directories(root, error);
     // The root itself is the user's choice, and may be reached through links.
@@ -162,6 +157,27 @@ OutputTree::~OutputTree() {
         close(cached_);
     }
     close(root_);
+}
+
+// Opens a directory in a directory, making it with the mode when it is missing.
+int OutputTree::enter(int directory, const std::string &name, mode_t mode) const {
+    const bool made = mkdirat(directory, name.c_str(), mode) == 0;
+    if (!made && errno != EEXIST) {
+        throwSystemFailure("The directory could not be made");
+    }
+    const int fd = openat(directory, name.c_str(), kDirectoryFlags);
+    if (fd < 0) {
+        // A link, which is not followed, shows as either.
+        throwSystemFailure(errno == ENOTDIR || errno == ELOOP
+                               ? "Something that is no directory is in the way"
+                               : "The directory could not be opened");
+    }
+    struct stat status;
+    if (!made && fstat(fd, &status) == 0 && backup_.Has(status)) {
+        close(fd);
+        throw Failure("The name leads into the backup itself");
+    }
+    return fd;
 }
 
 int OutputTree::openParent(const TreePath &path) {

@@ -1,6 +1,7 @@
 // A directory that entries are written into, and nothing outside it.
 #pragma once
 
+#include "BackupPlace.hpp"
 #include "support/cf/Error.hpp"
 
 #include <ctime>
@@ -23,7 +24,7 @@ struct Attributes {
 using TreePath = std::vector<std::string>;
 
 // The components of DOMAIN/PATH. Throws Failure for a component that is empty, "." or "..",
-// or holds a NUL, and for a domain that is no single component.
+// or holds a NUL, for a domain that is no single component, and for more than 1,024 components.
 TreePath SplitTreePath(const std::string &domain, const std::string &path);
 
 // Names come from the backup, and so do links: every step below the root is opened relative
@@ -31,8 +32,9 @@ TreePath SplitTreePath(const std::string &domain, const std::string &path);
 class OutputTree {
   public:
     // Opens the directory, which is made when it is missing. With replace, files and links
-    // that are in the way give way; else they are an error.
-    OutputTree(const std::string &root, bool replace);
+    // that are in the way give way; else they are an error. The backup, which the names may lead
+    // into when it lies below the root, is never written to; it must outlive the object.
+    OutputTree(const std::string &root, bool replace, const BackupPlace &backup);
     OutputTree(const OutputTree &) = delete;
     OutputTree &operator=(const OutputTree &) = delete;
     ~OutputTree();
@@ -51,10 +53,12 @@ class OutputTree {
   private:
     // The directory that is to hold the last component; borrowed until the next call.
     int openParent(const TreePath &path);
+    int enter(int directory, const std::string &name, mode_t mode) const;
     void remember(int directory, const std::string &name);
 
     int root_ = -1;
     bool replace_;
+    const BackupPlace &backup_;
     // The directory used last: entries of one directory follow each other.
     TreePath cachedPath_;
     int cached_ = -1;

@@ -14,9 +14,7 @@
 
 namespace tool {
 
-namespace {
-
-std::string parentDirectory(const std::string &given) {
+std::string TemporaryArea::ParentFor(const std::string &given) {
     if (!given.empty()) {
         return given;
     }
@@ -24,11 +22,9 @@ std::string parentDirectory(const std::string &given) {
     return environment != nullptr && *environment != '\0' ? environment : "/tmp";
 }
 
-} // namespace
-
 TemporaryArea::TemporaryArea(const std::string &parent) {
     std::error_code error;
-    const auto directory = std::filesystem::absolute(parentDirectory(parent), error);
+    const auto directory = std::filesystem::absolute(ParentFor(parent), error);
     std::string pattern = (directory / "kelvane-XXXXXX").string();
     // Until the path is known to the signal handling, a signal must wait.
     const Interruption::Hold hold;

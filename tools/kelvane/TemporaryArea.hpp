@@ -16,6 +16,9 @@ class TemporaryArea {
     TemporaryArea &operator=(const TemporaryArea &) = delete;
     ~TemporaryArea();
 
+    // Where the area for that directory, or for an empty one, is to lie.
+    static std::string ParentFor(const std::string &given);
+
     const std::string &Path() const noexcept { return path_; }
     // True for a path below the directory.
     bool Contains(const std::string &path) const;

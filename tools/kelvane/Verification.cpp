@@ -177,11 +177,23 @@ bool Verification::countAsContent(const std::string &name, bool regular) {
     return true;
 }
 
+// A link, mostly: what lies behind it is not listed.
+bool Verification::isInPlaceOfFolder(const std::string &name, bool regular) const {
+    if (regular || !usesDatabase_ || CF::String(name).GetLength() != kDirectoryLength ||
+        !contents_.AnyBeginsWith(name)) {
+        return false;
+    }
+    reportFile(Problem::Severity::Warning, "irregular-file", name,
+               "this is no folder of stored files, and may lead out of the backup");
+    return true;
+}
+
 void Verification::checkSourceFile(const KVBackupSourceFile &file) {
     const std::string name = CF::String::GetUTF8(file.name);
     ++sourceFiles_;
+    const bool regular = file.isRegularFile != 0;
     if (!countAsMetadata(name) && !isBesideDatabase(name, file.size) &&
-        !countAsContent(name, file.isRegularFile != 0)) {
+        !countAsContent(name, regular) && !isInPlaceOfFolder(name, regular)) {
         strays_.push_back(name);
     }
 }

@@ -42,6 +42,7 @@ class Verification {
     bool isBesideDatabase(const std::string &name, std::int64_t size) const;
     void checkSourceFile(const KVBackupSourceFile &file);
     bool countAsContent(const std::string &name, bool regular);
+    bool isInPlaceOfFolder(const std::string &name, bool regular) const;
     void reportFile(Problem::Severity severity, const char *kind, const std::string &name,
                     const std::string &message) const;
 

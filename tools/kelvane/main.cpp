@@ -1,4 +1,5 @@
 // kelvane: looks into backups of iOS devices, copies files out of them, and changes them.
+#include "BackupPlace.hpp"
 #include "CommandLine.hpp"
 #include "Diagnostics.hpp"
 #include "ExitStatus.hpp"
@@ -21,7 +22,7 @@ struct RunCommand {
     int operator()(const ListOptions &options) const { return RunList(open(), options); }
     int operator()(const CatOptions &options) const { return RunCat(open(), area, options); }
     int operator()(const ExtractOptions &options) const {
-        return RunExtract(open(), area, options);
+        return RunExtract(backup, area, options);
     }
     int operator()(const VerifyOptions &options) const { return RunVerify(open(), area, options); }
     int operator()(const ExportOptions &options) const { return RunExport(backup, options); }
@@ -45,8 +46,15 @@ class LibraryOutput {
     ~LibraryOutput() { ShowLibraryOutput(); }
 };
 
+void requireOutside(const std::string &temporaryParent, const BackupOptions &backup) {
+    if (BackupPlace(backup.backup).Holds(temporaryParent)) {
+        throw Failure("Temporary files would lie inside the backup, in '" + temporaryParent + "'");
+    }
+}
+
 int runInArea(const CommandLine &line) {
     ShowLog(line.verbosity);
+    requireOutside(TemporaryArea::ParentFor(line.backup.temporaryParent), line.backup);
     const TemporaryArea area(line.backup.temporaryParent);
     const LibraryOutput libraryOutput(area, line.verbosity);
     const int status = std::visit(RunCommand{line.backup, area}, line.command);
