@@ -1,5 +1,6 @@
 #include "container/BackupSource.hpp"
 #include "container/ZipError.hpp"
+#include "container/ZipLayout.hpp"
 #include "container/ZipRecord.hpp"
 
 #include "Kelvane/Error.hpp"
@@ -207,6 +208,23 @@ class ZipSource : public BackupSource {
     mutable std::unordered_map<std::string, unz64_file_pos> positions_;
 };
 
+[[noreturn]] void throwUnopened(const CF::String &zipPath, const CF::Error &cause) {
+    throw Error(kKVErrorInvalidBackup, cause, CFSTR("Failed to open zip file (%@)"), zipPath.get());
+}
+
+void checkLayout(const CF::String &zipPath, unzFile archive) {
+    unz_global_info64 info;
+    // An archive without a record that can be read has nothing to be checked.
+    if (unzGetGlobalInfo64(archive, &info) != UNZ_OK || unzGoToFirstFile(archive) != UNZ_OK) {
+        return;
+    }
+    try {
+        CheckZipLayout(zipPath.GetUTF8(), {unzGetOffset64(archive), info.number_entry});
+    } catch (const CF::Error &cause) {
+        throwUnopened(zipPath, cause);
+    }
+}
+
 } // namespace
 
 std::shared_ptr<BackupSource> OpenZipSource(const CF::String &zipPath) {
@@ -225,10 +243,11 @@ std::shared_ptr<BackupSource> OpenZipSource(const CF::String &zipPath) {
             errno = error.value();
             cause = CF::Error::Adopt(ZK::zipCreateError(UNZ_ERRNO));
         }
-        throw Error(kKVErrorInvalidBackup, cause, CFSTR("Failed to open zip file (%@)"),
-                    zipPath.get());
+        throwUnopened(zipPath, cause);
     }
-    return std::make_shared<ZipSource>(zipPath, archive);
+    auto source = std::make_shared<ZipSource>(zipPath, archive);
+    checkLayout(zipPath, archive);
+    return source;
 }
 
 } // namespace Kelvane

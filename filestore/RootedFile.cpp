@@ -112,8 +112,8 @@ CF::Error LinkedStoredName(const CF::String &name) {
     const auto info = CF::Dictionary::Mutable();
     info.Set(kCFErrorLocalizedFailureReasonKey,
              CFSTR("It is reached over a symbolic link, which is not followed"));
-    return UnsafeStoredName(name, CF::Error::Adopt(CFErrorCreatePOSIXError(
-                                      kCFAllocatorDefault, ELOOP, info.get())));
+    return UnsafeStoredName(
+        name, CF::Error::Adopt(CFErrorCreatePOSIXError(kCFAllocatorDefault, ELOOP, info.get())));
 }
 
 } // namespace Kelvane

@@ -47,16 +47,16 @@ StoredFile storedFile(const char *sample) {
     });
     const std::string fileID = entry.at("fileID");
     const bool flat = std::string(sample) == kBinary;
-    return {entry.at("domain"), entry.at("path"), flat ? fileID : fileID.substr(0, 2) + "/" + fileID,
-            entry.at("sha256")};
+    return {entry.at("domain"), entry.at("path"),
+            flat ? fileID : fileID.substr(0, 2) + "/" + fileID, entry.at("sha256")};
 }
 
 testing::AssertionResult isLinkError(const CF::Error &error, const std::string &name) {
     const testing::AssertionResult unsafe =
         IsError(error, kKVErrorInvalidBackup, "Unsafe stored file name (" + name + ")");
     const CF::Error cause = error ? error.GetUnderlying() : CF::Error();
-    if (unsafe && (!cause || !CFEqual(cause.GetDomain(), kCFErrorDomainPOSIX) ||
-                   cause.GetCode() != ELOOP)) {
+    if (unsafe &&
+        (!cause || !CFEqual(cause.GetDomain(), kCFErrorDomainPOSIX) || cause.GetCode() != ELOOP)) {
         return testing::AssertionFailure() << "the cause is not ELOOP";
     }
     return unsafe;
@@ -88,8 +88,8 @@ TEST_P(Links, InThePlaceOfStoredFilesAreRefused) {
         const LinkedBackup backup(sample);
         const StoredFile stored = storedFile(sample);
         backup.Link(stored.name);
-        EXPECT_TRUE(isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path),
-                              stored.name))
+        EXPECT_TRUE(
+            isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name))
             << sample;
     }
 }
@@ -98,8 +98,7 @@ TEST_P(Links, InThePlaceOfFoldersAreRefused) {
     const LinkedBackup backup(kPlain);
     const StoredFile stored = storedFile(kPlain);
     backup.Link(stored.name.substr(0, 2));
-    EXPECT_TRUE(
-        isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
+    EXPECT_TRUE(isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
 }
 
 TEST_P(Links, ThatLeadNowhereAreRefusedAndNotTakenForMissingFiles) {
@@ -107,8 +106,7 @@ TEST_P(Links, ThatLeadNowhereAreRefusedAndNotTakenForMissingFiles) {
     const StoredFile stored = storedFile(kPlain);
     backup.copy.Remove(stored.name);
     fs::create_symlink("nowhere", backup.copy.file(stored.name));
-    EXPECT_TRUE(
-        isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
+    EXPECT_TRUE(isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
 }
 
 TEST_P(Links, WithinTheBackupAreRefusedToo) {
@@ -116,8 +114,7 @@ TEST_P(Links, WithinTheBackupAreRefusedToo) {
     const StoredFile stored = storedFile(kPlain);
     backup.copy.Remove(stored.name);
     fs::create_symlink("../Info.plist", backup.copy.file(stored.name));
-    EXPECT_TRUE(
-        isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
+    EXPECT_TRUE(isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
 }
 
 TEST_P(Links, InThePlaceOfMetadataAreRefused) {
@@ -252,8 +249,7 @@ TEST_P(Links, ToTheBackupItselfAreFollowed) {
     const CopiedFile copied = CopyFileForPath(OpenPath(link), stored.domain, stored.path);
     ASSERT_TRUE(copied.file);
     EXPECT_EQ(SHA256(ReadContent(copied.file.get())), stored.sha256);
-    EXPECT_EQ(CF::String::GetUTF8(KVFileGetLocalPath(copied.file.get())),
-              link + "/" + stored.name);
+    EXPECT_EQ(CF::String::GetUTF8(KVFileGetLocalPath(copied.file.get())), link + "/" + stored.name);
 }
 
 TEST_P(Links, OfTheHardKindAreFilesLikeOthers) {

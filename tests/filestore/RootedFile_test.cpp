@@ -39,8 +39,7 @@ TEST_F(RootedFiles, AreLikeThoseThatAreReferencedByPath) {
     EXPECT_TRUE(CFEqual(rooted.get(), plain.get()));
     EXPECT_EQ(KVFileGetSize(rooted.get()), KVFileGetSize(plain.get()));
     EXPECT_EQ(KVFileGetReferenceHash(rooted.get()), KVFileGetReferenceHash(plain.get()));
-    EXPECT_TRUE(
-        CFEqual(KVFileGetModifiedDate(rooted.get()), KVFileGetModifiedDate(plain.get())));
+    EXPECT_TRUE(CFEqual(KVFileGetModifiedDate(rooted.get()), KVFileGetModifiedDate(plain.get())));
     EXPECT_EQ(pathOf(rooted), pathOf(plain));
     EXPECT_EQ(countOf(rooted), 2U);
     EXPECT_EQ(Contents(rooted), Pattern(1000, 3));
@@ -60,16 +59,16 @@ TEST_F(RootedFiles, AreRefusedWhenALinkLeadsToThem) {
     for (const char *name : {"link", "folder/file"}) {
         const CF::Error error = errorFor(name);
         EXPECT_TRUE(IsError(error, kKVErrorInvalidBackup,
-                              std::string("Unsafe stored file name (") + name + ")"));
+                            std::string("Unsafe stored file name (") + name + ")"));
         EXPECT_EQ(error.GetUnderlying().GetCode(), ELOOP);
     }
 }
 
 TEST_F(RootedFiles, ThatAreMissingAreToldByTheirPath) {
     EXPECT_TRUE(IsError(errorFor("ab/other"), kKVErrorFileNotFound,
-                          "File does not exist at path '" + path("root/ab/other") + "'"));
+                        "File does not exist at path '" + path("root/ab/other") + "'"));
     EXPECT_TRUE(IsError(errorFor("ab/file/below"), kKVErrorFileNotFound,
-                          "File does not exist at path '" + path("root/ab/file/below") + "'"));
+                        "File does not exist at path '" + path("root/ab/file/below") + "'"));
 }
 
 TEST_F(RootedFiles, ThatCannotBeReadAreNotMissing) {
