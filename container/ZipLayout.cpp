@@ -52,8 +52,8 @@ bool startsWith(std::span<const std::uint8_t> bytes, std::string_view mark) {
 }
 
 [[noreturn]] void throwUnreadable() {
-    throw Error(kKVErrorArchive, CF::Error::Adopt(CFErrorCreatePOSIXError(kCFAllocatorDefault,
-                                                                         errno, nullptr)));
+    throw Error(kKVErrorArchive,
+                CF::Error::Adopt(CFErrorCreatePOSIXError(kCFAllocatorDefault, errno, nullptr)));
 }
 
 // Reads an archive from front to back, with few calls.
@@ -234,9 +234,9 @@ std::span<const std::uint8_t> headerAt(ArchiveFile &file, std::uint64_t position
     if (fixed.size() < kFileHeaderSize || !startsWith(fixed, kFileHeaderMark)) {
         return {};
     }
-    const auto size = kFileHeaderSize +
-                      static_cast<std::size_t>(numberAt(fixed, 28, 2) + numberAt(fixed, 30, 2) +
-                                               numberAt(fixed, 32, 2));
+    const auto size =
+        kFileHeaderSize + static_cast<std::size_t>(numberAt(fixed, 28, 2) + numberAt(fixed, 30, 2) +
+                                                   numberAt(fixed, 32, 2));
     const auto header = file.At(position, size);
     return header.size() == size ? header : std::span<const std::uint8_t>();
 }

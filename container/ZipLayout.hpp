@@ -20,7 +20,8 @@ struct ZipDirectoryPlace {
 // found: what minizip reads, so that both mean the same directory.
 // Throws CF::Error, code 9: "The zip's directory holds more records than its end record counts
 // (more than %llu)", "Two parts of the zip overlap (at byte %llu)", "The zip's directory
-// contradicts itself (at byte %llu)", "The zip's directory cannot be found", or, for a file that cannot be read, none but the POSIX error underneath.
+// contradicts itself (at byte %llu)", "The zip's directory cannot be found", or, for a file that
+// cannot be read, none but the POSIX error underneath.
 void CheckZipLayout(const std::string &path, const ZipDirectoryPlace &found);
 
 } // namespace Kelvane

@@ -80,8 +80,8 @@ KVBackupContainerOpenDirectory(CFAllocatorRef allocator, CFStringRef directory,
 
 /* The same for a zip archive whose root is the backup's root. Further failures: code 10
  * "Failed to open zip file (%@)", with code 9 underneath for an archive that holds more
- * records than it counts or whose records share bytes; code 10 with "Could not locate file record in zip"
- * underneath for each missing metadata file, Info.plist included. Contents are unpacked
+ * records than it counts or whose records share bytes; code 10 with "Could not locate file record
+ * in zip" underneath for each missing metadata file, Info.plist included. Contents are unpacked
  * into the temporary path as they are asked for and stay there. */
 KV_EXPORT KVBackupContainerClass *
 KVBackupContainerOpenZipFile(CFAllocatorRef allocator, CFStringRef zipPath, CFStringRef password,

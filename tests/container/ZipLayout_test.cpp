@@ -55,8 +55,8 @@ class ZipLayout : public testing::Test {
             source_ = Kelvane::OpenZipSource(CF::String(path()));
             return {};
         } catch (const CF::Error &error) {
-            EXPECT_TRUE(IsError(error, kKVErrorInvalidBackup,
-                                "Failed to open zip file (" + path() + ")"));
+            EXPECT_TRUE(
+                IsError(error, kKVErrorInvalidBackup, "Failed to open zip file (" + path() + ")"));
             return error.GetUnderlying();
         }
     }
