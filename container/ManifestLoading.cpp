@@ -6,6 +6,7 @@
 #include "container/StoredName.hpp"
 #include "crypto/OpenFileDecryption.hpp"
 #include "filestore/Reading.hpp"
+#include "filestore/Storage.hpp"
 #include "foundation/Boundary.hpp"
 #include "manifest/KVManifestClass.hpp"
 #include "manifest/ManifestDatabaseReader.hpp"
@@ -20,8 +21,9 @@ namespace {
 constexpr std::uint64_t kMaxMbdbSize = 1ULL << 30;
 
 // The plaintext of the database, beside the store's other scratch files.
-CF::String decryptDatabase(const KVBackupContainerClass &container, ZK::file::readable_file &stored,
-                           const CF::String &versionText) {
+ZK::filesystem::path decryptDatabase(const KVBackupContainerClass &container,
+                                     ZK::file::readable_file &stored,
+                                     const CF::String &versionText) {
     const CF::String identifier = CF::UUID::Create().GetString();
     const ZK::filesystem::path target =
         FileManager::GetStorageLocationForTempIdentifier(identifier.get());
@@ -32,7 +34,7 @@ CF::String decryptDatabase(const KVBackupContainerClass &container, ZK::file::re
     ZLLogDomain(GetLogDomain(), kZLLogLevelMilestone,
                 CFSTR("(KVBackupContainer %p) Successfully decrypted manifest"),
                 static_cast<const void *>(&container));
-    return CF::String(target.native());
+    return target;
 }
 
 void buildBinaryManifest(KVBackupContainerClass &container) {
@@ -72,18 +74,23 @@ void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &v
     }
     // Opened as the file itself is, since its path may lead elsewhere by now.
     ZK::file::readable_file stored = OpenContent(*file.get());
+    const ZK::filesystem::path plaintext =
+        container.encryption ? decryptDatabase(container, stored, versionText) : "";
+    // Of a backup that does not open nobody learns where its plaintext lies.
+    ScratchFile unclaimed(plaintext);
     LocalError error;
     CF::Pointer<KVManifestClass *> manifest(
         CF::adopt,
         container.encryption
             ? KVManifestCreateFromManifestDatabase(
-                  kCFAllocatorDefault, decryptDatabase(container, stored, versionText).get(),
-                  container.Version(), container.MakeGetFileFunction(), progress, error.out())
+                  kCFAllocatorDefault, CF::String(plaintext.native()).get(), container.Version(),
+                  container.MakeGetFileFunction(), progress, error.out())
             : CreateManifestFromDatabase(kCFAllocatorDefault, stored, path, container.Version(),
                                          container.MakeGetFileFunction(), progress, error.out()));
     if (!manifest) {
         throw error.get();
     }
+    unclaimed.Keep();
     container.manifest = std::move(manifest);
 }
 

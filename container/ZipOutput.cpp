@@ -186,8 +186,8 @@ bool ZipOutput::Keep() noexcept {
         return false;
     }
     // Some file systems report a full disk here and not before.
-    if (::close(descriptor_.release()) != 0 && errno != EINTR) {
-        fail(errno);
+    if (const int number = descriptor_.close()) {
+        fail(number);
         ::unlink(path_.c_str());
         return false;
     }

@@ -4,6 +4,7 @@
 #include "container/ZipRecord.hpp"
 
 #include "Kelvane/Error.hpp"
+#include "filestore/Storage.hpp"
 #include "foundation/Boundary.hpp"
 
 #include <boost/filesystem/operations.hpp>
@@ -84,6 +85,8 @@ class ZipSource : public BackupSource {
         if (!file) {
             throw error.get();
         }
+        // A part of a record is of no use to anybody, and nobody else knows where it lies.
+        ScratchFile unfinished(CF::String::GetUTF8(KVFileGetLocalPath(file.get())));
         unpack(file, size);
         const int closed = record.Close();
         if (closed != UNZ_OK) {
@@ -92,6 +95,7 @@ class ZipSource : public BackupSource {
         if (!KVFileFinalizeAppendable(file.get(), error.out())) {
             throw error.get();
         }
+        unfinished.Keep();
         return file;
     }
 

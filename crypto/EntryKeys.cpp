@@ -12,6 +12,7 @@
 #include "support/zk/Secret.hpp"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace {
 
@@ -44,8 +45,17 @@ void requireNoKey(const KVManifestEntryClass &entry) {
     }
 }
 
+std::vector<std::uint8_t> randomBytes(std::size_t count) {
+    try {
+        return ZK::Encryption::RandomBytes(count);
+    } catch (const std::runtime_error &cause) {
+        // A host in C can be told of an error, but not of an exception.
+        throw Kelvane::Error(kKVErrorCrypto, nullptr, CFSTR("%s"), cause.what());
+    }
+}
+
 FileKey randomKey() {
-    auto keyData = ZK::Encryption::RandomBytes(std::tuple_size_v<FileKey>);
+    auto keyData = randomBytes(std::tuple_size_v<FileKey>);
     const ZK::WipeOnExit wipeData(keyData);
     FileKey key;
     if (keyData.size() != key.size()) {
@@ -84,9 +94,9 @@ void giveKey(const KVManifestEntryClass &entry, const MB::ManifestEncryption &en
 void Kelvane::RenewFileKey(const KVManifestEntryClass &entry,
                            const MB::ManifestEncryption &encryption) {
     requireFile(entry);
-    FileKey key = randomKey();
-    const ZK::WipeOnExit wipeKey(key);
     try {
+        FileKey key = randomKey();
+        const ZK::WipeOnExit wipeKey(key);
         giveKey(entry, encryption, key);
     } catch (const CF::Error &cause) {
         throw Error(kKVErrorCrypto, cause, CFSTR("Failed to generate a file key for entry"));

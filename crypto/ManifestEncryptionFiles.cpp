@@ -7,6 +7,7 @@
 #include "support/zk/File.hpp"
 #include "support/zk/Math.hpp"
 
+#include <boost/filesystem/operations.hpp>
 #include <boost/system/system_error.hpp>
 
 namespace MB {
@@ -30,14 +31,30 @@ ZK::file::readable_file openForCrypt(const path &source) {
     }
 }
 
+// A part of the plaintext must not stay behind where nobody looks for it.
+template <std::size_t KeySize>
+void cryptOrRemove(Operation operation, ZK::file::readable_file &input, const path &destination,
+                   const std::array<std::uint8_t, KeySize> &key) {
+    bool created = false;
+    auto output = ZK::file::writable_file::open_clobber(destination, &created);
+    try {
+        Cryptor::Crypt(operation, kAlgorithmOf<KeySize>, key, {}, input, output);
+        output.complete();
+    } catch (...) {
+        if (created) {
+            boost::system::error_code ignored; // the failure before it is the one to report
+            boost::filesystem::remove(destination, ignored);
+        }
+        throw;
+    }
+}
+
 template <std::size_t KeySize>
 void cryptInPlace(bool encrypt, ZK::file::readable_file &input, const path &destination,
                   const std::array<std::uint8_t, KeySize> &key) {
     static_assert(KeySize == 16 || KeySize == 32);
     try {
-        auto output = ZK::file::writable_file::open_clobber(destination);
-        Cryptor::Crypt(encrypt ? Operation::Encrypt : Operation::Decrypt, kAlgorithmOf<KeySize>,
-                       key, {}, input, output);
+        cryptOrRemove(encrypt ? Operation::Encrypt : Operation::Decrypt, input, destination, key);
     } catch (const boost::system::system_error &cause) {
         throw Kelvane::MakeFSError(cause.code().value(), kCryptFailure, cause.what());
     } catch (const std::exception &cause) {

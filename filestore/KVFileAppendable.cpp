@@ -46,10 +46,12 @@ KVFileClass *createAppendable() {
         // The digest first: its failure then leaves no file behind.
         Kelvane::DigestContext digest = beginDigest();
         auto writer = ZK::file::writable_file::create_new(scratch);
+        Kelvane::ScratchFile unused(scratch);
         auto file = CF::Adopt(_KVFileAllocInit());
         file.get()->localPath = CF::String(scratch.string());
         file.get()->writer = std::move(writer);
         file.get()->digest = std::move(digest);
+        unused.Keep();
         return file.detach();
     } catch (const boost::system::system_error &exception) {
         throw Kelvane::MakeFSError(exception, scratch);
@@ -74,17 +76,20 @@ void append(KVFileClass &file, std::span<const std::uint8_t> bytes) {
     file.size += bytes.size();
 }
 
-// Places the scratch file in the store under its new path, and counts the reference.
-void store(KVFileClass &file, const ZK::filesystem::path &scratch,
+// Places the scratch file in the store under its new path, and counts the reference. False when
+// a file that lay there already was taken instead.
+bool store(KVFileClass &file, const ZK::filesystem::path &scratch,
            const ZK::filesystem::path &location) {
     const std::lock_guard lock(_TempFilesystemMutex);
+    bool moved = false;
     try {
-        Kelvane::MoveIntoStore(scratch, location);
+        moved = Kelvane::MoveIntoStore(scratch, location);
     } catch (const boost::system::system_error &exception) {
         throw Kelvane::MakeFSError(exception, scratch);
     }
     file.referenceHash = file.hash;
     FileManager::RegisterReferenceForFile(&file);
+    return moved;
 }
 
 // Compares what lies on disk with what was appended, and takes its date over.
@@ -105,16 +110,24 @@ void verifyStored(KVFileClass &file, const ZK::filesystem::path &location) {
 }
 
 void finalize(KVFileClass &file) {
-    // Whatever happens now, the file is no longer appendable.
+    // Whatever happens now, the file is no longer appendable, and the scratch file of no use.
     const Kelvane::DigestContext digest = std::move(file.digest);
-    file.writer.close();
-    std::vector<std::uint8_t> hash = finishDigest(digest);
     const ZK::filesystem::path scratch = localPath(file);
+    Kelvane::ScratchFile unfinished(scratch);
+    boost::system::error_code notWritten;
+    file.writer.close(notWritten);
+    std::vector<std::uint8_t> hash = finishDigest(digest);
+    if (notWritten) {
+        throw Kelvane::MakeFSError(boost::system::system_error(notWritten, "close"), scratch);
+    }
     const ZK::filesystem::path location = FileManager::GetStorageLocationForFile();
     file.localPath = CF::String(location.string());
     file.hash = std::move(hash);
-    store(file, scratch, location);
+    const bool moved = store(file, scratch, location);
+    unfinished.Keep();
+    Kelvane::ScratchFile unverified(moved ? location : ZK::filesystem::path());
     verifyStored(file, location);
+    unverified.Keep();
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "filestore/Storage.hpp"
 #include "foundation/Boundary.hpp"
 #include "support/cf/Data.hpp"
+#include "support/cf/Extensions.hpp"
 #include "support/zk/Encryption.hpp"
 
 #include <boost/filesystem/operations.hpp>
@@ -33,13 +34,22 @@ void refuseNul(const ZK::filesystem::path &path) {
     }
 }
 
-bool isThere(const ZK::filesystem::path &path) {
-    if (holdsNul(path)) {
-        return false;
+// Throws code 16 when nothing is there, and also when nobody can tell; the reason for that is
+// then the cause beneath.
+void requireThere(const ZK::filesystem::path &path) {
+    boost::system::error_code error;
+    const auto type = holdsNul(path) ? boost::filesystem::file_not_found
+                                     : boost::filesystem::status(path, error).type();
+    if (type != boost::filesystem::status_error && type != boost::filesystem::file_not_found) {
+        return;
     }
-    boost::system::error_code ignored; // the status says it all
-    const auto type = boost::filesystem::status(path, ignored).type();
-    return type != boost::filesystem::status_error && type != boost::filesystem::file_not_found;
+    CF::Error cause;
+    if (type == boost::filesystem::status_error) {
+        cause =
+            CF::Error::Adopt(CFErrorCreatePOSIXError(kCFAllocatorDefault, error.value(), nullptr));
+    }
+    throw Error(kKVErrorFileNotFound, cause, CFSTR("File does not exist at path '%s'"),
+                path.c_str());
 }
 
 std::vector<std::uint8_t> hashFile(const ZK::filesystem::path &path) {
@@ -52,10 +62,7 @@ std::vector<std::uint8_t> hashFile(const ZK::filesystem::path &path) {
 
 OwnedFile createFromFile(CFStringRef path, bool copyIntoStore) {
     const ZK::filesystem::path source = CF::String::GetUTF8(path);
-    if (!isThere(source)) {
-        throw Error(kKVErrorFileNotFound, nullptr, CFSTR("File does not exist at path '%s'"),
-                    source.c_str());
-    }
+    requireThere(source);
     const std::vector<std::uint8_t> hash = hashFile(source);
     // A regular file can always be referenced where it lies; only one that turned into
     // something else meanwhile comes past this.

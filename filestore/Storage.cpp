@@ -17,6 +17,22 @@ std::mutex _TempFilesystemMutex;
 
 namespace Kelvane {
 
+namespace {
+
+// What a failed step made. The failure before this one is the one to report.
+void removeFile(const ZK::filesystem::path &path) noexcept {
+    boost::system::error_code ignored;
+    boost::filesystem::remove(path, ignored);
+}
+
+} // namespace
+
+ScratchFile::~ScratchFile() {
+    if (!path_.empty()) {
+        removeFile(path_);
+    }
+}
+
 FileFacts ReadFileFacts(const ZK::filesystem::path &path) {
     const std::time_t time = boost::filesystem::last_write_time(path);
     FileFacts facts;
@@ -31,6 +47,7 @@ OwnedFile ReferenceStoredFile(const ZK::filesystem::path &location,
     LocalError underlying;
     auto file = CF::Adopt(FileManager::CopyCachedFileReference(location, hash, underlying.out()));
     if (!file) {
+        removeFile(location);
         throw Error(kKVErrorUnknown, underlying.get(),
                     CFSTR("File written but reference could not be created"));
     }
@@ -47,9 +64,9 @@ void WriteStoredFile(const ZK::filesystem::path &location, const std::uint8_t *b
         auto file = ZK::file::writable_file::open_clobber(location);
         try {
             file.write(std::span(bytes, static_cast<std::size_t>(data_len)));
+            file.complete();
         } catch (...) {
-            boost::system::error_code ignored; // the first failure is the one to report
-            boost::filesystem::remove(location, ignored);
+            removeFile(location);
             throw;
         }
     } catch (const boost::system::system_error &exception) {
@@ -78,15 +95,17 @@ OwnedFile CopyIntoStore(const ZK::filesystem::path &source, const std::vector<st
     return ReferenceStoredFile(location, hash);
 }
 
-void MoveIntoStore(const ZK::filesystem::path &scratch, const ZK::filesystem::path &destination) {
-    boost::system::error_code ignored; // the type says it all
-    switch (boost::filesystem::status(destination, ignored).type()) {
+bool MoveIntoStore(const ZK::filesystem::path &scratch, const ZK::filesystem::path &destination) {
+    boost::system::error_code error;
+    switch (boost::filesystem::status(destination, error).type()) {
     case boost::filesystem::file_not_found:
         boost::filesystem::rename(scratch, destination);
-        return;
+        return true;
     case boost::filesystem::regular_file:
         boost::filesystem::remove(scratch);
-        return;
+        return false;
+    case boost::filesystem::status_error: // nobody knows what lies there
+        throw boost::filesystem::filesystem_error("status", destination, error);
     default:
         throw MakeFSError(EISDIR, CFSTR("Internal inconsistency (%s)"), destination.c_str());
     }

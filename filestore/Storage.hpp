@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 // Serialises moving files into the store. Never taken with the shared mutex held.
@@ -27,8 +28,22 @@ struct FileFacts {
 // Throws boost::system::system_error, for everything that is no regular file too.
 FileFacts ReadFileFacts(const ZK::filesystem::path &path);
 
-// A registered reference to a file that was just placed in the store. Throws code 1
-// "File written but reference could not be created" with the cause beneath.
+// A file that goes away with the object, unless it is kept.
+class ScratchFile {
+  public:
+    explicit ScratchFile(ZK::filesystem::path path) noexcept : path_(std::move(path)) {}
+    ScratchFile(const ScratchFile &) = delete;
+    ScratchFile &operator=(const ScratchFile &) = delete;
+    ~ScratchFile();
+    void Keep() noexcept { path_.clear(); }
+
+  private:
+    ZK::filesystem::path path_;
+};
+
+// A registered reference to a file that was just placed in the store; the file goes when
+// there can be none. Throws code 1 "File written but reference could not be created" with the
+// cause beneath.
 OwnedFile ReferenceStoredFile(const ZK::filesystem::path &location,
                               const std::vector<std::uint8_t> &hash);
 
@@ -51,8 +66,9 @@ OwnedFile CopyIntoStore(const ZK::filesystem::path &source, const std::vector<st
 OwnedFile CopyAsDelivered(const KVFileClass &file);
 
 // Gives a finished scratch file its place in the store; a regular file that lies there
-// already wins, and the scratch file goes. Throws code 3 "Internal inconsistency (PATH)"
-// when anything else lies there. With _TempFilesystemMutex held.
-void MoveIntoStore(const ZK::filesystem::path &scratch, const ZK::filesystem::path &destination);
+// already wins, and the scratch file goes: false. Throws code 3 "Internal inconsistency (PATH)"
+// when anything else lies there, and boost::system::system_error when that cannot be told or
+// the move fails. With _TempFilesystemMutex held.
+bool MoveIntoStore(const ZK::filesystem::path &scratch, const ZK::filesystem::path &destination);
 
 } // namespace Kelvane

@@ -85,7 +85,7 @@ std::unique_ptr<SQLite::Database> OpenDatabase(const std::string &path, bool cre
     try {
         if (create) {
             // Made here for its mode: SQLite would leave it to the umask.
-            ZK::file::writable_file::create_new(path).close();
+            ZK::file::writable_file::create_new(path).complete();
         }
         return std::make_unique<SQLite::Database>(path,
                                                   SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);

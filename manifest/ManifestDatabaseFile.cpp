@@ -8,11 +8,15 @@
 #include "manifest/ManifestRowWriter.hpp"
 #include "manifest/ManifestVersion.hpp"
 #include "support/cf/Number.hpp"
+#include "support/zk/UniqueDescriptor.hpp"
 
 #include <boost/filesystem/operations.hpp>
 
+#include <cerrno>
 #include <cstdint>
 #include <vector>
+
+#include <fcntl.h>
 
 namespace Kelvane {
 
@@ -84,6 +88,32 @@ void RemoveCompanions(const std::string &path) {
     }
 }
 
+// SQLite does not tell when closing its file fails, as it does on file systems that find out
+// only then that there is no room for what was written. A second descriptor, opened before and
+// closed after SQLite's, learns of it. It knows no locks, which would keep SQLite out.
+class Witness {
+  public:
+    explicit Witness(const std::string &path)
+        : path_(path), descriptor_(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW)) {
+        if (descriptor_.get() < 0) {
+            fail(errno);
+        }
+    }
+    void RequireWritten() {
+        if (const int number = descriptor_.close()) {
+            fail(number);
+        }
+    }
+
+  private:
+    [[noreturn]] void fail(int number) const {
+        throw MakeFSError(number, CFSTR("Failed to write temporary database: %s"), path_.c_str());
+    }
+
+    std::string path_;
+    ZK::file::unique_descriptor descriptor_;
+};
+
 // Closes the database first: SQLite would write to what is removed under it.
 void Discard(ManifestDB &database) {
     database.Close();
@@ -95,14 +125,16 @@ void Discard(ManifestDB &database) {
 std::string WriteManifestDatabaseFile(KVManifestClass *manifest, KVManifestDataVersion version) {
     RequireDatabaseVersion(version);
     ManifestDB database = NewDatabase();
+    const std::string path = database.GetLocalPath().GetUTF8();
     try {
+        Witness witness(path);
         FillDatabase(manifest, database);
+        database.Close();
+        witness.RequireWritten();
     } catch (...) {
         Discard(database);
         throw;
     }
-    database.Close();
-    const std::string path = database.GetLocalPath().GetUTF8();
     // All rows are in the database itself by now, so an empty log is all that can be left.
     RemoveCompanions(path);
     return path;

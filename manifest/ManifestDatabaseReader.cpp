@@ -7,11 +7,16 @@
 #include "foundation/Boundary.hpp"
 #include "manifest/EntryFromMBFile.hpp"
 #include "manifest/KVManifestClass.hpp"
+#include "manifest/ManifestDatabaseFile.hpp"
 #include "manifest/ManifestRows.hpp"
 #include "manifest/ManifestVersion.hpp"
 #include "manifest/TextCache.hpp"
 #include "support/cf/Number.hpp"
 #include "support/zk/Log.hpp"
+
+#include <memory>
+#include <optional>
+#include <utility>
 
 namespace Kelvane {
 
@@ -97,6 +102,27 @@ void CollectRows(ManifestDB &database, const KVProgressFunction &progress,
     }
 }
 
+// A working copy stays where it is, but not that of a database which cannot be read: it may be
+// the plaintext of one that lies encrypted elsewhere, and nobody learns of its path.
+class WorkingCopy {
+  public:
+    explicit WorkingCopy(std::unique_ptr<ManifestDB> database) : database_(std::move(database)) {}
+    WorkingCopy(const WorkingCopy &) = delete;
+    WorkingCopy &operator=(const WorkingCopy &) = delete;
+    ~WorkingCopy() {
+        if (!kept_) {
+            database_->Close();
+            RemoveManifestDatabaseFile(database_->GetLocalPath().GetUTF8());
+        }
+    }
+    ManifestDB &Database() noexcept { return *database_; }
+    void Keep() noexcept { kept_ = true; }
+
+  private:
+    std::unique_ptr<ManifestDB> database_;
+    bool kept_ = false;
+};
+
 [[noreturn]] void ThrowLogged(const CF::Error &error) {
     ZLLogError(error.get(), GetLogDomain(), nullptr);
     throw error;
@@ -105,9 +131,10 @@ void CollectRows(ManifestDB &database, const KVProgressFunction &progress,
 // open returns the working copy of the database.
 template <class Open>
 void CollectAllRows(Open open, const KVProgressFunction &progress, RowCollector &collector) {
+    std::optional<WorkingCopy> copy;
     try {
-        const auto database = open();
-        CollectRows(*database, progress, collector);
+        copy.emplace(open());
+        CollectRows(copy->Database(), progress, collector);
     } catch (const CF::Error &cause) {
         ThrowLogged(Error(kKVErrorInvalidManifestDatabase, cause,
                           "Failed to parse records from manifest database"));
@@ -116,6 +143,7 @@ void CollectAllRows(Open open, const KVProgressFunction &progress, RowCollector 
         ThrowLogged(Error(kKVErrorInvalidManifestDatabase, nullptr,
                           CFSTR("Database contains %ld invalid entries"), collector.InvalidRows()));
     }
+    copy->Keep();
 }
 
 struct Request {

@@ -55,5 +55,10 @@ CF::Data ReadDatabase(const std::string &path) {
 CFDataRef KVManifestCreateManifestDBRepresentation(KVManifestClass *manifest,
                                                    KVManifestDataVersion version) {
     const std::string path = Kelvane::WriteManifestDatabaseFile(manifest, version);
-    return Kelvane::ReadDatabase(path).detach();
+    try {
+        return Kelvane::ReadDatabase(path).detach();
+    } catch (...) {
+        Kelvane::RemoveManifestDatabaseFile(path);
+        throw;
+    }
 }

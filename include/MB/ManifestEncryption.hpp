@@ -93,7 +93,8 @@ class KV_VISIBLE ManifestEncryption {
     //   code 3, "Failed to decrypt/encrypt: %s", with the POSIX error underneath;
     //   code 18, "Failed to decrypt/encrypt: %s": length or padding of encrypted content
     //     is wrong, which is how a wrong key shows as a rule.
-    // After a failure the destination may hold a part; the caller removes it.
+    // After a failure a destination that was there before may hold a part, which the caller
+    // removes; one that was not is gone.
     static void DecryptFile(const ZK::filesystem::path &source,
                             const ZK::filesystem::path &destination, const Key128 &key);
     static void DecryptFile(const ZK::filesystem::path &source,

@@ -108,6 +108,7 @@ void copy_new(readable_file &from, const filesystem::path &destination) {
     writable_file to = writable_file::create_new(destination);
     try {
         copyContent(from, to);
+        to.complete();
     } catch (...) {
         to.close();
         ::unlink(destination.c_str());

@@ -70,6 +70,9 @@ void descriptor::close(boost::system::error_code &error) noexcept {
     if (stream_ != nullptr) {
         stream_->file.close(error);
         stream_.reset();
+        if (error == boost::asio::error::interrupted) {
+            error.clear();
+        }
     }
 }
 
@@ -131,6 +134,12 @@ void writable_file::write(std::span<const std::uint8_t> bytes) {
     boost::system::error_code error;
     write(bytes, error);
     throwIf(error, "write");
+}
+
+void writable_file::complete() {
+    boost::system::error_code error;
+    close(error);
+    throwIf(error, "close");
 }
 
 } // namespace ZK::file

@@ -37,7 +37,8 @@ class descriptor {
     // -1 when closed.
     int native_handle() const noexcept;
     // Gives up the lock and the descriptor; twice is harmless. The error tells that bytes
-    // written before may be lost, which some file systems find out only now.
+    // written before may be lost, which some file systems find out only now. An interruption
+    // is none: the system goes on writing.
     void close() noexcept;
     void close(boost::system::error_code &error) noexcept;
     // Size in bytes of the open file, now, and when it was last written to.
@@ -75,12 +76,13 @@ class readable_file : public descriptor {
 
 // Opened for writing under an exclusive lock. A file that it creates has mode 0600,
 // whatever the umask; one that is there keeps its mode. Only regular files are opened,
-// without blocking, as above.
+// without blocking, as above. A file that was created goes away again when opening fails.
 class writable_file : public descriptor {
   public:
     writable_file() noexcept = default;
-    // Creates the file or truncates the one that is there.
-    static writable_file open_clobber(const filesystem::path &path);
+    // Creates the file or truncates the one that is there; created, if given, tells which of
+    // the two it was.
+    static writable_file open_clobber(const filesystem::path &path, bool *created = nullptr);
     // Creates the file; fails when anything exists at the path, a dangling link included.
     static writable_file create_new(const filesystem::path &path);
     // Creates the file or appends to the one that is there.
@@ -94,6 +96,9 @@ class writable_file : public descriptor {
     // Writes every byte before it returns, or fails; some bytes may be written then.
     void write(std::span<const std::uint8_t> bytes);
     void write(std::span<const std::uint8_t> bytes, boost::system::error_code &error);
+
+    // Closes what is written to its end, and throws when closing fails: the bytes may be lost.
+    void complete();
 
   private:
     explicit writable_file(int fd) : descriptor(fd) {}

@@ -148,13 +148,32 @@ Failure createExclusively(const Location &where, int flags, int &result) {
     return failure;
 }
 
+// Removes a file that was just created, unless it comes into use.
+class Removal {
+  public:
+    Removal(const Location &where, bool created) noexcept : where_(where), armed_(created) {}
+    Removal(const Removal &) = delete;
+    Removal &operator=(const Removal &) = delete;
+    ~Removal() {
+        if (armed_) {
+            ::unlinkat(where_.directory, where_.path, 0);
+        }
+    }
+    void Cancel() noexcept { armed_ = false; }
+
+  private:
+    Location where_;
+    bool armed_;
+};
+
 // Opens for writing, creating the file if there is none. It may come or go between the
 // two attempts, hence the few repetitions.
-Failure openOrCreate(const filesystem::path &path, int flags, int &result) {
+Failure openOrCreate(const filesystem::path &path, int flags, int &result, bool &created) {
     constexpr int kAttempts = 8;
     Failure failure;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         failure = createExclusively(path, O_WRONLY | flags, result);
+        created = !failure;
         if (failure.number != EEXIST) {
             return failure;
         }
@@ -232,15 +251,21 @@ readable_file::readable_file(const root_directory &root, const std::string &name
     }
 }
 
-writable_file writable_file::open_clobber(const filesystem::path &path) {
+writable_file writable_file::open_clobber(const filesystem::path &path, bool *created) {
     int fd = -1;
-    if (const Failure failure = openOrCreate(path, 0, fd)) {
+    bool isNew = false;
+    if (const Failure failure = openOrCreate(path, 0, fd, isNew)) {
         raise(failure);
     }
+    Removal removal(path, isNew);
     writable_file file(fd);
     // Only now, under the lock: nobody is reading what goes away.
-    if (::ftruncate(file.native_handle(), 0) != 0) {
+    if (!isNew && ::ftruncate(file.native_handle(), 0) != 0) {
         raise({errno, "ftruncate"});
+    }
+    removal.Cancel();
+    if (created != nullptr) {
+        *created = isNew;
     }
     return file;
 }
@@ -250,24 +275,40 @@ writable_file writable_file::create_new(const filesystem::path &path) {
     if (const Failure failure = createExclusively(path, O_WRONLY, fd)) {
         raise(failure);
     }
-    return writable_file(fd);
+    Removal removal(path, true);
+    writable_file file(fd);
+    removal.Cancel();
+    return file;
 }
 
 writable_file writable_file::open_append(const filesystem::path &path,
                                          boost::system::error_code &error) {
     int fd = -1;
-    const Failure failure = openOrCreate(path, O_APPEND, fd);
+    bool created = false;
+    const Failure failure = openOrCreate(path, O_APPEND, fd, created);
     assign(failure, error);
-    return failure ? writable_file() : writable_file(fd);
+    if (failure) {
+        return {};
+    }
+    Removal removal(path, created);
+    writable_file file(fd);
+    removal.Cancel();
+    return file;
 }
 
 writable_file writable_file::create_append(const directory &parent, const std::string &name,
                                            boost::system::error_code &error) {
     int fd = -1;
-    const Failure failure =
-        createExclusively({parent.native_handle(), name}, O_WRONLY | O_APPEND, fd);
+    const Location where(parent.native_handle(), name);
+    const Failure failure = createExclusively(where, O_WRONLY | O_APPEND, fd);
     assign(failure, error);
-    return failure ? writable_file() : writable_file(fd);
+    if (failure) {
+        return {};
+    }
+    Removal removal(where, true);
+    writable_file file(fd);
+    removal.Cancel();
+    return file;
 }
 
 } // namespace ZK::file

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <utility>
 
 #include <unistd.h>
@@ -21,6 +22,12 @@ class unique_descriptor {
         }
     }
     int get() const noexcept { return fd_; }
+    // Closes it now; errno when that fails, and bytes written before may be lost, else 0. An
+    // interruption is no failure: the system goes on writing.
+    int close() noexcept {
+        const int result = ::close(release());
+        return result == 0 || errno == EINTR ? 0 : errno;
+    }
     int release() noexcept { return std::exchange(fd_, -1); }
 
   private:

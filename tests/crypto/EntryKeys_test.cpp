@@ -1,9 +1,14 @@
+// Replacing the generator of random bytes is marked deprecated; a test of its failure has no
+// other way.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
 #include "KVFile.h"
 #include "KVManifestEntry.h"
 #include "KeyBagFixture.hpp"
 #include "manifest/KVManifestEntryClass.hpp"
 #include "tests/support/TemporaryDirectory.hpp"
 
+#include <openssl/rand.h>
 #include <sys/stat.h>
 
 namespace {
@@ -26,6 +31,22 @@ class ErrorOut {
 
   private:
     CFErrorRef error_ = nullptr;
+};
+
+// While one lives, libcrypto has no random bytes to give.
+class NoRandomBytes {
+  public:
+    NoRandomBytes() : before_(RAND_get_rand_method()) {
+        static const RAND_METHOD method = {nullptr, &refuse, nullptr, nullptr, &refuse, nullptr};
+        RAND_set_rand_method(&method);
+    }
+    NoRandomBytes(const NoRandomBytes &) = delete;
+    NoRandomBytes &operator=(const NoRandomBytes &) = delete;
+    ~NoRandomBytes() { RAND_set_rand_method(before_); }
+
+  private:
+    static int refuse(unsigned char *, int) { return 0; }
+    const RAND_METHOD *before_;
 };
 
 class EntryKeys : public testing::Test {
@@ -303,6 +324,15 @@ TEST_F(GenerateFileKey, ReportsContentThatCannotBeRead) {
     const CF::Error error = generatingError(entry);
     expectError(error, kKVErrorCrypto, "Failed to generate a file key for entry");
     EXPECT_TRUE(error.GetUnderlying());
+}
+
+TEST_F(GenerateFileKey, ReportsThatThereAreNoRandomBytes) {
+    const Entry entry = entryOf(fileOf({'x'}));
+    const NoRandomBytes none;
+    const CF::Error error = generatingError(entry);
+    expectError(error, kKVErrorCrypto, "Failed to generate a file key for entry");
+    expectLoneError(error.GetUnderlying(), kKVErrorCrypto, "No random bytes available");
+    EXPECT_EQ(CFDataGetLength(entry.get()->encryptionData.get()), 0);
 }
 
 TEST_F(GenerateFileKey, FailsWithoutAnErrorPointerToo) {

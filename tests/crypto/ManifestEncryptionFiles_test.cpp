@@ -1,6 +1,7 @@
 // Whole files and texts, against the openssl program.
 #include "KeyBagFixture.hpp"
 #include "support/cf/Extensions.hpp"
+#include "tests/support/FailingCalls.hpp"
 #include "tests/support/TemporaryDirectory.hpp"
 
 #include <gmock/gmock.h>
@@ -140,6 +141,28 @@ TEST_F(FileCrypt, ReportsWrongPadding) {
     encrypted.resize(16);
     const Path source = directory_.write("source", encrypted);
     expectCryptoError(decryptingError(source, directory_ / "out"));
+}
+
+TEST_F(FileCrypt, LeavesNoPlaintextOfContentThatDoesNotDecrypt) {
+    const Path source = directory_.write("source", content(1000001));
+    expectCryptoError(decryptingError(source, directory_ / "out"));
+    EXPECT_FALSE(boost::filesystem::exists(directory_ / "out"));
+}
+
+TEST_F(FileCrypt, LeavesADestinationThatWasThere) {
+    const Path source = directory_.write("source", content(33));
+    const Path destination = directory_.write("out", content(10));
+    expectCryptoError(decryptingError(source, destination));
+    EXPECT_TRUE(boost::filesystem::exists(destination));
+}
+
+TEST_F(FileCrypt, ReportsAFileThatCannotBeClosedAndLeavesNone) {
+    const Path source = directory_.write("plain", content(100));
+    const testing_support::FailingCall closing(testing_support::Call::Close, EDQUOT);
+    const CF::Error error =
+        errorOf([&] { ManifestEncryption::EncryptFile(source, directory_ / "out", kKey); });
+    expectFilesystemError(error, EDQUOT);
+    EXPECT_FALSE(boost::filesystem::exists(directory_ / "out"));
 }
 
 TEST_F(FileCrypt, ReleasesItsLocksOnEveryPath) {

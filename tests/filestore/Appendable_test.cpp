@@ -1,6 +1,7 @@
 #include "tests/filestore/StoreFixture.hpp"
 
 #include "support/zk/Math.hpp"
+#include "tests/support/FailingCalls.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -199,6 +200,36 @@ TEST_F(Appendable, ReportsAFullDiskAndCannotBeFinalisedAfterwards) {
                     .starts_with("Calculated appended size does not match size on disk! (0 != "));
 }
 
+TEST_F(Appendable, ReportsAFileThatCannotBeClosedAndLeavesNone) {
+    const auto file = appendable();
+    append(file, BytesOf("lost"));
+    const std::string scratch = pathOf(file);
+    const FailingCall closing(Call::Close, EDQUOT);
+    EXPECT_TRUE(IsError(finalizeError(file), kKVErrorFilesystem,
+                        "close: Disk quota exceeded (" + scratch + ")"));
+    EXPECT_FALSE(boost::filesystem::exists(scratch));
+    EXPECT_TRUE(KVFileGetReferenceHash(file.get()).empty());
+}
+
+TEST_F(Appendable, LeavesNoStoredFileThatCannotBeFinalised) {
+    const auto file = appendable();
+    append(file, BytesOf("four"));
+    const std::string scratch = pathOf(file);
+    std::ofstream(scratch, std::ios::app) << "more";
+    finalizeError(file);
+    EXPECT_FALSE(boost::filesystem::exists(scratch));
+    EXPECT_FALSE(boost::filesystem::exists(pathOf(file)));
+}
+
+TEST_F(Appendable, LeavesNoScratchFileThatCannotBeOpened) {
+    const auto before = StoredFileCount();
+    const FailingCall polling(Call::AddToPoll, ENOSPC);
+    Kelvane::LocalError error;
+    EXPECT_EQ(KVFileCreateAppendable(error.out()), nullptr);
+    EXPECT_EQ(error.get().GetCode(), static_cast<CFIndex>(kKVErrorFilesystem));
+    EXPECT_EQ(StoredFileCount(), before);
+}
+
 TEST_F(Appendable, KeepsReadersOutUntilFinalised) {
     const auto file = appendable();
     append(file, BytesOf("half"));
@@ -221,6 +252,35 @@ TEST_F(MoveIntoStore, LeavesAFileThatIsThereAlready) {
     Kelvane::MoveIntoStore(scratch, place);
     EXPECT_EQ(ReadFile(place), BytesOf("old"));
     EXPECT_FALSE(boost::filesystem::exists(scratch));
+}
+
+// To the superuser every directory is open, but a path through a loop of links is not.
+TEST_F(MoveIntoStore, TellsWhyItCannotSeeWhatLiesInItsPlace) {
+    const auto scratch = directory.write("scratch", "new");
+    boost::filesystem::create_symlink("loop", directory / "loop");
+    try {
+        Kelvane::MoveIntoStore(scratch, directory / "loop" / "place");
+        FAIL() << "moved";
+    } catch (const boost::system::system_error &error) {
+        EXPECT_EQ(error.code().value(), ELOOP);
+    }
+    EXPECT_TRUE(boost::filesystem::exists(scratch));
+}
+
+TEST_F(MoveIntoStore, TellsThatTheStoreIsClosedToIt) {
+    if (::geteuid() == 0) {
+        GTEST_SKIP() << "to the superuser no directory is closed";
+    }
+    const auto scratch = directory.write("scratch", "new");
+    boost::filesystem::create_directory(directory / "closed");
+    boost::filesystem::permissions(directory / "closed", boost::filesystem::no_perms);
+    try {
+        Kelvane::MoveIntoStore(scratch, directory / "closed" / "place");
+        FAIL() << "moved";
+    } catch (const boost::system::system_error &error) {
+        EXPECT_EQ(error.code().value(), EACCES);
+    }
+    boost::filesystem::permissions(directory / "closed", boost::filesystem::owner_all);
 }
 
 TEST_F(MoveIntoStore, RefusesAnythingElseInItsPlace) {

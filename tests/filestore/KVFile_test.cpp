@@ -2,6 +2,7 @@
 
 #include "support/zk/Log.hpp"
 #include "support/zk/Math.hpp"
+#include "tests/support/FailingCalls.hpp"
 
 #include <cstdio>
 
@@ -133,6 +134,16 @@ TEST_F(Files, AtAMissingPathFail) {
     EXPECT_TRUE(IsError(errorForPath(path), kKVErrorFileNotFound,
                         "File does not exist at path '" + path + "'"));
     EXPECT_EQ(KVFileCreateFromFileAtPath(CF::String(path).get(), false, nullptr), nullptr);
+}
+
+// To the superuser every directory is open, but a path through a loop of links is not.
+TEST_F(Files, WhoseDirectoryCannotBeSearchedFailForThatReason) {
+    boost::filesystem::create_symlink("loop", directory / "loop");
+    const std::string path = (directory / "loop" / "file").string();
+    const CF::Error error = errorForPath(path);
+    EXPECT_TRUE(IsError(error, kKVErrorFileNotFound, "File does not exist at path '" + path + "'"));
+    EXPECT_TRUE(CFEqual(error.GetUnderlying().GetDomain(), kCFErrorDomainPOSIX));
+    EXPECT_EQ(error.GetUnderlying().GetCode(), ELOOP);
 }
 
 TEST_F(Files, AtANullPathFail) {
@@ -344,6 +355,41 @@ TEST_F(Storing, ReportsAFileThatCannotBeWritten) {
     EXPECT_TRUE(IsError(ErrorThrownBy([&] { Kelvane::WriteStoredFile(location, bytes.data(), 1); }),
                         kKVErrorFilesystem,
                         "open: No such file or directory (" + location.string() + ")"));
+}
+
+TEST_F(Storing, LeavesNothingThatCannotBeReferenced) {
+    const auto path = directory / "link";
+    boost::filesystem::create_symlink("nowhere", path);
+    EXPECT_TRUE(ErrorThrownBy([&] { Kelvane::ReferenceStoredFile(path, Bytes(20)); }));
+    EXPECT_FALSE(boost::filesystem::is_symlink(boost::filesystem::symlink_status(path)));
+}
+
+TEST_F(Storing, ReportsAFileThatCannotBeClosedAndLeavesNone) {
+    const auto location = directory / "file";
+    const Bytes bytes = Pattern(1000);
+    const FailingCall closing(Call::Close, EDQUOT);
+    EXPECT_TRUE(
+        IsError(ErrorThrownBy([&] { Kelvane::WriteStoredFile(location, bytes.data(), 1000); }),
+                kKVErrorFilesystem, "close: Disk quota exceeded (" + location.string() + ")"));
+    EXPECT_FALSE(boost::filesystem::exists(location));
+}
+
+TEST_F(Storing, LosesNoDataInSilence) {
+    const auto before = StoredFileCount();
+    const FailingCall closing(Call::Close, EDQUOT);
+    Kelvane::LocalError error;
+    EXPECT_EQ(KVFileCreateFromData(Pattern(1000), error.out()), nullptr);
+    EXPECT_EQ(error.get().GetCode(), static_cast<CFIndex>(kKVErrorFilesystem));
+    EXPECT_EQ(StoredFileCount(), before);
+}
+
+TEST_F(Storing, ReportsACopyThatCannotBeClosedAndLeavesNone) {
+    const auto before = StoredFileCount();
+    const auto path = directory.write("file", "content");
+    const FailingCall closing(Call::Close, EDQUOT);
+    const CF::Error error = ErrorThrownBy([&] { Kelvane::CopyIntoStore(path, Bytes(20)); });
+    EXPECT_TRUE(ReasonOf(error).starts_with("close: Disk quota exceeded (")) << ReasonOf(error);
+    EXPECT_EQ(StoredFileCount(), before);
 }
 
 TEST_F(Storing, WritesAllBytes) {

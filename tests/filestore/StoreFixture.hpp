@@ -44,6 +44,13 @@ inline Bytes Contents(const OwnedFile &file, unsigned long chunkSize = 0) {
     return all;
 }
 
+inline std::size_t StoredFileCount() {
+    const auto store = LibraryTemporaryPath() / "KVFileManager";
+    boost::system::error_code missing;
+    const boost::filesystem::directory_iterator first(store, missing);
+    return missing ? 0 : static_cast<std::size_t>(std::distance(first, {}));
+}
+
 // Files in the library's store, and others beside it.
 class Store : public ::testing::Test {
   protected:

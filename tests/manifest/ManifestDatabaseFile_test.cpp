@@ -2,6 +2,7 @@
 #include "manifest/ManifestDatabaseFile.hpp"
 
 #include "tests/manifest/DatabaseFixtures.hpp"
+#include "tests/support/FailingCalls.hpp"
 
 using namespace manifest_test;
 using testing::ElementsAre;
@@ -85,6 +86,42 @@ TEST_F(ManifestDatabaseFile, FailureLeavesNoFile) {
     EXPECT_EQ(
         ThrownError([&] { Kelvane::WriteManifestDatabaseFile(MakeManifest({entry}).get(), 33); }),
         "Kelvane.ErrorDomain 2: Text cannot be encoded as UTF-8");
+    EXPECT_THAT(NewFiles(), IsEmpty());
+}
+
+// SQLite itself ignores that closing fails.
+TEST_F(ManifestDatabaseFile, ThatCannotBeClosedIsAnErrorAndLeavesNoFile) {
+    const auto manifest = ManifestOfPaths({"a"});
+    const std::string lost = "Kelvane.ErrorDomain 3: Failed to write temporary database: ";
+    {
+        // The empty file that SQLite then opens is closed before; it takes no part in this.
+        const testing_support::FailingCall closing(testing_support::Call::Close, EDQUOT, 1);
+        EXPECT_THAT(ThrownError([&] { Kelvane::WriteManifestDatabaseFile(manifest.get(), 33); }),
+                    StartsWith(lost));
+    }
+    EXPECT_THAT(NewFiles(), IsEmpty());
+}
+
+TEST_F(ManifestDatabaseFile, ThatCannotBeClosedWhenItIsMadeLeavesNoFile) {
+    const auto manifest = ManifestOfPaths({"a"});
+    {
+        const testing_support::FailingCall closing(testing_support::Call::Close, EDQUOT);
+        EXPECT_THAT(ThrownError([&] { Kelvane::WriteManifestDatabaseFile(manifest.get(), 33); }),
+                    StartsWith("Kelvane.ErrorDomain 1: Database initialization failed"));
+    }
+    EXPECT_THAT(NewFiles(), IsEmpty());
+}
+
+TEST_F(ManifestDatabaseFile, WithInvalidRowsLeavesNoCopy) {
+    const testing_support::TemporaryDirectory directory;
+    const std::string source = (directory / "db").string();
+    testing_support::RunCommand({"sqlite3", source,
+                                 "CREATE TABLE Files (fileID, domain, relativePath, flags, file);"
+                                 "INSERT INTO Files VALUES ('a', 'D', 'p', 1, x'00');"});
+    ASSERT_TRUE(boost::filesystem::exists(source));
+    EXPECT_EQ(KVManifestCreateFromManifestDatabase(nullptr, CF::String(source).get(), 33, {}, {},
+                                                   nullptr),
+              nullptr);
     EXPECT_THAT(NewFiles(), IsEmpty());
 }
 

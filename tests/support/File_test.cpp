@@ -1,6 +1,7 @@
 #include "support/zk/File.hpp"
 
 #include "tests/support/Bytes.hpp"
+#include "tests/support/FailingCalls.hpp"
 #include "tests/support/TemporaryDirectory.hpp"
 
 #include <boost/system/system_error.hpp>
@@ -20,6 +21,8 @@ namespace {
 
 using testing_support::Bytes;
 using testing_support::BytesOf;
+using testing_support::Call;
+using testing_support::FailingCall;
 using testing_support::Pattern;
 using testing_support::ReadFile;
 using testing_support::TemporaryDirectory;
@@ -368,6 +371,66 @@ TEST_F(CopyNew, LeavesNothingBehindWhenTheCopyDoesNotFit) {
     const FileSizeLimit limit(1000);
     EXPECT_EQ(errnoThrownBy([&] { ZK::file::copy_new(source, directory / "b"); }), EFBIG);
     EXPECT_FALSE(boost::filesystem::exists(directory / "b"));
+}
+
+TEST_F(CopyNew, LeavesNothingBehindWhenItCannotBeClosed) {
+    const auto source = directory.write("a", Pattern(5000));
+    const FailingCall closing(Call::Close, EDQUOT);
+    EXPECT_EQ(errnoThrownBy([&] { ZK::file::copy_new(source, directory / "b"); }), EDQUOT);
+    EXPECT_FALSE(boost::filesystem::exists(directory / "b"));
+}
+
+class Completing : public Files {};
+
+TEST_F(Completing, ClosesTheFile) {
+    writable_file file = writable_file::create_new(directory / "a");
+    file.write(BytesOf("x"));
+    file.complete();
+    EXPECT_FALSE(file.is_open());
+    file.complete();
+}
+
+TEST_F(Completing, TellsThatTheFileCannotBeClosed) {
+    writable_file file = writable_file::create_new(directory / "a");
+    const FailingCall closing(Call::Close, EDQUOT);
+    EXPECT_EQ(errnoThrownBy([&] { file.complete(); }), EDQUOT);
+    EXPECT_FALSE(file.is_open());
+}
+
+TEST_F(Completing, TakesAnInterruptionForNoFailure) {
+    writable_file file = writable_file::create_new(directory / "a");
+    const FailingCall closing(Call::Close, EINTR);
+    EXPECT_EQ(errnoThrownBy([&] { file.complete(); }), 0);
+}
+
+class FailedOpening : public Files {};
+
+TEST_F(FailedOpening, LeavesNoFileThatItMade) {
+    const auto path = directory / "a";
+    const FailingCall polling(Call::AddToPoll, ENOSPC);
+    EXPECT_EQ(openingForWriting(path), ENOSPC);
+    EXPECT_FALSE(boost::filesystem::exists(path));
+    EXPECT_EQ(errnoThrownBy([&] { writable_file::create_new(path); }), ENOSPC);
+    EXPECT_FALSE(boost::filesystem::exists(path));
+    boost::system::error_code error;
+    EXPECT_EQ(errnoThrownBy([&] { writable_file::open_append(path, error); }), ENOSPC);
+    EXPECT_FALSE(boost::filesystem::exists(path));
+}
+
+TEST_F(FailedOpening, LeavesAFileThatWasThere) {
+    const auto path = directory.write("a", "mine");
+    const FailingCall polling(Call::AddToPoll, ENOSPC);
+    EXPECT_EQ(openingForWriting(path), ENOSPC);
+    EXPECT_EQ(ReadFile(path), BytesOf("mine"));
+}
+
+TEST_F(Files, ClobberTellsWhetherItMadeTheFile) {
+    const auto path = directory / "a";
+    bool created = false;
+    writable_file::open_clobber(path, &created);
+    EXPECT_TRUE(created);
+    writable_file::open_clobber(path, &created);
+    EXPECT_FALSE(created);
 }
 
 class PrivateDirectories : public Files {};

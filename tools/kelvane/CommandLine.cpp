@@ -65,7 +65,7 @@ class Parser {
         app_.exit(stop, text, text);
         try {
             Print(text.str());
-            FlushOutput();
+            FinishOutput();
             return kDone;
         } catch (const Failure &failure) {
             failure.Print();

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 namespace tool {
 
@@ -105,9 +106,9 @@ void PrintLine(std::string_view text) {
     Print("\n");
 }
 
-void FlushOutput() {
-    // Without an output nothing can be waiting to be written.
-    if (output != nullptr && std::fflush(output) != 0) {
+void FinishOutput() {
+    // Some file systems report a full disk when a file is closed and not before.
+    if (output != nullptr && std::fclose(std::exchange(output, nullptr)) != 0) {
         throwFailure();
     }
 }

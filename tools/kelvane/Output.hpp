@@ -27,8 +27,9 @@ void ShowLibraryOutput();
 // Buffered text. Throws Failure when it cannot be written.
 void Print(std::string_view text);
 void PrintLine(std::string_view text);
-// Writes what is buffered. Throws Failure when that fails.
-void FlushOutput();
+// Writes what is buffered, and closes standard output. Throws Failure when that fails: what
+// was written may then be lost.
+void FinishOutput();
 // Writes bytes past the buffer, which must be empty. Throws Failure when that fails.
 void WriteOutput(std::span<const std::uint8_t> bytes);
 bool OutputIsTerminal();

@@ -58,7 +58,7 @@ int runInArea(const CommandLine &line) {
     const TemporaryArea area(line.backup.temporaryParent);
     const LibraryOutput libraryOutput(area, line.verbosity);
     const int status = std::visit(RunCommand{line.backup, area}, line.command);
-    FlushOutput();
+    FinishOutput();
     return status;
 }
 

@@ -1,8 +1,10 @@
 /* Makes one file operation of a process fail, as a full or broken disk would.
  *
  * Preloaded into a program, it counts the operations on files below a directory (opening,
- * reading, writing, renaming, syncing, making directories) and lets the n-th fail. Standard
- * I/O on such files is taken through the same operations. Environment:
+ * reading, writing, renaming, syncing, making directories, and closing what was open for
+ * writing) and lets the n-th fail. Standard I/O on such files is taken through the same
+ * operations. A descriptor whose closing fails is closed all the same, as a real one is.
+ * Environment:
  *   FAULT_ROOT    the directory, absolute; operations elsewhere are neither counted nor failed
  *   FAULT_AT      which operation fails, from 1; 0 or unset: none
  *   FAULT_ERRNO   the error number it fails with
@@ -33,6 +35,7 @@
 #undef fopen64
 
 enum { kMaximumDescriptors = 65536 };
+enum { kUnwatched = 0, kForReading = 1, kForWriting = 2 };
 static atomic_uchar watched[kMaximumDescriptors];
 static atomic_long counter;
 static long fault_at;
@@ -68,17 +71,22 @@ static int below_root(const char *path) {
 }
 
 static int is_watched(int fd) {
-    return fd >= 0 && fd < kMaximumDescriptors && atomic_load(&watched[fd]) != 0;
+    return fd >= 0 && fd < kMaximumDescriptors && atomic_load(&watched[fd]) != kUnwatched;
 }
 
 static int is_watched_at(int directory, const char *path) {
     return path != NULL && (path[0] == '/' ? below_root(path) : is_watched(directory));
 }
 
-static void watch(int fd) {
+static void watch(int fd, int flags) {
     if (fd >= 0 && fd < kMaximumDescriptors) {
-        atomic_store(&watched[fd], 1);
+        const int writes = (flags & O_ACCMODE) != O_RDONLY;
+        atomic_store(&watched[fd], writes ? kForWriting : kForReading);
     }
+}
+
+static int is_watched_for_writing(int fd) {
+    return is_watched(fd) && atomic_load(&watched[fd]) == kForWriting;
 }
 
 static void write_log(long number, const char *name, const char *what) {
@@ -126,7 +134,7 @@ static int open_at(int directory, const char *path, int flags, mode_t mode) {
     }
     const int fd = (int)syscall(SYS_openat, directory, path, flags, mode);
     if (watching) {
-        watch(fd);
+        watch(fd, flags);
     }
     return fd;
 }
@@ -162,10 +170,17 @@ int __open64_2(const char *path, int flags);
 int __open64_2(const char *path, int flags) { return open_at(AT_FDCWD, path, flags, 0); }
 
 int close(int fd) {
+    const int failed = is_watched_for_writing(fd) && descriptor_fails(fd, "close", 1);
+    const int number = errno;
     if (fd >= 0 && fd < kMaximumDescriptors) {
-        atomic_store(&watched[fd], 0);
+        atomic_store(&watched[fd], kUnwatched);
     }
-    return (int)syscall(SYS_close, fd);
+    const int result = (int)syscall(SYS_close, fd);
+    if (!failed) {
+        return result;
+    }
+    errno = number;
+    return -1;
 }
 
 /* ---- Reading */
