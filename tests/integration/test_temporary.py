@@ -6,56 +6,13 @@ import contextlib
 import os
 import signal
 import stat
-import subprocess
-import time
-from collections.abc import Callable, Iterable
 from pathlib import Path
-from typing import Any
+from subprocess import Popen
 
-from tool_testing import ENCRYPTED, FAILED, PASSWORD_PROBLEM, ToolTest, WITH_PASSWORD, backup, command, entries_of, \
-    main, make
+from running import DEADLINE, SLOW, TemporaryTest, below, partial_files, wait_until
+from tool_testing import ENCRYPTED, FAILED, PASSWORD_PROBLEM, WITH_PASSWORD, backup, entries_of, main, make
 
-DEADLINE = 30
-SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
-# Seconds of key derivation: a signal has to come in the middle of it.
-SLOW = ("--iterations", "10", "--dp-iterations", "3000000")
-
-
-def wait_until(condition: Callable[[], object], what: str, pause: float = 0.005) -> None:
-    end = time.monotonic() + DEADLINE
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError(f"not within {DEADLINE} s: {what}")
-        time.sleep(pause)
-
-
-def below(root: Path) -> Iterable[Path]:
-    for folder, directories, files in os.walk(root):
-        yield from (Path(folder) / name for name in (*directories, *files))
-
-
-def partial_files(root: Path) -> list[Path]:
-    return [item for item in below(root) if item.name.endswith(".partial")]
-
-
-class TemporaryTest(ToolTest):
-    def start(self, *arguments: str | Path, **options: Any) -> subprocess.Popen[bytes]:
-        options.setdefault("stdin", subprocess.DEVNULL)
-        process = subprocess.Popen(command(*arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE, bufsize=0,
-                                   **options)
-        self.addCleanup(self.end, process)
-        return process
-
-    def end(self, process: subprocess.Popen[bytes]) -> None:
-        if process.poll() is None:
-            process.kill()
-        process.communicate()
-
-    def start_and_hold(self, *arguments: str | Path) -> subprocess.Popen[bytes]:
-        """A run that waits for its password, so that its directory can be looked at."""
-        process = self.start("ls", backup("--tree", "small", *ENCRYPTED), "--password-file", "-", *arguments,
-                             stdin=subprocess.PIPE)
-        return process
+SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGXCPU)
 
 
 class Place(TemporaryTest):
@@ -158,7 +115,7 @@ def size_of(path: Path) -> int:
 
 
 class Interrupted(TemporaryTest):
-    def assert_ends_by(self, number: signal.Signals, process: subprocess.Popen[bytes]) -> None:
+    def assert_ends_by(self, number: signal.Signals, process: Popen[bytes]) -> None:
         process.send_signal(number)
         # Nobody reads what it writes, so it cannot come to its end first.
         process.wait(DEADLINE)

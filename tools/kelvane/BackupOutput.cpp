@@ -4,7 +4,6 @@
 #include "Diagnostics.hpp"
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
-#include "Interruption.hpp"
 #include "KVManifest.h"
 #include "NewOutput.hpp"
 #include "ProgressBar.hpp"
@@ -31,7 +30,6 @@ class Progress {
           bar_(total_) {}
 
     static void Report(double fraction, void *context) {
-        Interruption::Checkpoint();
         static_cast<Progress *>(context)->advanceTo(fraction);
     }
 

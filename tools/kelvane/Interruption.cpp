@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <mutex>
 #include <pthread.h>
@@ -31,7 +32,7 @@ bool isIgnored(int number) {
 sigset_t handledSignals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU}) {
         if (!isIgnored(number)) {
             sigaddset(&signals, number);
         }
@@ -41,8 +42,44 @@ sigset_t handledSignals() {
 
 bool endsByClosedPipe = false;
 
-constexpr auto kPollInterval = std::chrono::milliseconds(2);
-std::atomic<bool> atCheckpoint = false;
+// By default it is ignored, and nobody sends it to a program without sockets.
+constexpr int kStopSignal = SIGURG;
+// A system call may keep the worker from noticing; after that long it is cleaned up all the same.
+constexpr auto kStopLimit = std::chrono::seconds(2);
+constexpr auto kPollInterval = std::chrono::microseconds(200);
+
+pthread_t worker;
+std::atomic<bool> stopping = false;
+std::atomic<bool> stopped = false;
+
+extern "C" void stopForGood(int) {
+    if (stopping) {
+        stopped = true;
+        for (;;) {
+            pause();
+        }
+    }
+}
+
+void handleStopSignal() {
+    worker = pthread_self();
+    struct sigaction action = {};
+    action.sa_handler = &stopForGood;
+    action.sa_flags = SA_RESTART;
+    sigfillset(&action.sa_mask);
+    sigaction(kStopSignal, &action, nullptr);
+}
+
+// Else it would go on making files where others have just been removed. It may hold any lock
+// from now on, the allocator's and those of standard streams included.
+void stopWorker() {
+    stopping = true;
+    const auto end = std::chrono::steady_clock::now() + kStopLimit;
+    pthread_kill(worker, kStopSignal);
+    while (!stopped && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(kPollInterval);
+    }
+}
 
 // Ends the process as the signal would have, so that a shell sees why.
 [[noreturn]] void dieOf(int number) {
@@ -60,7 +97,8 @@ void waitForSignal() {
     int number = 0;
     while (sigwait(&signals, &number) != 0) {
     }
-    mutex().lock(); // for good: nothing new is made from here on
+    mutex().lock(); // for good; what is just being made is registered before
+    stopWorker();
     for (const auto &cleanup : cleanups()) {
         if (cleanup) {
             cleanup();
@@ -74,6 +112,9 @@ void waitForSignal() {
 void Start() {
     endsByClosedPipe = !isIgnored(SIGPIPE);
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    handleStopSignal();
+    (void)cleanups(); // allocates
     const sigset_t signals = handledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::thread(&waitForSignal).detach();
@@ -92,19 +133,5 @@ void SetCleanup(Kind kind, std::function<void()> cleanup) {
 
 Hold::Hold() { mutex().lock(); }
 Hold::~Hold() { mutex().unlock(); }
-
-void Checkpoint() {
-    atCheckpoint = true;
-    const Hold hold;
-    atCheckpoint = false;
-}
-
-bool AwaitCheckpoint(std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!atCheckpoint && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(kPollInterval);
-    }
-    return atCheckpoint;
-}
 
 } // namespace tool::Interruption

@@ -1,5 +1,6 @@
 #include "NewOutput.hpp"
 
+#include "AbandonedOutputs.hpp"
 #include "Diagnostics.hpp"
 #include "Interruption.hpp"
 #include "Removal.hpp"
@@ -11,18 +12,11 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 namespace tool {
 
 namespace {
-
-// Work that makes many small files comes to a checkpoint sooner; a large file takes longer, but
-// then nothing new is made.
-constexpr auto kCheckpointLimit = std::chrono::milliseconds(200);
-constexpr auto kLaterLook = std::chrono::milliseconds(20);
-constexpr int kLaterLooks = 5;
 
 bool exists(const std::string &path) {
     struct stat status;
@@ -36,8 +30,7 @@ std::string parentOf(const std::string &path) {
 
 std::string vacantNameIn(const std::string &directory) {
     for (unsigned long number = 0;; ++number) {
-        const std::string path = directory + "/.kelvane-" + std::to_string(getpid()) + "-" +
-                                 std::to_string(number) + ".partial";
+        const std::string path = directory + "/" + PartialName(number);
         if (!exists(path)) {
             return path;
         }
@@ -70,6 +63,7 @@ NewOutput::NewOutput(const std::string &path, IfPresent ifPresent)
         remove();
         throw;
     }
+    ReportAbandonedOutputs(parentOf(path_));
     partial_ = vacantNameIn(parentOf(path_));
     Interruption::SetCleanup(Interruption::kPartialFile, [this] { removeOnSignal(); });
 }
@@ -111,26 +105,24 @@ void NewOutput::Publish() {
 }
 
 void NewOutput::remove() const {
-    if (!partial_.empty() && !RemoveTree(partial_)) {
+    if (!removePartial()) {
         PrintMessage("'" + partial_ + "' could not be removed");
     }
+}
+
+void NewOutput::removeOnSignal() const {
+    if (!published_ && !removePartial()) {
+        ReportLeft(partial_.c_str());
+    }
+}
+
+bool NewOutput::removePartial() const {
+    const bool removed = partial_.empty() || RemoveTree(partial_);
     // Those that somebody else has put something in stay.
     for (auto directory = madeParents_.rbegin(); directory != madeParents_.rend(); ++directory) {
         rmdir(directory->c_str());
     }
-}
-
-// The main thread may be making files all the while, and directories for them.
-void NewOutput::removeOnSignal() const {
-    if (published_) {
-        return;
-    }
-    const bool stopped = exists(partial_) && Interruption::AwaitCheckpoint(kCheckpointLimit);
-    remove();
-    for (int i = 0; !stopped && i < kLaterLooks; ++i) {
-        std::this_thread::sleep_for(kLaterLook);
-        remove();
-    }
+    return removed;
 }
 
 } // namespace tool

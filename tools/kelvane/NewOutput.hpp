@@ -35,6 +35,7 @@ class NewOutput {
     void makeParents();
     void removeOnSignal() const;
     void remove() const;
+    bool removePartial() const;
 
     std::string path_;
     std::string partial_;

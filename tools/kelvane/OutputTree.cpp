@@ -1,5 +1,6 @@
 #include "OutputTree.hpp"
 
+#include "AbandonedOutputs.hpp"
 #include "Diagnostics.hpp"
 #include "Interruption.hpp"
 #include "Rename.hpp"
@@ -48,8 +49,7 @@ class Partial {
         static unsigned long counter = 0;
         const Interruption::Hold hold;
         do {
-            name_ = ".kelvane-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
-                    ".partial";
+            name_ = PartialName(counter++);
             result_ = make(name_.c_str());
         } while (result_ < 0 && errno == EEXIST);
         if (result_ < 0) {
