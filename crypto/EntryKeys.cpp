@@ -10,6 +10,7 @@
 #include "support/zk/Abort.hpp"
 #include "support/zk/Encryption.hpp"
 #include "support/zk/Secret.hpp"
+#include "support/zk/WipeStack.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -93,6 +94,7 @@ void giveKey(const KVManifestEntryClass &entry, const MB::ManifestEncryption &en
 
 void Kelvane::RenewFileKey(const KVManifestEntryClass &entry,
                            const MB::ManifestEncryption &encryption) {
+    const ZK::WipeStackOnExit wipeStack;
     requireFile(entry);
     try {
         FileKey key = randomKey();
@@ -106,6 +108,7 @@ void Kelvane::RenewFileKey(const KVManifestEntryClass &entry,
 std::optional<std::array<uint8_t, 32>>
 KVManifestEntryGetUnlockedFileKey(const KVManifestEntryClass *entry,
                                   const MB::ManifestEncryption &encryption, CFErrorRef *error) {
+    const ZK::WipeStackOnExit wipeStack;
     if (entry->unlockedFileKey) {
         return entry->unlockedFileKey->get();
     }

@@ -12,6 +12,7 @@
 
 #include "crypto/WatchedPBKDF2.hpp"
 #include "support/zk/Secret.hpp"
+#include "support/zk/WipeStack.hpp"
 
 #include <openssl/sha.h>
 
@@ -269,6 +270,7 @@ void derive(const std::uint8_t *password, std::size_t passwordLength, const std:
     // In 32 bits on purpose: hosts may depend on the number of blocks that results.
     const std::uint32_t blocks =
         static_cast<std::uint32_t>(outputLength + digest - 1) / static_cast<std::uint32_t>(digest);
+    const ZK::WipeStackOnExit wipeStack;
     Derivation<Hash> derivation(password, passwordLength);
     for (std::uint32_t i = 0; i < blocks; ++i) {
         const std::size_t offset = i * digest;

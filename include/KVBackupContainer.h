@@ -4,6 +4,12 @@
  * Info.plist, Status.plist), its manifest and, for an encrypted backup, the keys that
  * the password unlocked. It is a CoreFoundation object, used by one thread at a time.
  *
+ * The container of an encrypted backup keeps in memory, as long as it lives, the password,
+ * the class keys and the manifest key; an entry keeps its file's key from the time that it
+ * was first needed, and so does a KVFile that decrypts or encrypts with it. Each is
+ * overwritten when the last object that holds it goes, and nothing else of them stays in the
+ * library's memory. The string that the host passes as the password is the host's.
+ *
  * Opening reads and checks all metadata and the whole manifest; the files' contents are
  * read when they are asked for. Opened from a directory, the backup's files are used in
  * place and must stay there as long as the container and anything got from it is used.

@@ -105,7 +105,9 @@ KV_EXPORT Boolean KVFileAppendData(KVFileClass *file, CFDataRef data, CFErrorRef
  *   code 3, "Internal inconsistency (PATH)", POSIX error 21 beneath: its place in the
  *     store is taken by something that is no regular file;
  *   code 3, "Calculated appended size does not match size on disk! (N != N) (PATH)";
- *   code 3: another failure of the file system. */
+ *   code 3: another failure of the file system; some find out only when the file is closed
+ *     that what was appended has no place.
+ * After a failure no file is left of it. */
 KV_EXPORT Boolean KVFileFinalizeAppendable(KVFileClass *file, CFErrorRef *error);
 
 /* ---- Reading --------------------------------------------------------------- */

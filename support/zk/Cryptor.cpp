@@ -1,5 +1,6 @@
 #include "support/zk/Encryption.hpp"
 #include "support/zk/OpenSSL.hpp"
+#include "support/zk/WipeStack.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -33,6 +34,7 @@ const EVP_CIPHER *cipherFor(Algorithm algorithm) {
 Cryptor::Cryptor(Operation operation, Algorithm algorithm, std::span<const std::uint8_t> key,
                  std::span<const std::uint8_t> iv)
     : context_(nullptr), decrypting_(operation == Operation::Decrypt) {
+    const WipeStackOnExit wipeStack;
     if (key.size() != keySize(algorithm)) {
         throw std::invalid_argument("Wrong key size");
     }
@@ -49,7 +51,10 @@ Cryptor::Cryptor(Operation operation, Algorithm algorithm, std::span<const std::
     context_ = context.release();
 }
 
-Cryptor::~Cryptor() { EVP_CIPHER_CTX_free(context_); }
+Cryptor::~Cryptor() {
+    const WipeStackOnExit wipeStack; // the rounds left keys there
+    EVP_CIPHER_CTX_free(context_);
+}
 
 void Cryptor::Update(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t> &output) {
     fed_ = fed_ || !bytes.empty();

@@ -2,6 +2,7 @@
 #include "support/zk/Encryption.hpp"
 #include "support/zk/OpenSSL.hpp"
 #include "support/zk/Secret.hpp"
+#include "support/zk/WipeStack.hpp"
 
 #include <stdexcept>
 
@@ -51,6 +52,7 @@ detail::CipherContext begin(const KeyEncryptionKey &key, const std::optional<Wra
 std::vector<std::uint8_t> RFC3394Wrap(const KeyEncryptionKey &key,
                                       const std::optional<WrapInitialValue> &iv,
                                       std::span<const std::uint8_t> plain) {
+    const WipeStackOnExit wipeStack;
     requireLength(plain.size());
     const auto context = begin(key, iv, true);
     std::vector<std::uint8_t> wrapped(plain.size() + kHalfBlock);
@@ -66,6 +68,7 @@ std::vector<std::uint8_t> RFC3394Wrap(const KeyEncryptionKey &key,
 std::vector<std::uint8_t> RFC3394Unwrap(const KeyEncryptionKey &key,
                                         const std::optional<WrapInitialValue> &iv,
                                         std::span<const std::uint8_t> wrapped) {
+    const WipeStackOnExit wipeStack;
     requireLength(wrapped.size() < kHalfBlock ? 0 : wrapped.size() - kHalfBlock);
     const auto context = begin(key, iv, false);
     std::vector<std::uint8_t> plain(wrapped.size());

@@ -25,8 +25,7 @@ constexpr std::size_t kRandomLength = 6;
 constexpr std::time_t kGrace = 60;
 
 bool isAreaName(std::string_view name) {
-    return name.starts_with(kAreaPrefix) &&
-           name.size() == std::strlen(kAreaPrefix) + kRandomLength;
+    return name.starts_with(kAreaPrefix) && name.size() == std::strlen(kAreaPrefix) + kRandomLength;
 }
 
 bool isOursAlone(int area) {
