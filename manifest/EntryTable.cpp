@@ -1,6 +1,7 @@
 #include "manifest/EntryTable.hpp"
 
 #include <algorithm>
+#include <limits>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -11,15 +12,6 @@ namespace {
 
 // Below this many positions gaps cost less than closing them.
 constexpr std::size_t kFewPositions = 64;
-
-// Sizes come from outside and may be anything: the sum wraps instead of overflowing.
-std::int64_t AddSizes(std::int64_t a, std::int64_t b) {
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
-}
-
-std::int64_t SubtractSizes(std::int64_t a, std::int64_t b) {
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
-}
 
 CF::Array MakeArray(std::vector<const void *> &values) {
     auto array = CF::Array::Adopt(CFArrayCreate(kCFAllocatorDefault, values.data(),
@@ -55,6 +47,12 @@ EntryTable::EntryTable(CF::Array entries) {
     listing_ = std::move(entries);
 }
 
+std::int64_t EntryTable::TotalSize() const noexcept {
+    constexpr WideSize kLowest = std::numeric_limits<std::int64_t>::min();
+    constexpr WideSize kHighest = std::numeric_limits<std::int64_t>::max();
+    return static_cast<std::int64_t>(std::clamp(totalSize_, kLowest, kHighest));
+}
+
 void EntryTable::Reserve(std::size_t additional) {
     if (additional > kMaximumEntries - entries_.size()) {
         throw std::length_error("too many entries in a manifest");
@@ -74,14 +72,14 @@ void EntryTable::Append(KVManifestEntryClass *entry, const Weight &weight) {
     sizes_.push_back(weight.size);
     files_.push_back(weight.file);
     ++count_;
-    totalSize_ = AddSizes(totalSize_, weight.size);
+    totalSize_ += weight.size;
     totalFiles_ += weight.file ? 1 : 0;
 }
 
 void EntryTable::Remove(EntryPosition position) noexcept {
     listing_ = nullptr;
     --count_;
-    totalSize_ = SubtractSizes(totalSize_, sizes_[position]);
+    totalSize_ -= sizes_[position];
     totalFiles_ -= files_[position] ? 1 : 0;
     entries_[position] = nullptr;
 }

@@ -45,7 +45,8 @@ class EntryTable {
     Weight WeightAt(EntryPosition position) const noexcept {
         return {sizes_[position], files_[position]};
     }
-    std::int64_t TotalSize() const noexcept { return totalSize_; }
+    // Sizes come from outside and may be anything: of a sum beyond 64 bits, the nearest number.
+    std::int64_t TotalSize() const noexcept;
     std::int64_t TotalFiles() const noexcept { return totalFiles_; }
 
     // Makes room, so that this many calls of Append cannot fail. Throws std::length_error
@@ -79,12 +80,15 @@ class EntryTable {
     }
 
   private:
+    // Holds the sum of any sizes, so that taking one off is exact.
+    __extension__ using WideSize = __int128;
+
     std::vector<EntryPointer> entries_; // null in gaps
     // As counted, by position.
     std::vector<std::int64_t> sizes_;
     std::vector<bool> files_;
     std::size_t count_ = 0;
-    std::int64_t totalSize_ = 0;
+    WideSize totalSize_ = 0;
     std::int64_t totalFiles_ = 0;
     CF::Array listing_; // null until asked for
 };

@@ -2,13 +2,13 @@
 
 #include "Kelvane/Error.hpp"
 
-#include <boost/filesystem/operations.hpp>
 #include <boost/system/system_error.hpp>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <tuple>
+#include <numeric>
 #include <utility>
 
 #include <unistd.h>
@@ -18,6 +18,13 @@ namespace Kelvane {
 namespace {
 
 constexpr std::size_t kWriteSize = std::size_t{1} << 20;
+
+// What a key holds of its line.
+constexpr std::size_t kKeyUnits = 8;
+// Of lines that begin alike, as many units are read at a time, 16 MiB; fewer of each the more
+// lines there are, but no fewer than a key holds.
+constexpr std::size_t kMostUnits = std::size_t{8} << 20;
+constexpr std::size_t kMostUnitsOfALine = std::size_t{32} << 10;
 
 ZK::file::writable_file CreateFile(const std::string &path) {
     try {
@@ -49,8 +56,7 @@ bool AllAscii(std::u16string_view line) {
 SortedLines::SortedLines(std::string path) : path_(std::move(path)), output_(CreateFile(path_)) {}
 
 SortedLines::~SortedLines() {
-    boost::system::error_code ignored;
-    boost::filesystem::remove(path_, ignored);
+    std::remove(path_.c_str()); // which takes no memory
 }
 
 void SortedLines::Add(std::u16string_view line) {
@@ -97,29 +103,104 @@ void SortedLines::Sort() {
         Fail(error.value());
     }
     std::sort(lines_.begin(), lines_.end(),
-              [this](const Line &a, const Line &b) { return Precedes(a, b); });
+              [](const Line &a, const Line &b) { return a.Key() < b.Key(); });
+    SortAlikeBeginnings();
 }
 
-bool SortedLines::Precedes(const Line &a, const Line &b) {
-    const auto keyOf = [](const Line &line) { return std::tie(line.high, line.low); };
-    if (keyOf(a) != keyOf(b)) {
-        return keyOf(a) < keyOf(b);
+// Lines that begin alike are sorted by their next units, then those that are alike in these by
+// the ones behind them, and so on: each unit is read once, and never to compare two lines.
+void SortedLines::SortAlikeBeginnings() {
+    std::vector<Run> runs;
+    std::size_t begin = 0;
+    for (std::size_t i = 1; i <= lines_.size(); ++i) {
+        if (i == lines_.size() || lines_[i].Key() != lines_[begin].Key()) {
+            AddRun(runs, {begin, i, kKeyUnits + 1});
+            begin = i;
+        }
     }
-    return a.offset != b.offset && Read(a, first_) < Read(b, second_);
+    while (!runs.empty()) {
+        const Run run = runs.back();
+        runs.pop_back();
+        SortRun(run, runs);
+    }
 }
 
-std::u16string_view SortedLines::Read(const Line &line, Text &text) {
-    const auto count = static_cast<std::size_t>(line.countAndWidth / 2);
-    const bool wide = (line.countAndWidth & 1) != 0;
-    text.bytes.resize(wide ? count * sizeof(char16_t) : count);
-    ReadBytes(line.offset, text.bytes);
-    if (wide) {
-        text.units.resize(count);
-        std::memcpy(text.units.data(), text.bytes.data(), text.bytes.size());
+void SortedLines::AddRun(std::vector<Run> &runs, const Run &run) {
+    if (run.end - run.begin > 1) {
+        runs.push_back(run);
+    }
+}
+
+void SortedLines::SortRun(const Run &run, std::vector<Run> &runs) {
+    const std::size_t count = run.end - run.begin;
+    const Parts parts = ReadParts(run);
+    // Lines that are alike up to their ends can differ in the NULs there, which look like
+    // missing units in a key.
+    const auto keyOf = [&](std::uint32_t i) {
+        const bool ended = parts.At(i).size() < parts.width;
+        return std::pair(parts.At(i), ended ? lines_[run.begin + i].Count() : 0);
+    };
+    std::vector<std::uint32_t> order(count);
+    std::iota(order.begin(), order.end(), 0U);
+    std::sort(order.begin(), order.end(),
+              [&](std::uint32_t a, std::uint32_t b) { return keyOf(a) < keyOf(b); });
+    std::size_t begin = 0;
+    for (std::size_t i = 1; i <= count; ++i) {
+        if (i == count || parts.At(order[i]) != parts.At(order[begin])) {
+            if (parts.At(order[begin]).size() == parts.width) {
+                AddRun(runs, {run.begin + begin, run.begin + i, run.start + parts.width});
+            }
+            begin = i;
+        }
+    }
+    Rearrange(run.begin, order);
+}
+
+// In place, cycle by cycle: there may be a million lines. Uses up the order.
+void SortedLines::Rearrange(std::size_t begin, std::vector<std::uint32_t> &order) {
+    for (std::uint32_t i = 0; i < order.size(); ++i) {
+        const Line first = lines_[begin + i];
+        std::uint32_t at = i;
+        while (order[at] != i) {
+            const std::uint32_t next = order[at];
+            lines_[begin + at] = lines_[begin + next];
+            order[at] = at;
+            at = next;
+        }
+        lines_[begin + at] = first;
+        order[at] = at;
+    }
+}
+
+SortedLines::Parts SortedLines::ReadParts(const Run &run) {
+    Parts parts;
+    const std::size_t count = run.end - run.begin;
+    parts.width = std::clamp(kMostUnits / count, kKeyUnits, kMostUnitsOfALine);
+    parts.lengths.reserve(count);
+    parts.units.resize(count * parts.width);
+    for (std::size_t i = 0; i < count; ++i) {
+        const Line &line = lines_[run.begin + i];
+        const std::uint64_t start = std::min<std::uint64_t>(run.start, line.Count());
+        const std::uint64_t length = std::min<std::uint64_t>(parts.width, line.Count() - start);
+        const std::u16string_view part = Read(line, start, length);
+        std::copy(part.begin(), part.end(), parts.units.data() + i * parts.width);
+        parts.lengths.push_back(static_cast<std::uint32_t>(length));
+    }
+    return parts;
+}
+
+std::u16string_view SortedLines::Read(const Line &line, std::uint64_t start, std::uint64_t count) {
+    const std::size_t unitSize = line.IsWide() ? sizeof(char16_t) : 1;
+    unitsRead_ += count;
+    bytes_.resize(static_cast<std::size_t>(count) * unitSize);
+    ReadBytes(line.offset + start * unitSize, bytes_);
+    if (line.IsWide()) {
+        units_.resize(static_cast<std::size_t>(count));
+        std::memcpy(units_.data(), bytes_.data(), bytes_.size());
     } else {
-        text.units.assign(text.bytes.begin(), text.bytes.end());
+        units_.assign(bytes_.begin(), bytes_.end());
     }
-    return text.units;
+    return units_;
 }
 
 void SortedLines::ReadBytes(std::uint64_t offset, std::vector<std::uint8_t> &bytes) {

@@ -7,14 +7,15 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Kelvane {
 
 // Gathers lines in a file, of mode 0600, and gives them back sorted by their UTF-16 code
-// units. In memory it keeps 32 bytes a line, which hold the beginning: the file is read to
-// compare lines only when they begin alike. Throws CF::Error, code 3, when the file cannot
-// be made, written or read.
+// units. In memory it keeps 32 bytes a line, which hold the beginning, and while it sorts lines
+// that begin alike, 20 bytes more for each of them, or some 16 MiB. Throws CF::Error, code 3,
+// when the file cannot be made, written or read.
 class SortedLines {
   public:
     // Nothing may exist at the path. The file is removed at the end.
@@ -32,8 +33,12 @@ class SortedLines {
     std::uint64_t UnitCount() const noexcept { return unitCount_; }
     // Whether every line is ASCII.
     bool IsAscii() const noexcept { return isAscii_; }
+    // The number of code units read so far, for tests.
+    std::uint64_t UnitsRead() const noexcept { return unitsRead_; }
     // The line at that place of the sorted order, good until the next call.
-    std::u16string_view At(std::size_t place) { return Read(lines_[place], first_); }
+    std::u16string_view At(std::size_t place) {
+        return Read(lines_[place], 0, lines_[place].Count());
+    }
 
   private:
     // The first units, to be compared as numbers, and where all of them are.
@@ -42,16 +47,37 @@ class SortedLines {
         std::uint64_t low;
         std::uint64_t offset;
         std::uint64_t countAndWidth; // twice the number of units, and 1 for two-byte units
+
+        std::pair<std::uint64_t, std::uint64_t> Key() const noexcept { return {high, low}; }
+        std::uint64_t Count() const noexcept { return countAndWidth / 2; }
+        bool IsWide() const noexcept { return (countAndWidth & 1) != 0; }
     };
-    // A line as it is read: its bytes in the file and its units.
-    struct Text {
-        std::vector<std::uint8_t> bytes;
-        std::u16string units;
+    // Lines from begin up to end that are alike up to the unit start.
+    struct Run {
+        std::size_t begin;
+        std::size_t end;
+        std::size_t start;
+    };
+    // What the lines of a run have from its start on, width units at most. Fewer are the end of
+    // a line.
+    struct Parts {
+        std::size_t width = 0;
+        std::vector<char16_t> units;
+        std::vector<std::uint32_t> lengths;
+
+        std::u16string_view At(std::size_t i) const {
+            return {units.data() + i * width, lengths[i]};
+        }
     };
 
     void Flush();
-    bool Precedes(const Line &a, const Line &b);
-    std::u16string_view Read(const Line &line, Text &text);
+    void SortAlikeBeginnings();
+    void SortRun(const Run &run, std::vector<Run> &runs);
+    static void AddRun(std::vector<Run> &runs, const Run &run);
+    void Rearrange(std::size_t begin, std::vector<std::uint32_t> &order);
+    Parts ReadParts(const Run &run);
+    // Units of a line, good until the next call.
+    std::u16string_view Read(const Line &line, std::uint64_t start, std::uint64_t count);
     void ReadBytes(std::uint64_t offset, std::vector<std::uint8_t> &bytes);
     [[noreturn]] void Fail(int error) const;
 
@@ -62,9 +88,11 @@ class SortedLines {
     std::uint64_t end_ = 0;             // of what was added
     std::vector<Line> lines_;
     std::uint64_t unitCount_ = 0;
+    std::uint64_t unitsRead_ = 0;
     bool isAscii_ = true;
-    Text first_;
-    Text second_;
+    // As it is read.
+    std::vector<std::uint8_t> bytes_;
+    std::u16string units_;
 };
 
 } // namespace Kelvane

@@ -95,6 +95,29 @@ TEST_F(SortedLines, HoldsMoreThanItBuffers) {
     ExpectSorted(lines);
 }
 
+TEST_F(SortedLines, SortsManyLinesThatBeginAlikeByEveryUnitBehind) {
+    // More than are read at a time, and differences at, before and behind each boundary.
+    UnitLines lines;
+    for (int i = 0; i < 40'000; ++i) {
+        const auto at = static_cast<std::size_t>(i * 7919 % 700);
+        std::u16string line = u"\"" + std::u16string(at, u'x');
+        line += i % 3 == 0 ? u"" : i % 3 == 1 ? u"a" : u"\u00E9z";
+        lines.push_back(line);
+    }
+    ExpectSorted(lines);
+}
+
+TEST_F(SortedLines, ReadsNoUnitTwiceToSort) {
+    // Comparing lines pair by pair would read some hundred times the file.
+    Kelvane::SortedLines lines(Path());
+    const std::u16string beginning(2000, u'x');
+    for (int i = 0; i < 5000; ++i) {
+        lines.Add(u"\"" + beginning + static_cast<char16_t>(u'0' + i * 7919 % 5000));
+    }
+    lines.Sort();
+    EXPECT_LE(lines.UnitsRead(), lines.UnitCount());
+}
+
 TEST_F(SortedLines, CountsUnitsAndTellsWhetherAllAreAscii) {
     Kelvane::SortedLines lines(Path());
     lines.Add(u"\"abc");

@@ -12,7 +12,11 @@
 #include "support/cf/Array.hpp"
 
 #include <cmath>
+#include <dirent.h>
 #include <filesystem>
+#include <memory>
+#include <string_view>
+#include <sys/stat.h>
 
 namespace tool {
 
@@ -37,8 +41,8 @@ class Progress {
     void advanceTo(double fraction) {
         const double bytes = fraction * static_cast<double>(total_);
         // Sizes in a manifest need not be true; without any, every fraction is infinite.
-        if (std::isfinite(bytes) && bytes >= 0 && bytes < 9e18) {
-            const auto done = static_cast<std::int64_t>(bytes);
+        if (std::isfinite(bytes) && bytes >= 0) {
+            const std::int64_t done = ToInteger(bytes);
             bar_.Advance(done - done_);
             done_ = done;
         }
@@ -103,16 +107,19 @@ void printNotes(const CF::Array &notes) {
     }
 }
 
+// Of the files at and below the path. The standard library's walk ends the process when memory
+// runs out in it.
 std::int64_t bytesAt(const std::string &path) {
-    std::error_code error;
-    if (!std::filesystem::is_directory(path, error)) {
-        return static_cast<std::int64_t>(std::filesystem::file_size(path, error));
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        return S_ISREG(status.st_mode) ? status.st_size : 0;
     }
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
     std::int64_t total = 0;
-    for (auto item = std::filesystem::recursive_directory_iterator(path, error);
-         !error && item != std::filesystem::recursive_directory_iterator(); item.increment(error)) {
-        if (item->is_regular_file(error)) {
-            total += static_cast<std::int64_t>(item->file_size(error));
+    while (const dirent *const entry = directory ? readdir(directory.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            total += bytesAt(path + "/" + entry->d_name);
         }
     }
     return total;

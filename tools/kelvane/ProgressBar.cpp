@@ -4,6 +4,7 @@
 #include "Units.hpp"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -39,7 +40,9 @@ ProgressBar::~ProgressBar() {
 }
 
 void ProgressBar::Advance(std::int64_t bytes) {
-    done_ += bytes;
+    // Sizes come from the backup and may be anything.
+    const std::int64_t step = std::max<std::int64_t>(bytes, 0);
+    done_ = step > INT64_MAX - done_ ? INT64_MAX : done_ + step;
     const auto now = Clock::now();
     if (active_ && now - drawn_ >= kRedrawInterval) {
         drawn_ = now;
@@ -61,8 +64,8 @@ std::string ProgressBar::line() const {
     // Sizes in a manifest need not be true, so the total may be passed.
     const double fraction =
         total_ > 0 ? std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_)) : 0;
-    std::string text = " " + SizeText(done_) + " of " + SizeText(total_) + ", " +
-                       SizeText(static_cast<std::int64_t>(rate)) + "/s";
+    std::string text =
+        " " + SizeText(done_) + " of " + SizeText(total_) + ", " + SizeText(ToInteger(rate)) + "/s";
     if (rate > 0 && done_ < total_) {
         text += ", " + DurationText(static_cast<double>(total_ - done_) / rate) + " left";
     }

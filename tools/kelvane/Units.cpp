@@ -2,10 +2,22 @@
 
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 
 namespace tool {
+
+std::int64_t ToInteger(double value) {
+    constexpr double kBound = 9223372036854775808.0; // 2^63, the first that is too large
+    if (std::isnan(value)) {
+        return 0;
+    }
+    if (value >= kBound) {
+        return INT64_MAX;
+    }
+    return value < -kBound ? INT64_MIN : static_cast<std::int64_t>(value);
+}
 
 std::string SizeText(std::int64_t bytes) {
     constexpr std::array<const char *, 6> kUnits = {"kB", "MB", "GB", "TB", "PB", "EB"};
@@ -35,7 +47,7 @@ std::string DateText(std::int64_t unixSeconds) {
 }
 
 std::string DurationText(double seconds) {
-    const auto whole = static_cast<long long>(std::llround(seconds));
+    const long long whole = ToInteger(std::round(seconds));
     std::array<char, 40> text;
     if (whole < 60) {
         std::snprintf(text.data(), text.size(), "%lld s", whole);

@@ -6,6 +6,10 @@
 
 namespace tool {
 
+// The number without its fraction, and the nearest one where there is none: no size or duration
+// is too odd to be shown.
+std::int64_t ToInteger(double value);
+
 // "512 B", "1.5 MB": powers of 1000.
 std::string SizeText(std::int64_t bytes);
 // "2026-01-31 12:00:00 UTC"; the plain number for times beyond the calendar's years.
