@@ -12,22 +12,28 @@ import struct
 import subprocess
 import termios
 import time
+import unittest
 from collections.abc import Sequence
 from typing import Any
 
 DEADLINE = 30
+NO_TERMINAL = "no terminal can be had here"
 
 
 class Terminal:
     """Runs a program with a controlling terminal of its own, 80 columns wide.
 
+    Where no terminal can be had, as in some containers, the test is skipped.
     streams: which of 0, 1 and 2 are the terminal; the others are what `options` says.
     """
 
     def __init__(self, command: Sequence[str], streams: Sequence[int] = (0, 1, 2), columns: int = 80,
                  **options: Any) -> None:
-        self._master, slave = pty.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        try:
+            self._master, slave = pty.openpty()
+            fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        except OSError as error:
+            raise unittest.SkipTest(f"{NO_TERMINAL}: {error}") from error
         names = ("stdin", "stdout", "stderr")
         options = {name: subprocess.DEVNULL for name in names} | {names[number]: slave for number in streams} | options
         # The slave stays open here: its settings outlive the program, to be looked at.

@@ -118,6 +118,43 @@ class Dump(CSVTest):
         self.assertEqual((status, terminal.shown[-3:]), (DONE, b'"\r\n'))
 
 
+class LoneSurrogates(CSVTest):
+    """UTF-16 in records may hold halves of pairs, which UTF-8 cannot."""
+
+    def setUp(self) -> None:
+        super().setUp()
+        self.path = make(self.folder / "backup", "--tree", "small")
+        with sqlite3.connect(self.path / "Manifest.db") as database:
+            self.row, blob = database.execute("SELECT fileID, file FROM Files ORDER BY fileID LIMIT 1 OFFSET 2").fetchone()
+            archive = plistlib.loads(blob)
+            record = archive["$objects"][1]
+            archive["$objects"][record["RelativePath"].data] = "a\ue000b\ue000"
+            lone = plistlib.dumps(archive, fmt=plistlib.FMT_BINARY).replace(b"\xe0\x00", b"\xd8\x00")
+            database.execute("UPDATE Files SET file = ? WHERE fileID = ?", (lone, self.row))
+        database.close()
+
+    def test_are_replaced_with_a_word_and_a_failure(self) -> None:
+        result = run("csv", self.path)
+        self.assertEqual(result.returncode, FAILED)
+        rows = {row["fileID"]: row for row in rows_of(result.stdout)}
+        self.assertEqual(rows[self.row]["relativePath2"], "a\ufffdb\ufffd")
+        self.assertEqual(result.stderr.decode().splitlines(), [
+            "kelvane: 2 lone surrogates, which have no form in UTF-8, were written as U+FFFD; the first is in the row "
+            f'"{self.row}"...'])
+
+    def test_do_not_keep_the_file_from_being_written(self) -> None:
+        result = run("csv", self.path, "-o", self.output)
+        self.assertEqual(result.returncode, FAILED)
+        self.assertEqual(len(rows_of(self.output.read_bytes())), len(entries_of(self.path)))
+
+    def test_are_not_mistaken_for_the_real_character(self) -> None:
+        with sqlite3.connect(self.path / "Manifest.db") as database:
+            database.execute("DELETE FROM Files WHERE fileID = ?", (self.row,))
+            database.execute("UPDATE Files SET domain = '\ufffd'")
+        database.close()
+        self.succeed("csv", self.path)
+
+
 class Refused(CSVTest):
     def test_is_a_backup_without_a_database(self) -> None:
         self.assertEqual(self.fail_with(FAILED, "csv", backup("--tree", "small", "--version", "2.4")), [

@@ -2,12 +2,18 @@
 
 from __future__ import annotations
 
+import json
+import os
+import plistlib
 import re
+import sqlite3
+import struct
 import subprocess
+import sys
 from pathlib import Path
 
 from terminal import Terminal
-from tool_testing import DONE, FAILED, ToolTest, backup, command, entries_of, main, run
+from tool_testing import DONE, FAILED, SKIPPED, ToolTest, backup, command, entries_of, main, make, run
 
 NAMES = "AppDomain-com.example.names"
 BAR = rb"\[(#*)(\.*)\] (\d[\d.]* [kMG]?B) of (\d[\d.]* [kMG]?B), (\d[\d.]* [kMG]?B)/s(, [\d:]+( s)? left)?"
@@ -33,7 +39,7 @@ class Names(ToolTest):
 
     def test_that_are_quoted_mean_the_same_to_the_shell(self) -> None:
         quoted = [line for line in self.lines("ls", backup(), NAMES, "Documents") if line.startswith("$'")]
-        self.assertEqual(len(quoted), 4)
+        self.assertEqual(len(quoted), 5)  # one for a control of direction
         for text in quoted:
             name = subprocess.run(["bash", "-c", f"printf %s {text}"], capture_output=True, check=True).stdout.decode()
             self.assertIn(f"Documents/{name}", [entry["path"] for entry in entries_of(backup())])
@@ -74,6 +80,90 @@ class Names(ToolTest):
         self.assertEqual(again.returncode, FAILED)
         self.assertNotRegex(again.stderr, rb"[\x00-\x09\x0b-\x1f\x7f]")
         self.assertIn(rb"kelvane: AppDomain-\e[31mred/Documents/file.txt: It exists already", again.stderr)
+
+
+class Controls(ToolTest):
+    """Nothing that a terminal obeys reaches one, whatever a backup holds."""
+
+    # C0, DEL, C1 in UTF-8 and as a byte alone, directions, separators of lines, a tag, and what a shell reads.
+    ODD = "\x1b]0;title\x07 \x7f \x9b31m \u202e\u2066\u200f \u2028\u2029 \U000E0041 \ufeff '\"\\ \U0001F4F7"
+    RAW = re.compile("[\x00-\x09\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069\ufeff\ufff9-\ufffb\U000e0000-\U000e007f]")
+
+    def setUp(self) -> None:
+        super().setUp()
+        self.path = make(self.folder / "backup", "--tree", "small")
+        with sqlite3.connect(self.path / "Manifest.db") as database:
+            database.execute("UPDATE Files SET domain = domain || ?, relativePath = relativePath || ?", (self.ODD, self.ODD))
+        database.close()
+        info = plistlib.loads((self.path / "Info.plist").read_bytes())
+        # What XML cannot hold, a binary property list can.
+        info["Device Name"] = self.ODD
+        (self.path / "Info.plist").write_bytes(plistlib.dumps(info, fmt=plistlib.FMT_BINARY))
+
+    def shown(self, *arguments: str | Path, statuses: tuple[int, ...] = (DONE,)) -> str:
+        with Terminal(command(*arguments), streams=(1, 2)) as terminal:
+            self.assertIn(terminal.finish(), statuses)
+            text = terminal.shown.decode().replace("\r\n", "\n")
+        # The bar draws and clears its own line.
+        return re.sub("\r\\[[^\x1b]*\x1b\\[K|\r\x1b\\[K", "", text)
+
+    def assert_harmless(self, text: str, sign: str) -> None:
+        self.assertNotRegex(text, self.RAW)
+        self.assertIn(sign, text)
+
+    def test_of_names_are_escaped_in_listings(self) -> None:
+        for arguments in (("ls",), ("ls", "--all"), ("ls", "--all", "-l")):
+            with self.subTest(arguments):
+                self.assert_harmless(self.shown(arguments[0], self.path, *arguments[1:]), r"\xE2\x80\xAE")
+
+    def test_are_escaped_in_json(self) -> None:
+        for arguments in (("ls",), ("ls", "--all"), ("info",)):
+            with self.subTest(arguments):
+                text = self.shown(arguments[0], self.path, *arguments[1:], "--json")
+                self.assert_harmless(text, r"\u202e")
+                self.assertTrue(text.isascii())
+                for line in text.splitlines():
+                    json.loads(line)
+
+    def test_are_escaped_in_what_info_tells(self) -> None:
+        self.assert_harmless(self.shown("info", self.path), r"\xC2\x9B31m")
+
+    def test_are_escaped_in_reports_of_problems(self) -> None:
+        for option in ((), ("--json",)):
+            with self.subTest(option):
+                self.assert_harmless(self.shown("verify", self.path, *option, statuses=(FAILED,)), "file-id" if option else "\\x")
+
+    def test_are_escaped_in_messages(self) -> None:
+        (self.path / "odd").mkdir()
+        text = self.shown("extract", self.path, "-o", self.output, statuses=(DONE, FAILED))
+        text += self.shown("extract", self.path, "-o", self.output, statuses=(FAILED,))
+        self.assert_harmless(text, r"\xE2\x80\xAE")
+
+    def test_are_escaped_in_csv_but_the_ends_of_rows(self) -> None:
+        text = self.shown("csv", self.path)
+        self.assert_harmless(text, r"\e]0;title\x07 \x7F \xC2\x9B31m")
+        raw = self.succeed("csv", self.path).decode()
+        self.assertEqual(text.count("\n"), raw.count("\n") + 1)
+
+    def test_in_csv_go_into_files_and_pipes_as_they_are(self) -> None:
+        piped = self.succeed("csv", self.path)
+        self.succeed("csv", self.path, "-o", self.output)
+        self.assertEqual(self.output.read_bytes(), piped)
+        self.assertIn(self.ODD.replace('"', '""').encode(), piped)
+
+
+class Unavailable(ToolTest):
+    """A machine without terminals."""
+
+    SCRIPT = "import pty, runpy, sys; pty.openpty = lambda: open('/nonexistent'); sys.argv = sys.argv[1:]; runpy.run_path(sys.argv[0], run_name='__main__')"
+
+    def test_terminals_are_told_of_as_skipped_tests(self) -> None:
+        program = Path(__file__).with_name("test_password.py")
+        result = subprocess.run(
+            [sys.executable, "-B", "-c", self.SCRIPT, program, command()[0], "OnATerminal", "WithoutATerminal"],
+            env=os.environ | {"PYTHONPATH": str(program.parent)}, capture_output=True, text=True, check=False)
+        self.assertEqual(result.returncode, SKIPPED, result.stderr)
+        self.assertIn("skipped=", result.stderr)
 
 
 class Progress(ToolTest):
@@ -117,6 +207,20 @@ class Progress(ToolTest):
     def test_does_not_show_without_a_terminal(self) -> None:
         shown = self.extract_on(self.big, streams=(0, 1))
         self.assertEqual(shown, b"")
+
+    def test_copes_with_sizes_whose_sum_is_beyond_all_numbers(self) -> None:
+        path = make(self.folder / "backup", "--tree", "small", "--version", "2.4")
+        manifest = path / "Manifest.mbdb"
+        content = manifest.read_bytes()
+        for entry in entries_of(path, "file"):
+            # Behind the times: the size of 8 bytes, then the protection class.
+            times = struct.pack(">III", entry["changed"], entry["modified"], entry["birth"])
+            content = content.replace(times + struct.pack(">Q", entry["size"]), times + struct.pack(">Q", 2**63 - 1))
+        manifest.write_bytes(content)
+        for arguments in (("verify", path), ("export", path, self.folder / "out")):
+            with Terminal(command(*arguments), (2,)) as terminal:
+                self.assertIn(terminal.finish(), (DONE, FAILED))
+                self.assertIn(b"of 9.2 EB", terminal.shown)
 
     def test_copes_with_sizes_that_are_not_true(self) -> None:
         path = backup("--rows", "300")  # rows with sizes, and no content at all

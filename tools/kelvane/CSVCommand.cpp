@@ -7,8 +7,10 @@
 #include "KVManifest.h"
 #include "NewOutput.hpp"
 #include "Output.hpp"
+#include "Quoting.hpp"
 #include "Selection.hpp"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -31,6 +33,9 @@ constexpr std::string_view kZipMark = "PK";
 constexpr CFIndex kPieceLength = 1 << 20;
 // Of one code unit in UTF-8.
 constexpr CFIndex kMaxUnitSize = 3;
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD"; // U+FFFD
+// Of a row in a message: the quoted file ID.
+constexpr CFIndex kShownOfARow = 42;
 
 bool isHighSurrogate(UniChar unit) { return (unit & 0xFC00) == 0xD800; }
 
@@ -139,11 +144,41 @@ CF::String dump(const std::string &database) {
     return text;
 }
 
-// In UTF-8, piece by piece: of a large backup it is hundreds of megabytes.
-void write(const CF::String &text, const Writer &writer) {
+// Lone surrogates of a dump, which have no form in UTF-8.
+struct LoneSurrogates {
+    CFIndex count = 0;
+    CFIndex first = 0; // its place in the text
+};
+
+// A piece of the text in UTF-8, into a buffer that is large enough for it. Gives the bytes used.
+CFIndex convert(const CF::String &text, CFRange range, std::span<std::uint8_t> buffer,
+                LoneSurrogates &lone) {
+    CFIndex used = 0;
+    while (range.length > 0) {
+        const auto room = buffer.subspan(static_cast<std::size_t>(used));
+        CFIndex size = 0;
+        const CFIndex done =
+            CFStringGetBytes(text.get(), range, kCFStringEncodingUTF8, 0, false, room.data(),
+                             static_cast<CFIndex>(room.size()), &size);
+        used += size;
+        range = CFRangeMake(range.location + done, range.length - done);
+        if (range.length > 0) {
+            lone.first = lone.count++ == 0 ? range.location : lone.first;
+            const auto end = buffer.subspan(static_cast<std::size_t>(used));
+            std::copy(kReplacement.begin(), kReplacement.end(), end.begin());
+            used += static_cast<CFIndex>(kReplacement.size());
+            range = CFRangeMake(range.location + 1, range.length - 1);
+        }
+    }
+    return used;
+}
+
+// Piece by piece: of a large backup it is hundreds of megabytes.
+LoneSurrogates write(const CF::String &text, const Writer &writer) {
     // A piece may be longer by the second half of a pair.
     std::vector<std::uint8_t> buffer(static_cast<std::size_t>((kPieceLength + 1) * kMaxUnitSize));
     const CFIndex length = text.GetLength();
+    LoneSurrogates lone;
     for (CFIndex start = 0; start < length;) {
         CFIndex count = std::min(kPieceLength, length - start);
         const UniChar last = CFStringGetCharacterAtIndex(text.get(), start + count - 1);
@@ -151,24 +186,59 @@ void write(const CF::String &text, const Writer &writer) {
         if (isHighSurrogate(last) && start + count < length) {
             ++count;
         }
-        CFIndex used = 0;
-        CFStringGetBytes(text.get(), CFRangeMake(start, count), kCFStringEncodingUTF8, '?', false,
-                         buffer.data(), static_cast<CFIndex>(buffer.size()), &used);
+        const CFIndex used = convert(text, CFRangeMake(start, count), buffer, lone);
         writer(std::span(buffer).first(static_cast<std::size_t>(used)));
         start += count;
     }
+    return lone;
+}
+
+// The beginning of the row around that place.
+std::string rowAt(const CF::String &text, CFIndex place) {
+    CFRange found;
+    const bool behindAnother =
+        CFStringFindWithOptions(text.get(), CFSTR("\n\""), CFRangeMake(0, place),
+                                kCFCompareBackwards, &found) != 0;
+    const CFIndex start = behindAnother ? found.location + 1 : 0;
+    const CFIndex length = std::min(kShownOfARow, place - start);
+    return CF::String::Adopt(CFStringCreateWithSubstring(kCFAllocatorDefault, text.get(),
+                                                         CFRangeMake(start, length)))
+        .GetUTF8();
+}
+
+int report(const CF::String &text, const LoneSurrogates &lone) {
+    if (lone.count == 0) {
+        return kDone;
+    }
+    PrintMessage(std::to_string(lone.count) +
+                 " lone surrogates, which have no form in UTF-8, were written as U+FFFD; the first"
+                 " is in the row " +
+                 rowAt(text, lone.first) + "...");
+    return kFailed;
 }
 
 IfPresent ifPresent(const CSVOptions &options) {
     return options.force ? IfPresent::Replace : IfPresent::AskForForce;
 }
 
-void writeToFile(const CF::String &text, const CSVOptions &options) {
+LoneSurrogates writeToFile(const CF::String &text, const CSVOptions &options) {
     NewOutput output(options.output, ifPresent(options));
     Descriptor file(output.PartialPath());
-    write(text, [&](std::span<const std::uint8_t> bytes) { WriteFileBytes(file.get(), bytes); });
+    const LoneSurrogates lone = write(
+        text, [&](std::span<const std::uint8_t> bytes) { WriteFileBytes(file.get(), bytes); });
     file.Close();
     output.Publish();
+    return lone;
+}
+
+LoneSurrogates writeToTerminal(const CF::String &text) {
+    CSVForTerminal terminal;
+    const LoneSurrogates lone = write(text, [&](std::span<const std::uint8_t> bytes) {
+        Print(terminal.Convert({reinterpret_cast<const char *>(bytes.data()), bytes.size()}));
+    });
+    // The text's last line has no end, which would leave the prompt behind it.
+    PrintLine("");
+    return lone;
 }
 
 } // namespace
@@ -180,15 +250,9 @@ int RunCSV(const BackupOptions &backup, const TemporaryArea &area, const CSVOpti
     }
     const CF::String text = dump(databasePath(backup, area));
     if (!options.output.empty()) {
-        writeToFile(text, options);
-        return kDone;
+        return report(text, writeToFile(text, options));
     }
-    write(text, &WriteOutput);
-    // The text's last line has no end, which would leave the prompt behind it.
-    if (OutputIsTerminal()) {
-        PrintLine("");
-    }
-    return kDone;
+    return report(text, OutputIsTerminal() ? writeToTerminal(text) : write(text, &WriteOutput));
 }
 
 } // namespace tool
