@@ -249,10 +249,11 @@ class Family(unittest.TestCase):
                 remove(world.temporary / name)
         self.assertEqual(leftovers, [], "left in the temporary directory")
         self.assertEqual(world.snapshot(), world.before)
-        self.check_result(command, result.status, result.messages, case)
+        self.check_result(command, result, case)
         self.check_output(world, result.printed, command)
 
-    def check_result(self, command: str, status: int, messages: str, case: Case) -> None:
+    def check_result(self, command: str, result: Result, case: Case) -> None:
+        status, messages = result.status, result.messages
         if status < 0:
             self.fail(f"ended by {signal.Signals(-status).name}: {messages[-2000:]}")
         for crash in CRASHES:
@@ -269,7 +270,8 @@ class Family(unittest.TestCase):
             wanted = case.status[command]
             self.assertIn(status, wanted if isinstance(wanted, tuple) else (wanted,), messages[:2000])
             if status == FAILED and case.message:
-                self.assertTrue(any(text in messages for text in case.message), messages[:2000])
+                told = messages + (result.printed.decode(errors="replace") if command == "verify" else "")
+                self.assertTrue(any(text in told for text in case.message), told[:2000])
 
     def check_output(self, world: World, printed: bytes, command: str) -> None:
         """The secret is nowhere, and there is nothing but the result."""
