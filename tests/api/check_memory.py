@@ -27,9 +27,15 @@ HALF = 16
 # What stays while the container is open, and what comes with reading and storing.
 WHILE_OPEN = {"password", "class keys", "manifest key"}
 AFTER_READING = WHILE_OPEN | {"file keys"}
-ALLOWED = {"started": set(), "open": WHILE_OPEN, "read": AFTER_READING, "stored": AFTER_READING, "closed": set()}
+ALLOWED = {
+    "started": set(), "open": WHILE_OPEN, "reading": AFTER_READING, "first": AFTER_READING, "read": AFTER_READING,
+    "stored": AFTER_READING, "closed": set(),
+}  # fmt: skip
 # What has to be found: that the search finds what is there.
-REQUIRED = {"open": {"class keys", "manifest key"}, "read": {"file keys"}, "stored": {"file keys"}}
+REQUIRED = {
+    "open": {"class keys", "manifest key"}, "reading": {"file keys"}, "first": {"file keys"}, "read": {"file keys"},
+    "stored": {"file keys"},
+}  # fmt: skip
 
 
 def halves(secret: bytes) -> set[bytes]:
@@ -102,8 +108,11 @@ def found_in(pid: int, needles: dict[str, set[bytes]]) -> dict[str, list[str]]:
 
 
 def faults_of(step: str, found: dict[str, list[str]]) -> Iterator[str]:
-    for secret in sorted(found.keys() - ALLOWED[step]):
-        yield f"{step}: {secret}: {'; '.join(found[secret][:8])}"
+    for secret, places in sorted(found.items()):
+        # Whatever is kept is kept on the heap; on the stack it would be a leftover.
+        wrong = [place for place in places if secret not in ALLOWED[step] or "[stack]" in place]
+        if wrong:
+            yield f"{step}: {secret}: {'; '.join(wrong[:8])}"
     for secret in sorted(REQUIRED.get(step, set()) - found.keys()):
         yield f"{step}: {secret} should be there, and the search does not find it"
 

@@ -1,6 +1,6 @@
 /* A host whose memory another program looks through: see check_memory.py. It opens the backup,
- * reads every file, stores a new one, and closes, and says after each step what it has done; then
- * it waits for a line on standard input. What it handles of the password itself it wipes.
+ * reads every file, stores a new one, and closes, and says at each step what it does or has done;
+ * then it waits for a line on standard input. What it handles of the password itself it wipes.
  * Usage: memory_host BACKUP PASSWORD_FILE TEMP */
 #include <Kelvane.h>
 
@@ -103,8 +103,12 @@ static KVBackupContainerClass *openBackup(const char *path, const char *password
 }
 
 static Boolean countBytes(const uint8_t *bytes, CFIndex length, void *context) {
+    long *count = context;
     (void)bytes;
-    *(long *)context += length;
+    if (*count == 0 && length > 0) {
+        report("reading"); /* in the middle of the first file */
+    }
+    *count += length;
     return true;
 }
 
@@ -120,11 +124,15 @@ static void readEverything(KVBackupContainerClass *backup) {
                                 ? KVBackupContainerCopyFileForEntry(backup, entry, &error)
                                 : NULL;
         if (file != NULL) {
+            const Boolean first = bytes == 0;
             ++files;
             if (!KVFileReadData(file, 0, &countBytes, &bytes, &error)) {
                 fail(error, "reading");
             }
             CFRelease(file);
+            if (first && bytes > 0) {
+                report("first");
+            }
         } else if (error != NULL) {
             CFRelease(error); /* of a class that stays locked */
         }
