@@ -287,11 +287,13 @@ bool deriveWatched(const Kelvane::PBKDF2Input &input, std::span<std::uint8_t> ou
                      input.salt.size(), input.iterations, output.data(), output.size());
         return true;
     }
+    const ZK::WipeStackOnExit wipeStack;
     Derivation<Hash> derivation(input.password.data(), input.password.size());
     std::uint32_t index = 0;
     for (auto rest = output; !rest.empty();) {
         const std::uint8_t *const block = derivation.deriveBlock(input, ++index, observer);
         if (block == nullptr) {
+            ZK::Wipe(output.data(), output.size()); // the blocks before are a part of a key
             return false;
         }
         const std::size_t length = std::min<std::size_t>(Hash::kDigestSize, rest.size());
