@@ -106,10 +106,12 @@ class Messages(ToolTest):
             "  caused by: No such file or directory (NSPOSIXErrorDomain 2)"])
 
     def test_of_an_empty_directory(self) -> None:
-        messages = self.fail_with(FAILED, "info", self.folder)
+        empty = self.folder / "empty"
+        empty.mkdir()
+        messages = self.fail_with(FAILED, "info", empty)
         self.assertEqual(messages, [
             INVALID + "Backup metadata file missing. Are you sure this is a valid backup? (Manifest.plist) (code 10)",
-            f"  caused by: File not found: File does not exist at path '{self.folder}/Manifest.plist' (code 16)"])
+            f"  caused by: File not found: File does not exist at path '{empty}/Manifest.plist' (code 16)"])
 
     def test_of_a_file_that_is_no_zip(self) -> None:
         path = self.folder / "file"
@@ -197,7 +199,7 @@ class Messages(ToolTest):
 
     def test_of_arguments_that_are_no_text(self) -> None:
         messages = self.fail_with(FAILED, "ls", small(), os.fsdecode(b"\xff"))
-        self.assertEqual(messages, [f"kelvane: The argument '{os.fsdecode(bytes([255]))}' is not UTF-8 text"])
+        self.assertEqual(messages, ["kelvane: The argument '\\xFF' is not UTF-8 text"])
 
     def copy(self, *options: str) -> Path:
         return make(self.folder / "copy", "--tree", "small", *options)
