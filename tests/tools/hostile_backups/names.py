@@ -87,6 +87,7 @@ CASES: dict[str, Case] = {
     **{f"domain_{name}": made(partial(domains, names=names)) for name, names in SEPARATED.items()
        if name not in ("long_component", "metadata", "empty_components")},
     "deep_1000": made(partial(deep, levels=1000)),
+    "deep_200000": made(partial(deep, levels=200_000)),
     "slashes": made(partial(paths, names=("/" * 100_000,))),
     "twins_in_case": made(twins_in_case),
     "twins_in_normalisation": made(twins_in_normalisation),

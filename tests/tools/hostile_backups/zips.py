@@ -233,7 +233,7 @@ def python_made(place: Place) -> None:
 
 
 CASES: dict[str, Case] = {
-    "overlapping": zipped(overlapping, heavy=True, status={"export": 1, "verify": 1}),
+    "overlapping": zipped(overlapping, status={"export": 1, "verify": 1}),
     "wrapped_count": zipped(wrapped_count),
     "metadata_bomb": zipped(partial(bomb, name="Manifest.plist", size=100_000_000), status={"info": 1}),
     "info_bomb": zipped(property_list_bomb, heavy=True),
