@@ -21,8 +21,11 @@ CF::String pathOf(const RootDirectory &root, const CF::String &name) {
     return CF::String::Format(CFSTR("%@/%@"), CF::String(root->path().native()).get(), name.get());
 }
 
-// Errors of opening directories on the way, which say nothing of what lies there.
-bool ranOutOfDescriptors(int number) { return number == EMFILE || number == ENFILE; }
+// Any other error of looking says nothing of what lies there, and a file that is there must not
+// pass for one that is missing.
+bool tellsThatNothingIsThere(int number) {
+    return number == ENOENT || number == ENOTDIR || number == ENAMETOOLONG;
+}
 
 // Why the file could not be opened.
 CF::Error errorOfOpening(const RootDirectory &root, const CF::String &name,
@@ -32,7 +35,7 @@ CF::Error errorOfOpening(const RootDirectory &root, const CF::String &name,
     if (failure.code().value() == ELOOP || looked == ELOOP) {
         return LinkedStoredName(name);
     }
-    if (looked != 0 && !ranOutOfDescriptors(looked)) {
+    if (tellsThatNothingIsThere(looked)) {
         return Error(kKVErrorFileNotFound, nullptr, CFSTR("File does not exist at path '%s'"),
                      pathOf(root, name).GetUTF8().c_str());
     }

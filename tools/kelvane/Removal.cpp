@@ -68,6 +68,16 @@ void forEachName(int directory, Visit visit) {
 
 #endif
 
+// What lies there may be plaintext: a failure that passes must not keep it.
+int openDirectory(int parent, const char *name) {
+    constexpr int kTries = 3;
+    int directory = -1;
+    for (int i = 0; i < kTries && directory < 0; ++i) {
+        directory = openat(parent, name, kDirectoryFlags);
+    }
+    return directory;
+}
+
 bool removeContents(int directory, const char *last, int depth);
 
 // True when nothing of that name is left.
@@ -76,7 +86,7 @@ bool removeEntry(int parent, const char *name, const char *last, int depth) {
         return true;
     }
     // What unlink says of a directory differs from system to system.
-    const int directory = depth < kMaxDepth ? openat(parent, name, kDirectoryFlags) : -1;
+    const int directory = depth < kMaxDepth ? openDirectory(parent, name) : -1;
     if (directory < 0) {
         return errno == ENOENT;
     }

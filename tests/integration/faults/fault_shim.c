@@ -15,6 +15,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/openat2.h>
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -44,6 +45,19 @@ static int sticky;
 static int log_descriptor = -1;
 static const char *root;
 static size_t root_length;
+
+/* The C library's own, since the one of that name here is watched. */
+typedef long SystemCall(long number, ...);
+static SystemCall *real_syscall(void) {
+    static _Atomic(SystemCall *) found;
+    if (atomic_load(&found) == NULL) {
+        SystemCall *function = NULL;
+        *(void **)&function = dlsym(RTLD_NEXT, "syscall");
+        atomic_store(&found, function);
+    }
+    return atomic_load(&found);
+}
+#define syscall(...) (real_syscall()(__VA_ARGS__))
 
 /* Straight to the kernel where the operation itself is watched. */
 static long kernel_write(int fd, const void *bytes, size_t count) {
@@ -300,3 +314,40 @@ FILE *fopen64(const char *path, const char *mode) {
     return below_root(path) ? watched_stream(path, mode) : next_fopen(path, mode);
 }
 FILE *fopen(const char *path, const char *mode) { return fopen64(path, mode); }
+
+/* ---- Calls that the C library has no function for */
+
+#undef syscall
+#ifdef SYS_openat2
+static long open_beneath(const long *arguments) {
+    const int directory = (int)arguments[0];
+    const char *const path = (const char *)arguments[1];
+    const struct open_how *const how = (const struct open_how *)arguments[2];
+    const int watching = is_watched_at(directory, path) && (how->flags & O_PATH) == 0;
+    if (watching && fails("open", 0, path)) {
+        return -1;
+    }
+    const long fd =
+        real_syscall()(SYS_openat2, arguments[0], arguments[1], arguments[2], arguments[3]);
+    if (watching) {
+        watch((int)fd, (int)how->flags);
+    }
+    return fd;
+}
+#endif
+
+long syscall(long number, ...) {
+    long given[6];
+    va_list arguments;
+    va_start(arguments, number);
+    for (int i = 0; i < 6; ++i) {
+        given[i] = va_arg(arguments, long);
+    }
+    va_end(arguments);
+#ifdef SYS_openat2
+    if (number == SYS_openat2) {
+        return open_beneath(given);
+    }
+#endif
+    return real_syscall()(number, given[0], given[1], given[2], given[3], given[4], given[5]);
+}
