@@ -25,9 +25,9 @@ CF::String SourceFileName(std::string_view bytes) {
     if (name) {
         return name;
     }
-    return CF::String::Adopt(CFStringCreateWithBytes(
+    return CF::String::Adopt(CF::Made(CFStringCreateWithBytes(
         kCFAllocatorDefault, reinterpret_cast<const UInt8 *>(bytes.data()),
-        static_cast<CFIndex>(bytes.size()), kCFStringEncodingISOLatin1, false));
+        static_cast<CFIndex>(bytes.size()), kCFStringEncodingISOLatin1, false)));
 }
 
 } // namespace Kelvane

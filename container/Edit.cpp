@@ -109,7 +109,7 @@ void Edit::EnsureParents(CFStringRef path) {
             continue;
         }
         const auto parent = CF::String::Adopt(
-            CFStringCreateWithSubstring(kCFAllocatorDefault, path, CFRangeMake(0, i)));
+            CF::Made(CFStringCreateWithSubstring(kCFAllocatorDefault, path, CFRangeMake(0, i))));
         // A leading slash makes an empty first component, which stands for the root.
         if (!parent.IsEmpty() && Find(parent.get()) == nullptr) {
             addDirectory(parent.get());

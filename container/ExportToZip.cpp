@@ -39,7 +39,8 @@ constexpr std::size_t kLongestPiece = std::numeric_limits<std::uint32_t>::max();
 [[noreturn]] void throwZipError(const char *text, int status, int failure) {
     CF::Error cause;
     if (failure != 0) {
-        cause = CF::Error::Adopt(CFErrorCreatePOSIXError(kCFAllocatorDefault, failure, nullptr));
+        cause = CF::Error::Adopt(
+            CF::Made(CFErrorCreatePOSIXError(kCFAllocatorDefault, failure, nullptr)));
     }
     throw Error(kKVErrorArchive, cause, CF::String(text), status);
 }
@@ -121,12 +122,20 @@ class ZipTarget::Record {
     }
 
   private:
+    // minizip uses its memory for a record's header without asking whether there was any. What
+    // it will take is still free when it has just been given back.
+    void requireMemory() const {
+        constexpr std::size_t kHeaderSize = 512;
+        std::free(CF::Made(std::malloc(kHeaderSize + name_.size())));
+    }
+
     int open(const KVFileClass *file) {
         zip_fileinfo info{};
         info.tmz_date = ZipTime(KVFileGetModifiedDate(file));
         zip64_ = target_.zip64Allowed_ && MayNeedZip64(KVFileGetSize(file));
         constexpr int kWindowBits = -15; // raw deflate
         constexpr int kMemoryLevel = 8;
+        requireMemory();
         const int status =
             zipOpenNewFileInZip3_64(target_.archive_, name_.c_str(), &info, nullptr, 0, nullptr, 0,
                                     nullptr, Z_DEFLATED, Z_DEFAULT_COMPRESSION, 0, kWindowBits,

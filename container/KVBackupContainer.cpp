@@ -32,8 +32,9 @@ constexpr CFRuntimeClass kClass =
     Body::Record(kClassName, {nullptr, &copyDescription, &copyDebugDescription});
 
 CFMutableDictionaryRef copyMutable(const CF::Dictionary &dictionary) {
-    return dictionary ? CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, dictionary.get())
-                      : nullptr;
+    return dictionary
+               ? CF::Made(CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, dictionary.get()))
+               : nullptr;
 }
 
 // A dictionary of the host's takes the place of all that was known of the file.

@@ -41,9 +41,9 @@ void buildBinaryManifest(KVBackupContainerClass &container) {
     const FileRef file = container.loader->LoadStoredFile(kManifestMbdbName, kMaxMbdbSize);
     const auto content = ReadWhole(file.get(), kMaxMbdbSize);
     // Not copied: there may be a gigabyte of it.
-    const auto bytes = CF::Data::Adopt(
+    const auto bytes = CF::Data::Adopt(CF::Made(
         CFDataCreateWithBytesNoCopy(kCFAllocatorDefault, content.data(),
-                                    static_cast<CFIndex>(content.size()), kCFAllocatorNull));
+                                    static_cast<CFIndex>(content.size()), kCFAllocatorNull)));
     CF::Pointer<KVManifestClass *> manifest(
         CF::adopt, ReadBinaryManifest(kCFAllocatorDefault, bytes, container.Version(),
                                       container.MakeGetFileFunction(), nullptr));

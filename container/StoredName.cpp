@@ -43,7 +43,7 @@ CF::String ExternalFilePath(const CF::String &name, KVManifestDataVersion versio
         return CF::String("");
     }
     const auto directory = CF::String::Adopt(
-        CFStringCreateWithSubstring(kCFAllocatorDefault, name.get(), CFRangeMake(0, 2)));
+        CF::Made(CFStringCreateWithSubstring(kCFAllocatorDefault, name.get(), CFRangeMake(0, 2))));
     return CF::String::Format(CFSTR("%@/%@"), directory.get(), name.get());
 }
 
@@ -59,8 +59,8 @@ CF::String FileIDForStoredName(const CF::String &storedName, KVManifestDataVersi
     }
     const CFIndex length = storedName.GetLength();
     const CFIndex skipped = std::min(kDirectoryPrefixLength, length);
-    return CF::String::Adopt(CFStringCreateWithSubstring(kCFAllocatorDefault, storedName.get(),
-                                                         CFRangeMake(skipped, length - skipped)));
+    return CF::String::Adopt(CF::Made(CFStringCreateWithSubstring(
+        kCFAllocatorDefault, storedName.get(), CFRangeMake(skipped, length - skipped))));
 }
 
 bool IsSafeFileID(const CF::String &fileID, KVManifestDataVersion version) {

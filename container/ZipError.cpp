@@ -43,11 +43,11 @@ CFStringRef statusText(int status) {
 CFErrorRef zipCreateError(int status) {
     // The library takes a header that it cannot read for a bad one.
     if ((status == UNZ_ERRNO || status == UNZ_BADZIPFILE) && errno != 0) {
-        return CFErrorCreatePOSIXError(kCFAllocatorDefault, errno, nullptr);
+        return CF::Made(CFErrorCreatePOSIXError(kCFAllocatorDefault, errno, nullptr));
     }
     const auto info = CF::Dictionary::Mutable();
     info.Set(kCFErrorLocalizedDescriptionKey, statusText(status));
-    return CFErrorCreate(kCFAllocatorDefault, kZipErrorDomain, status, info.get());
+    return CF::Made(CFErrorCreate(kCFAllocatorDefault, kZipErrorDomain, status, info.get()));
 }
 
 } // namespace ZK

@@ -130,7 +130,7 @@ void makeRoom(MutableArray *array, CFIndex extra, const char *function) {
             "count beyond the address space");
     if (needed > array->capacity) {
         const CFIndex capacity = grownCapacity(array->capacity, needed, kMinimumCapacity);
-        require(setCapacity(array, capacity, function), function, "out of memory");
+        requireMemory(setCapacity(array, capacity, function));
     }
 }
 
@@ -140,31 +140,35 @@ void moveValues(const void **to, const void **from, CFIndex count) {
     }
 }
 
-// Replaces the range by values that are retained already; returns the ones taken out,
-// for release when the array is whole again: callbacks may look at it.
-std::vector<const void *> splice(MutableArray *array, CFRange range,
-                                 const std::vector<const void *> &values, const char *function) {
+// Replaces the range by values that are retained already. There must be room for all of them
+// behind the ones that are there.
+void splice(MutableArray *array, CFRange range, const std::vector<const void *> &values) noexcept {
     const auto added = static_cast<CFIndex>(values.size());
-    std::vector<const void *> removed(static_cast<std::size_t>(range.length));
-    if (range.length > 0) {
-        std::copy_n(array->values + range.location, range.length, removed.begin());
-    }
-    makeRoom(array, added, function);
     const CFIndex end = range.location + range.length;
     moveValues(array->values + range.location + added, array->values + end, array->count - end);
     std::copy(values.begin(), values.end(), array->values + range.location);
     array->count += added - range.length;
-    return removed;
 }
 
 void replaceValues(MutableArray *array, CFRange range, const void *const *values, CFIndex count,
                    const char *function) {
-    std::vector<const void *> retained;
-    retained.reserve(static_cast<std::size_t>(count));
-    for (CFIndex i = 0; i < count; ++i) {
-        retained.push_back(retainValue(array, values[i]));
+    // All memory is taken before anything changes. What goes is released when the array is
+    // whole again: callbacks may look at it.
+    std::vector<const void *> removed(static_cast<std::size_t>(range.length));
+    // Copied first: they may be the array's own, which move when it grows.
+    std::vector<const void *> retained(static_cast<std::size_t>(count));
+    if (count > 0) {
+        std::copy_n(values, count, retained.begin());
     }
-    for (const void *value : splice(array, range, retained, function)) {
+    makeRoom(array, count, function);
+    if (range.length > 0) {
+        std::copy_n(array->values + range.location, range.length, removed.begin());
+    }
+    for (const void *&value : retained) {
+        value = retainValue(array, value);
+    }
+    splice(array, range, retained);
+    for (const void *value : removed) {
         releaseValue(array, value);
     }
 }
@@ -304,12 +308,14 @@ CFMutableArrayRef CFArrayCreateMutable(CFAllocatorRef allocator, CFIndex capacit
 CFMutableArrayRef CFArrayCreateMutableCopy(CFAllocatorRef allocator, CFIndex capacity,
                                            CFArrayRef theArray) {
     checked(theArray, __func__);
-    CFMutableArrayRef copy = CFArrayCreateMutable(allocator, capacity, theArray->callBacks);
-    if (copy != nullptr) {
-        replaceValues(static_cast<MutableArray *>(copy), CFRangeMake(0, 0), theArray->values,
-                      theArray->count, __func__);
-    }
-    return copy;
+    return nullWhenOutOfMemory([&]() -> CFMutableArrayRef {
+        Owner copy(CFArrayCreateMutable(allocator, capacity, theArray->callBacks));
+        if (copy.get() != nullptr) {
+            replaceValues(static_cast<MutableArray *>(copy.get()), CFRangeMake(0, 0),
+                          theArray->values, theArray->count, "CFArrayCreateMutableCopy");
+        }
+        return copy.take();
+    });
 }
 
 CFIndex CFArrayGetCount(CFArrayRef theArray) { return checked(theArray, __func__)->count; }
@@ -389,9 +395,9 @@ CFIndex CFArrayBSearchValues(CFArrayRef theArray, CFRange range, const void *val
 
 void CFArrayAppendValue(CFMutableArrayRef theArray, const void *value) {
     MutableArray *array = mutableArray(theArray, __func__);
-    const void *retained = retainValue(array, value);
     makeRoom(array, 1, __func__);
-    array->values[array->count++] = retained;
+    array->values[array->count] = retainValue(array, value);
+    ++array->count;
 }
 
 void CFArrayInsertValueAtIndex(CFMutableArrayRef theArray, CFIndex idx, const void *value) {

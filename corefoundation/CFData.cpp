@@ -96,10 +96,10 @@ bool setCapacity(OutOfLineData *data, CFIndex capacity) {
     return true;
 }
 
-void makeRoom(OutOfLineData *data, CFIndex length, const char *function) {
+void makeRoom(OutOfLineData *data, CFIndex length) {
     if (length > data->capacity) {
         const CFIndex capacity = grownCapacity(data->capacity, length, kMinimumCapacity);
-        require(setCapacity(data, capacity), function, "out of memory");
+        requireMemory(setCapacity(data, capacity));
     }
 }
 
@@ -111,7 +111,7 @@ CFIndex addLengths(CFIndex a, CFIndex b, const char *function) {
 
 void setLength(OutOfLineData *data, CFIndex length, const char *function) {
     require(length >= 0, function, "negative length");
-    makeRoom(data, length, function);
+    makeRoom(data, length);
     if (length > data->length) {
         std::memset(data->bytes + data->length, 0, static_cast<std::size_t>(length - data->length));
     }
@@ -121,7 +121,7 @@ void setLength(OutOfLineData *data, CFIndex length, const char *function) {
 // Opens or closes the gap between the head and the tail of the data around the range.
 void resizeRange(OutOfLineData *data, CFRange range, CFIndex newLength, const char *function) {
     const CFIndex total = addLengths(data->length - range.length, newLength, function);
-    makeRoom(data, total, function);
+    makeRoom(data, total);
     const CFIndex end = range.location + range.length;
     moveBytes(data->bytes + range.location + newLength, data->bytes + end, data->length - end);
     data->length = total;
@@ -137,11 +137,10 @@ void replaceBytes(OutOfLineData *data, CFRange range, const UInt8 *bytes, CFInde
                   const char *function) {
     // The bytes would move, or be overwritten, before they are read.
     if (length > 0 && liesWithin(bytes, data)) {
-        CFDataRef copy = CFDataCreate(nullptr, bytes, length);
-        require(copy != nullptr, function, "out of memory");
+        const Owner copy(CFDataCreate(nullptr, bytes, length));
+        requireMemory(copy.get() != nullptr);
         resizeRange(data, range, length, function);
-        copyBytes(data->bytes + range.location, bytesOf(copy), length);
-        CFRelease(copy);
+        copyBytes(data->bytes + range.location, bytesOf(copy.get()), length);
         return;
     }
     resizeRange(data, range, length, function);

@@ -31,7 +31,9 @@ constexpr CFIndex kMinimumCapacity = 8;
 const void *retainObject(CFAllocatorRef, const void *value) { return CFRetain(value); }
 void releaseObject(CFAllocatorRef, const void *value) { CFRelease(value); }
 const void *copyString(CFAllocatorRef allocator, const void *value) {
-    return CFStringCreateCopy(allocator, static_cast<CFStringRef>(value));
+    CFStringRef copy = CFStringCreateCopy(allocator, static_cast<CFStringRef>(value));
+    requireMemory(copy != nullptr);
+    return copy;
 }
 
 constinit const CFDictionaryKeyCallBacks noKeyCallBacks = {};
@@ -46,6 +48,11 @@ bool same(const CFDictionaryValueCallBacks &a, const CFDictionaryValueCallBacks 
     return a.version == b.version && a.retain == b.retain && a.release == b.release &&
            a.copyDescription == b.copyDescription && a.equal == b.equal;
 }
+
+constinit const __CFDictionary emptyDictionary = {immortalBase(kDictionaryTypeID),
+                                                  &kCFTypeDictionaryKeyCallBacks,
+                                                  &kCFTypeDictionaryValueCallBacks,
+                                                  {}};
 
 // The constant that equals the caller's callbacks, or null when they must be copied.
 const CFDictionaryKeyCallBacks *known(const CFDictionaryKeyCallBacks *callBacks) {
@@ -187,7 +194,7 @@ void makeRoomForOne(__CFDictionary *dictionary, const char *function) {
     const CFIndex count = dictionary->table.count();
     if (count == dictionary->table.capacity()) {
         const CFIndex capacity = count < kMinimumCapacity ? kMinimumCapacity : 2 * count;
-        require(setCapacity(dictionary, capacity, function), function, "out of memory");
+        requireMemory(setCapacity(dictionary, capacity, function));
     }
 }
 
@@ -200,6 +207,15 @@ void appendPair(__CFDictionary *dictionary, CFHashCode hash, const void *key, co
 void addPair(__CFDictionary *dictionary, const void *key, const void *value, const char *function) {
     makeRoomForOne(dictionary, function);
     appendPair(dictionary, hashKey(key, *dictionary->keyCallBacks), key, value);
+}
+
+// The same when the key may be there, and its pair then stays.
+void appendIfAbsent(__CFDictionary *dictionary, const void *key, const void *value) {
+    const CFDictionaryKeyCallBacks &callBacks = *dictionary->keyCallBacks;
+    const CFHashCode hash = hashKey(key, callBacks);
+    if (dictionary->table.findHashed(key, hash, callBacks) == kCFNotFound) {
+        appendPair(dictionary, hash, key, value);
+    }
 }
 
 void replaceValue(__CFDictionary *dictionary, CFIndex index, const void *value) {
@@ -307,15 +323,19 @@ CFDictionaryRef CFDictionaryCreate(CFAllocatorRef allocator, const void **keys, 
     require(numValues >= 0, __func__, "negative count");
     require((keys != nullptr && values != nullptr) || numValues == 0, __func__,
             "null keys or values");
-    __CFDictionary *dictionary =
-        allocateImmutable(allocator, numValues, keyCallBacks, valueCallBacks, __func__);
-    for (CFIndex i = 0; dictionary != nullptr && i < numValues; ++i) {
-        const CFHashCode hash = hashKey(keys[i], *dictionary->keyCallBacks);
-        if (dictionary->table.findHashed(keys[i], hash, *dictionary->keyCallBacks) == kCFNotFound) {
-            appendPair(dictionary, hash, keys[i], values[i]);
-        }
+    if (numValues == 0 && known(keyCallBacks) == &kCFTypeDictionaryKeyCallBacks &&
+        known(valueCallBacks) == &kCFTypeDictionaryValueCallBacks) {
+        return &emptyDictionary;
     }
-    return dictionary;
+    return nullWhenOutOfMemory([&]() -> CFDictionaryRef {
+        Owner owner(allocateImmutable(allocator, numValues, keyCallBacks, valueCallBacks,
+                                      "CFDictionaryCreate"));
+        __CFDictionary *dictionary = owner.get();
+        for (CFIndex i = 0; dictionary != nullptr && i < numValues; ++i) {
+            appendIfAbsent(dictionary, keys[i], values[i]);
+        }
+        return owner.take();
+    });
 }
 
 CFDictionaryRef CFDictionaryCreateCopy(CFAllocatorRef allocator, CFDictionaryRef theDict) {
@@ -323,13 +343,14 @@ CFDictionaryRef CFDictionaryCreateCopy(CFAllocatorRef allocator, CFDictionaryRef
     if (flagsOf(theDict) == kImmutable) {
         return static_cast<CFDictionaryRef>(CFRetain(theDict));
     }
-    __CFDictionary *copy =
-        allocateImmutable(allocator, theDict->table.count(), theDict->keyCallBacks,
-                          theDict->valueCallBacks, __func__);
-    if (copy != nullptr) {
-        copyPairs(copy, theDict);
-    }
-    return copy;
+    return nullWhenOutOfMemory([&]() -> CFDictionaryRef {
+        Owner copy(allocateImmutable(allocator, theDict->table.count(), theDict->keyCallBacks,
+                                     theDict->valueCallBacks, "CFDictionaryCreateCopy"));
+        if (copy.get() != nullptr) {
+            copyPairs(copy.get(), theDict);
+        }
+        return copy.take();
+    });
 }
 
 CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef allocator, CFIndex capacity,
@@ -352,18 +373,18 @@ CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef allocator, CFInd
 CFMutableDictionaryRef CFDictionaryCreateMutableCopy(CFAllocatorRef allocator, CFIndex capacity,
                                                      CFDictionaryRef theDict) {
     checked(theDict, __func__);
-    CFMutableDictionaryRef copy = CFDictionaryCreateMutable(
-        allocator, capacity, theDict->keyCallBacks, theDict->valueCallBacks);
-    const CFIndex count = theDict->table.count();
-    if (copy == nullptr || count == 0) {
-        return copy;
-    }
-    if (copy->table.capacity() < count && !setCapacity(copy, count, __func__)) {
-        CFRelease(copy);
-        return nullptr;
-    }
-    copyPairs(copy, theDict);
-    return copy;
+    return nullWhenOutOfMemory([&]() -> CFMutableDictionaryRef {
+        Owner copy(CFDictionaryCreateMutable(allocator, capacity, theDict->keyCallBacks,
+                                             theDict->valueCallBacks));
+        const CFIndex count = theDict->table.count();
+        if (copy.get() == nullptr || count == 0) {
+            return copy.take();
+        }
+        requireMemory(copy.get()->table.capacity() >= count ||
+                      setCapacity(copy.get(), count, "CFDictionaryCreateMutableCopy"));
+        copyPairs(copy.get(), theDict);
+        return copy.take();
+    });
 }
 
 CFIndex CFDictionaryGetCount(CFDictionaryRef theDict) {

@@ -121,6 +121,10 @@ CFErrorRef createError(CFAllocatorRef allocator, CFErrorDomain domain, CFIndex c
     error->domain = CFStringCreateCopy(allocator, domain);
     error->code = code;
     error->userInfo = userInfo;
+    if (error->domain == nullptr) {
+        CFRelease(error);
+        return nullptr;
+    }
     return error;
 }
 
@@ -168,10 +172,11 @@ CFStringRef describeError(CFTypeRef cf, CFDictionaryRef) {
     if (!scope.isOpen()) {
         return createString("Error ...");
     }
-    CFStringRef description = copyDescription(error);
+    const Owner description(copyDescription(error));
+    requireMemory(description.get() != nullptr);
     std::string text = "Error Domain=" + utf8Of(error->domain) +
-                       " Code=" + std::to_string(error->code) + " \"" + utf8Of(description) + "\"";
-    CFRelease(description);
+                       " Code=" + std::to_string(error->code) + " \"" + utf8Of(description.get()) +
+                       "\"";
     if (CFDictionaryGetCount(error->userInfo) > 0) {
         text += " UserInfo={" + userInfoText(error, scope) + "}";
     }
@@ -211,7 +216,8 @@ CFDictionaryRef CFErrorCopyUserInfo(CFErrorRef err) {
 }
 
 CFStringRef CFErrorCopyDescription(CFErrorRef err) {
-    return copyDescription(checked(err, __func__));
+    checked(err, __func__);
+    return nullWhenOutOfMemory([&] { return copyDescription(err); });
 }
 
 CFStringRef CFErrorCopyFailureReason(CFErrorRef err) {
@@ -219,8 +225,10 @@ CFStringRef CFErrorCopyFailureReason(CFErrorRef err) {
     if (reason != nullptr) {
         return reason;
     }
-    const auto text = systemText(err);
-    return text.has_value() ? createString(*text) : nullptr;
+    return nullWhenOutOfMemory([&] {
+        const auto text = systemText(err);
+        return text.has_value() ? createString(*text) : nullptr;
+    });
 }
 
 CFStringRef CFErrorCopyRecoverySuggestion(CFErrorRef err) {

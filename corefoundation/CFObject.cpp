@@ -1,5 +1,7 @@
 // The functions that work on an object of any type by asking its class.
 #include "corefoundation/CFInternal.hpp"
+#include "corefoundation/Checks.hpp"
+#include "corefoundation/Description.hpp"
 
 #include <CoreFoundation/CFString.h>
 
@@ -38,8 +40,10 @@ CFStringRef copyClassDescription(CFTypeRef cf, const CFRuntimeClass &cls, CFDict
 
 CFStringRef copyDescription(CFTypeRef cf, CFDictionaryRef options, const char *function) {
     const CFRuntimeClass &cls = classOf(cf, function);
-    CFStringRef text = copyClassDescription(cf, cls, options);
-    return text != nullptr ? text : copyDefaultDescription(cf, cls);
+    return nullWhenOutOfMemory([&] {
+        CFStringRef text = copyClassDescription(cf, cls, options);
+        return text != nullptr ? text : copyDefaultDescription(cf, cls);
+    });
 }
 
 } // namespace
@@ -89,14 +93,9 @@ CFStringRef CFInternal::copyFormattingDescription(CFTypeRef cf, CFDictionaryRef 
 }
 
 void CFShow(CFTypeRef obj) {
-    CFStringRef text = obj == nullptr ? static_cast<CFStringRef>(CFRetain(CFSTR("(null)")))
-                                      : copyFormattingDescription(obj, nullptr);
-    const CFRange all = CFRangeMake(0, CFStringGetLength(text));
-    CFIndex size = 0;
-    CFStringGetBytes(text, all, kCFStringEncodingUTF8, '?', false, nullptr, 0, &size);
-    std::string line(static_cast<std::size_t>(size) + 1, '\n');
-    CFStringGetBytes(text, all, kCFStringEncodingUTF8, '?', false,
-                     reinterpret_cast<UInt8 *>(line.data()), size, nullptr);
+    const Owner text(obj == nullptr ? static_cast<CFStringRef>(CFRetain(CFSTR("(null)")))
+                                    : copyFormattingDescription(obj, nullptr));
+    requireMemory(text.get() != nullptr);
+    const std::string line = utf8Of(text.get()) + '\n';
     std::fwrite(line.data(), 1, line.size(), stderr);
-    CFRelease(text);
 }

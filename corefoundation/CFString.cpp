@@ -1,4 +1,5 @@
 // The string class: creation, equality, hash, description and plain reading.
+#include "corefoundation/Checks.hpp"
 #include "corefoundation/ContentHash.hpp"
 #include "corefoundation/StringStorage.hpp"
 #include "corefoundation/TextEncoding.hpp"
@@ -52,13 +53,10 @@ CFStringRef copyStringDebugDescription(CFTypeRef cf) {
 
 // ---- creation ----
 
-// All empty immutable strings are this one.
 struct EmptyString : InlineString {
     char terminator[sizeof(CFIndex)];
 };
 constexpr EmptyString emptyString = {{{{immortalBase(kStringTypeID, kStringTerminated)}, 0}}, {}};
-
-CFStringRef retainedEmptyString() { return &emptyString; }
 
 CFStringRef createNarrow(CFAllocatorRef allocator, const void *ascii, CFIndex length) {
     if (length == 0) {
@@ -211,6 +209,8 @@ CFStringRef CFInternal::createString(CFAllocatorRef allocator, const TextView &t
     return CFStringCreateWithCharacters(allocator, text.wideUnits(), text.length);
 }
 
+CFStringRef CFInternal::retainedEmptyString() noexcept { return &emptyString; }
+
 CFTypeID CFStringGetTypeID() { return kStringTypeID; }
 
 CFStringRef CFStringCreateWithCString(CFAllocatorRef allocator, const char *cStr,
@@ -306,18 +306,23 @@ CFMutableStringRef CFStringCreateMutable(CFAllocatorRef allocator, CFIndex maxLe
     auto *string = static_cast<MutableString *>(memory);
     const auto *own = reinterpret_cast<CFAllocatorRef>(string->base._cfisa);
     new (&string->text) TextBuffer(own);
-    if (maxLength > 0) {
-        string->text.reserve(std::min(maxLength, largestFirstBuffer));
-    }
-    return string;
+    return nullWhenOutOfMemory([&]() -> CFMutableStringRef {
+        Owner<CFMutableStringRef> owner(string);
+        if (maxLength > 0) {
+            string->text.reserve(std::min(maxLength, largestFirstBuffer));
+        }
+        return owner.take();
+    });
 }
 
 CFMutableStringRef CFStringCreateMutableCopy(CFAllocatorRef allocator, CFIndex maxLength,
                                              CFStringRef theString) {
     const TextView text = textOf(theString, __func__);
-    CFMutableStringRef copy = CFStringCreateMutable(allocator, maxLength);
-    if (copy != nullptr) {
-        static_cast<MutableString *>(copy)->text.append(text);
-    }
-    return copy;
+    return nullWhenOutOfMemory([&]() -> CFMutableStringRef {
+        Owner copy(CFStringCreateMutable(allocator, maxLength));
+        if (copy.get() != nullptr) {
+            static_cast<MutableString *>(copy.get())->text.append(text);
+        }
+        return copy.take();
+    });
 }

@@ -1,4 +1,5 @@
 // Joining and splitting.
+#include "corefoundation/Checks.hpp"
 #include "corefoundation/StringSearch.hpp"
 #include "corefoundation/StringStorage.hpp"
 
@@ -8,28 +9,22 @@ namespace {
 
 using namespace CFInternal;
 
-bool appendPiece(CFMutableArrayRef pieces, CFAllocatorRef allocator, const TextView &text) {
-    CFStringRef piece = createString(allocator, text);
-    if (piece == nullptr) {
-        return false;
-    }
-    CFArrayAppendValue(pieces, piece);
-    CFRelease(piece);
-    return true;
+void appendPiece(CFMutableArrayRef pieces, CFAllocatorRef allocator, const TextView &text) {
+    const Owner piece(createString(allocator, text));
+    requireMemory(piece.get() != nullptr);
+    CFArrayAppendValue(pieces, piece.get());
 }
 
-bool appendPieces(CFMutableArrayRef pieces, CFAllocatorRef allocator, const TextView &text,
+void appendPieces(CFMutableArrayRef pieces, CFAllocatorRef allocator, const TextView &text,
                   const TextView &separator) {
     CFIndex start = 0;
     for (;;) {
         const CFRange rest = CFRangeMake(start, text.length - start);
         const CFIndex at = findText(text, separator, rest, 0);
         const CFIndex end = at == kCFNotFound ? text.length : at;
-        if (!appendPiece(pieces, allocator, text.sub(start, end - start))) {
-            return false;
-        }
+        appendPiece(pieces, allocator, text.sub(start, end - start));
         if (at == kCFNotFound) {
-            return true;
+            return;
         }
         start = at + separator.length;
     }
@@ -42,28 +37,29 @@ CFStringRef CFStringCreateByCombiningStrings(CFAllocatorRef allocator, CFArrayRe
     requireType(theArray, kArrayTypeID, __func__);
     const TextView separator =
         separatorString == nullptr ? TextView() : textOf(separatorString, __func__);
-    TextBuffer text(nullptr);
-    const CFIndex count = CFArrayGetCount(theArray);
-    for (CFIndex i = 0; i < count; ++i) {
-        if (i > 0) {
-            text.append(separator);
+    return nullWhenOutOfMemory([&] {
+        TextBuffer text(nullptr);
+        const CFIndex count = CFArrayGetCount(theArray);
+        for (CFIndex i = 0; i < count; ++i) {
+            if (i > 0) {
+                text.append(separator);
+            }
+            const void *element = CFArrayGetValueAtIndex(theArray, i);
+            text.append(
+                textOf(static_cast<CFStringRef>(element), "CFStringCreateByCombiningStrings"));
         }
-        const void *element = CFArrayGetValueAtIndex(theArray, i);
-        text.append(textOf(static_cast<CFStringRef>(element), __func__));
-    }
-    return createString(allocator, text.view());
+        return createString(allocator, text.view());
+    });
 }
 
 CFArrayRef CFStringCreateArrayBySeparatingStrings(CFAllocatorRef allocator, CFStringRef theString,
                                                   CFStringRef separatorString) {
     const TextView text = textOf(theString, __func__);
     const TextView separator = textOf(separatorString, __func__);
-    CFMutableArrayRef pieces = CFArrayCreateMutable(allocator, 0, &kCFTypeArrayCallBacks);
-    if (pieces == nullptr) {
-        return nullptr;
-    }
-    const bool complete = appendPieces(pieces, allocator, text, separator);
-    CFArrayRef result = complete ? CFArrayCreateCopy(allocator, pieces) : nullptr;
-    CFRelease(pieces);
-    return result;
+    return nullWhenOutOfMemory([&]() -> CFArrayRef {
+        const Owner pieces(CFArrayCreateMutable(allocator, 0, &kCFTypeArrayCallBacks));
+        requireMemory(pieces.get() != nullptr);
+        appendPieces(pieces.get(), allocator, text, separator);
+        return CFArrayCreateCopy(allocator, pieces.get());
+    });
 }

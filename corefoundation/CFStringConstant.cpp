@@ -1,4 +1,5 @@
 // Interned constant strings.
+#include "corefoundation/Checks.hpp"
 #include "corefoundation/StringStorage.hpp"
 #include "corefoundation/TextEncoding.hpp"
 
@@ -28,9 +29,7 @@ CFStringRef createImmortal(std::string_view utf8) {
     decodeUTF8Lossy(Bytes(reinterpret_cast<const std::uint8_t *>(utf8.data()), utf8.size()),
                     [&](UniChar unit) { text.appendUnit(unit); });
     CFStringRef string = createString(kCFAllocatorDefault, text.view());
-    if (string == nullptr) {
-        fatal("CFSTR", "out of memory");
-    }
+    requireMemory(string != nullptr);
     makeImmortal(string);
     return string;
 }
@@ -40,6 +39,9 @@ CFStringRef createImmortal(std::string_view utf8) {
 CFStringRef __CFStringMakeConstantString(const char *utf8) {
     if (utf8 == nullptr) {
         fatal("CFSTR", "null text");
+    }
+    if (*utf8 == '\0') {
+        return retainedEmptyString(); // without memory, for those who cannot do without it
     }
     Table &constants = table();
     const std::scoped_lock lock(constants.mutex);

@@ -1,7 +1,10 @@
 // Strings as data, with a byte order mark where it is needed.
+#include "corefoundation/Checks.hpp"
 #include "corefoundation/StringStorage.hpp"
 
 #include <CoreFoundation/CFData.h>
+
+using namespace CFInternal;
 
 CFDataRef CFStringCreateExternalRepresentation(CFAllocatorRef alloc, CFStringRef theString,
                                                CFStringEncoding encoding, UInt8 lossByte) {
@@ -12,16 +15,16 @@ CFDataRef CFStringCreateExternalRepresentation(CFAllocatorRef alloc, CFStringRef
     if (converted != all.length || CFStringIsEncodingAvailable(encoding) == 0) {
         return nullptr;
     }
-    CFMutableDataRef data = CFDataCreateMutable(alloc, 0);
-    if (data == nullptr) {
-        return nullptr;
-    }
-    CFDataSetLength(data, size);
-    CFStringGetBytes(theString, all, encoding, lossByte, true, CFDataGetMutableBytePtr(data), size,
-                     nullptr);
-    CFDataRef result = CFDataCreateCopy(alloc, data);
-    CFRelease(data);
-    return result;
+    return nullWhenOutOfMemory([&]() -> CFDataRef {
+        const Owner data(CFDataCreateMutable(alloc, 0));
+        if (data.get() == nullptr) {
+            return nullptr;
+        }
+        CFDataSetLength(data.get(), size);
+        CFStringGetBytes(theString, all, encoding, lossByte, true,
+                         CFDataGetMutableBytePtr(data.get()), size, nullptr);
+        return CFDataCreateCopy(alloc, data.get());
+    });
 }
 
 CFStringRef CFStringCreateFromExternalRepresentation(CFAllocatorRef alloc, CFDataRef data,

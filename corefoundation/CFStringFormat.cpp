@@ -1,4 +1,5 @@
 // Formatted strings.
+#include "corefoundation/Checks.hpp"
 #include "corefoundation/FormatWriter.hpp"
 #include "corefoundation/StringStorage.hpp"
 
@@ -14,10 +15,13 @@ constexpr std::size_t kScratchSize = 512;
 CFStringRef CFStringCreateWithFormatAndArguments(CFAllocatorRef allocator,
                                                  CFDictionaryRef formatOptions, CFStringRef format,
                                                  va_list arguments) {
-    alignas(UniChar) char scratch[kScratchSize];
-    TextBuffer text(nullptr, scratch);
-    appendFormat(text, formatOptions, textOf(format, __func__), arguments);
-    return createString(allocator, text.view());
+    const TextView view = textOf(format, __func__);
+    return nullWhenOutOfMemory([&] {
+        alignas(UniChar) char scratch[kScratchSize];
+        TextBuffer text(nullptr, scratch);
+        appendFormat(text, formatOptions, view, arguments);
+        return createString(allocator, text.view());
+    });
 }
 
 CFStringRef CFStringCreateWithFormat(CFAllocatorRef allocator, CFDictionaryRef formatOptions,
@@ -33,19 +37,19 @@ CFStringRef CFStringCreateWithFormat(CFAllocatorRef allocator, CFDictionaryRef f
 void CFStringAppendFormatAndArguments(CFMutableStringRef theString, CFDictionaryRef formatOptions,
                                       CFStringRef format, va_list arguments) {
     // By way of a string of its own, since an argument may be the changed string itself.
-    CFStringRef appended =
-        CFStringCreateWithFormatAndArguments(kCFAllocatorDefault, formatOptions, format, arguments);
-    if (appended == nullptr) {
-        fatal(__func__, "out of memory");
-    }
-    CFStringAppend(theString, appended);
-    CFRelease(appended);
+    const Owner appended(CFStringCreateWithFormatAndArguments(kCFAllocatorDefault, formatOptions,
+                                                              format, arguments));
+    requireMemory(appended.get() != nullptr);
+    CFStringAppend(theString, appended.get());
 }
 
 void CFStringAppendFormat(CFMutableStringRef theString, CFDictionaryRef formatOptions,
                           CFStringRef format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    CFStringAppendFormatAndArguments(theString, formatOptions, format, arguments);
-    va_end(arguments);
+    // Released by the scope: the call may throw.
+    struct Arguments {
+        va_list list;
+        ~Arguments() { va_end(list); }
+    } arguments;
+    va_start(arguments.list, format);
+    CFStringAppendFormatAndArguments(theString, formatOptions, format, arguments.list);
 }

@@ -1,4 +1,5 @@
 // Changing mutable strings.
+#include "corefoundation/Checks.hpp"
 #include "corefoundation/StringSearch.hpp"
 #include "corefoundation/StringStorage.hpp"
 #include "corefoundation/TextEncoding.hpp"
@@ -97,10 +98,9 @@ void CFStringAppendCharacters(CFMutableStringRef theString, const UniChar *chars
 void CFStringAppendCString(CFMutableStringRef theString, const char *cStr,
                            CFStringEncoding encoding) {
     TextBuffer &text = bufferOf(theString, __func__);
-    CFStringRef appended = CFStringCreateWithCString(kCFAllocatorDefault, cStr, encoding);
-    if (appended != nullptr) {
-        text.append(viewOf(appended));
-        CFRelease(appended);
+    const Owner appended(CFStringCreateWithCString(kCFAllocatorDefault, cStr, encoding));
+    if (appended.get() != nullptr) {
+        text.append(viewOf(appended.get()));
     }
 }
 

@@ -163,14 +163,19 @@ CFUUIDRef CFUUIDCreateFromString(CFAllocatorRef alloc, CFStringRef uuidStr) {
     if (uuidStr == nullptr || CFStringGetLength(uuidStr) != kTextLength) {
         return nullptr;
     }
-    const std::string text = utf8Of(uuidStr);
-    const auto bytes = text.size() == kTextLength ? parse(text) : std::nullopt;
-    return bytes.has_value() ? createUUID(alloc, bytesOf(*bytes)) : nullptr;
+    return nullWhenOutOfMemory([&] {
+        const std::string text = utf8Of(uuidStr);
+        const auto bytes = text.size() == kTextLength ? parse(text) : std::nullopt;
+        return bytes.has_value() ? createUUID(alloc, bytesOf(*bytes)) : nullptr;
+    });
 }
 
 CFStringRef CFUUIDCreateString(CFAllocatorRef alloc, CFUUIDRef uuid) {
     requireType(uuid, kUUIDTypeID, __func__);
-    return CFStringCreateWithCString(alloc, textOf(uuid->bytes).c_str(), kCFStringEncodingASCII);
+    return nullWhenOutOfMemory([&] {
+        return CFStringCreateWithCString(alloc, textOf(uuid->bytes).c_str(),
+                                         kCFStringEncodingASCII);
+    });
 }
 
 CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid) {

@@ -3,6 +3,9 @@
 
 #include "corefoundation/CFInternal.hpp"
 
+#include <exception>
+#include <new>
+
 namespace CFInternal {
 
 // Aborts with the message unless the condition holds.
@@ -11,6 +14,48 @@ inline void require(bool condition, const char *function, const char *message) n
         fatal(function, message);
     }
 }
+
+// For functions that change an object, which have no result to say it with: throws
+// std::bad_alloc unless memory was there.
+inline void requireMemory(bool granted) {
+    if (!granted) [[unlikely]] {
+        throw std::bad_alloc();
+    }
+}
+
+// What create makes, or null when memory runs out in it: the result that functions named
+// Create or Copy promise. Objects made on the way must be held by owners.
+template <class Create>
+auto nullWhenOutOfMemory(Create create) noexcept -> decltype(create()) {
+    try {
+        return create();
+    } catch (const std::exception &) { // bad_alloc, or length_error of standard containers
+        return nullptr;
+    }
+}
+
+// Releases an object at the end of the scope, unless it is taken.
+template <class Ref>
+class Owner {
+  public:
+    explicit Owner(Ref object) noexcept : object_(object) {}
+    Owner(const Owner &) = delete;
+    Owner &operator=(const Owner &) = delete;
+    ~Owner() {
+        if (object_ != nullptr) {
+            CFRelease(object_);
+        }
+    }
+    Ref get() const noexcept { return object_; }
+    Ref take() noexcept {
+        const Ref object = object_;
+        object_ = nullptr;
+        return object;
+    }
+
+  private:
+    Ref object_;
+};
 
 // Whether the range lies within 0 ... count; computed without overflow.
 constexpr bool isRangeWithin(CFRange range, CFIndex count) noexcept {

@@ -1,6 +1,7 @@
 #include "corefoundation/Description.hpp"
 
 #include "corefoundation/CFInternal.hpp"
+#include "corefoundation/Checks.hpp"
 
 #include <CoreFoundation/CFString.h>
 
@@ -17,7 +18,7 @@ constexpr std::size_t kMaximumDepth = 16;
 constexpr std::size_t kMaximumValues = 5000;
 // Of members together, each level anew, beyond which no further ones are shown: thousands may
 // share one long text.
-constexpr std::size_t kMaximumSize = 16 * 1024 * 1024;
+constexpr std::size_t kMaximumSize = 1024 * 1024;
 
 struct Progress {
     std::array<CFTypeRef, kMaximumDepth> containers;
@@ -152,13 +153,9 @@ std::string describeValue(const void *value, CopyDescriptionFunction copyDescrip
     if (copyDescription == CFCopyDescription && typeIDOf(value) == kStringTypeID) {
         return counted(quoted(utf8Of(static_cast<CFStringRef>(value))));
     }
-    CFStringRef description = copyDescription(value);
-    if (description == nullptr) {
-        return addressText(value);
-    }
-    const std::string text = utf8Of(description);
-    CFRelease(description);
-    return counted(indented(text));
+    const Owner description(copyDescription(value));
+    return description.get() == nullptr ? addressText(value)
+                                        : counted(indented(utf8Of(description.get())));
 }
 
 } // namespace CFInternal

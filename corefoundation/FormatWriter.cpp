@@ -2,6 +2,7 @@
 
 #include "corefoundation/CFInternal.hpp"
 #include "corefoundation/CLocale.hpp"
+#include "corefoundation/Checks.hpp"
 #include "corefoundation/FormatParser.hpp"
 #include "corefoundation/StringStorage.hpp"
 #include "corefoundation/TextEncoding.hpp"
@@ -226,9 +227,7 @@ class Writer {
         char shortText[128];
         const int size = std::snprintf(shortText, sizeof(shortText), format.c_str(), piece.width,
                                        precision, value);
-        if (size < 0) {
-            fatal("CFStringCreateWithFormat", "out of memory");
-        }
+        requireMemory(size >= 0);
         const auto length = static_cast<std::size_t>(size);
         if (length < sizeof(shortText)) {
             output_.append(narrowView(shortText, length));
@@ -268,9 +267,9 @@ class Writer {
             writeCut(piece, narrowView("(null)", 6));
             return;
         }
-        CFStringRef text = copyFormattingDescription(object, options_);
-        writeCut(piece, textOf(text, "CFStringCreateWithFormat"));
-        CFRelease(text);
+        const Owner text(copyFormattingDescription(object, options_));
+        requireMemory(text.get() != nullptr);
+        writeCut(piece, textOf(text.get(), "CFStringCreateWithFormat"));
     }
 
     void writeBytes(const FormatPiece &piece, const char *bytes) {
@@ -345,10 +344,10 @@ class Writer {
 void appendFormat(TextBuffer &output, CFDictionaryRef formatOptions, const TextView &format,
                   va_list arguments) {
     const ParsedFormat parsed = parseFormat(format);
-    ArgumentList list;
-    va_copy(list.list, arguments);
     std::vector<Argument> values;
     values.reserve(parsed.arguments.size());
+    ArgumentList list;
+    va_copy(list.list, arguments);
     for (const ArgumentKind kind : parsed.arguments) {
         values.push_back(fetch(kind, list));
     }

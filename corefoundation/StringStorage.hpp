@@ -68,6 +68,8 @@ inline void requireRange(const TextView &text, CFRange range, const char *functi
     }
 }
 
+// All empty immutable strings are this one, which takes no memory.
+CFStringRef retainedEmptyString() noexcept;
 // New strings; null when memory is out. Text that turns out to be ASCII is stored narrow.
 CFStringRef createString(CFAllocatorRef allocator, const TextView &text);
 // A new string whose units the caller fills in through *units before anybody sees it:

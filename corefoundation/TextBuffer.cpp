@@ -1,6 +1,7 @@
 #include "corefoundation/TextBuffer.hpp"
 
 #include "corefoundation/CFInternal.hpp"
+#include "corefoundation/Checks.hpp"
 
 #include <algorithm>
 #include <array>
@@ -111,9 +112,7 @@ void TextBuffer::moveTo(CFIndex bytes) {
     const bool owned = data_ != scratch_ || data_ == nullptr;
     void *moved = owned ? CFAllocatorReallocate(allocator_, data_, bytes, 0)
                         : CFAllocatorAllocate(allocator_, bytes, 0);
-    if (moved == nullptr) {
-        fatal("CFString", "out of memory");
-    }
+    requireMemory(moved != nullptr);
     if (!owned) {
         std::memcpy(moved, data_, view().byteSize());
     }

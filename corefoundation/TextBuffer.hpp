@@ -7,7 +7,8 @@
 namespace CFInternal {
 
 // Growing text, one byte a unit until the first one beyond ASCII arrives. The contents
-// of mutable strings and the work space of the formatter. Running out of memory aborts.
+// of mutable strings and the work space of the formatter. Out of memory it throws
+// std::bad_alloc.
 class TextBuffer {
   public:
     // Memory comes from the allocator, which must outlive the buffer.

@@ -3,6 +3,7 @@
 #include "KVFile.h"
 #include "Kelvane/Error.hpp"
 #include "Kelvane/SharedState.hpp"
+#include "filestore/KVFileClass.hpp"
 #include "filestore/ReferenceCounts.hpp"
 #include "foundation/Boundary.hpp"
 #include "support/cf/UUID.hpp"
@@ -11,7 +12,9 @@
 
 #include <boost/filesystem/operations.hpp>
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 namespace Kelvane::FileManager {
@@ -20,11 +23,19 @@ const std::uint64_t kDefaultMaxMemorySize = 4194304;
 
 namespace {
 
+// Finds a key without making a string of it: files are let go of when memory is out too.
+struct KeyHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view key) const noexcept {
+        return std::hash<std::string_view>()(key);
+    }
+};
+
 // Guarded by the shared mutex. Never destroyed: hosts may release files during exit.
 struct ManagerState {
     std::uint64_t maxMemorySize = kDefaultMaxMemorySize;
     // Live references by the bytes of their reference hash; only counts above 0 are kept.
-    std::unordered_map<std::string, std::uint32_t> refcountByHash;
+    std::unordered_map<std::string, std::uint32_t, KeyHash, std::equal_to<>> refcountByHash;
 };
 
 ManagerState &managerState() {
@@ -32,7 +43,10 @@ ManagerState &managerState() {
     return *state;
 }
 
-std::string keyOf(const std::vector<std::uint8_t> &hash) { return {hash.begin(), hash.end()}; }
+// Borrowed.
+std::string_view keyOf(const std::vector<std::uint8_t> &hash) {
+    return {reinterpret_cast<const char *>(hash.data()), hash.size()};
+}
 
 ZK::filesystem::path join(const ZK::filesystem::path &directory, const CF::String &name) {
     return directory / name.GetUTF8();
@@ -98,14 +112,14 @@ KVFileClass *CopyCachedFileReference(const ZK::filesystem::path &path,
 }
 
 void RegisterReferenceForFile(const KVFileClass *file) {
-    const std::string key = keyOf(KVFileGetReferenceHash(requireFile(file)));
+    const std::string key(keyOf(requireFile(file)->referenceHash));
     const std::lock_guard lock(SharedMutex());
     ++managerState().refcountByHash[key];
 }
 
 void DeregisterReferenceForFile(const KVFileClass *file) {
-    const std::vector<std::uint8_t> hash = KVFileGetReferenceHash(requireFile(file));
-    const std::string key = keyOf(hash);
+    const std::vector<std::uint8_t> &hash = requireFile(file)->referenceHash;
+    const std::string_view key = keyOf(hash);
     {
         const std::lock_guard lock(SharedMutex());
         auto &counts = managerState().refcountByHash;

@@ -8,6 +8,8 @@
 #include "support/zk/Log.hpp"
 #include "support/zk/Math.hpp"
 
+#include <new>
+
 const unsigned long kKVFileDefaultDataChunkSize = 32768;
 
 namespace {
@@ -39,6 +41,14 @@ CF::String describe(const KVFileClass &file) {
                               file.modifiedDate.get());
 }
 
+void logFailure(const CF::Error &error) noexcept {
+    try {
+        ZLLogError(error.get(), Kelvane::GetLogDomain(), nullptr);
+    } catch (const std::bad_alloc &) {
+        // Without memory there is no log.
+    }
+}
+
 CFStringRef copyDebugDescription(CFTypeRef object) { return describe(*asFile(object)).detach(); }
 
 CFStringRef copyFormattingDescription(CFTypeRef object, CFDictionaryRef) {
@@ -58,7 +68,9 @@ KVFileClass::~KVFileClass() {
     try {
         Kelvane::FileManager::DeregisterReferenceForFile(this);
     } catch (const CF::Error &error) {
-        ZLLogError(error.get(), Kelvane::GetLogDomain(), nullptr);
+        logFailure(error);
+    } catch (const std::bad_alloc &) {
+        // Nobody registered it, and there is no memory to say so.
     }
 }
 

@@ -7,6 +7,7 @@
 #include "foundation/Boundary.hpp"
 #include "support/cf/Data.hpp"
 #include "support/cf/UUID.hpp"
+#include "support/zk/OpenSSL.hpp"
 
 #include <boost/system/system_error.hpp>
 
@@ -19,6 +20,7 @@ namespace FileManager = Kelvane::FileManager;
 constexpr std::size_t kSHA1Size = 20;
 
 Kelvane::DigestContext beginDigest() {
+    ZK::Encryption::detail::RequireLibrary();
     Kelvane::DigestContext digest(EVP_MD_CTX_new());
     if (digest == nullptr) {
         throw Error(kKVErrorUnknown, nullptr, CFSTR("Failed to create digest context"));

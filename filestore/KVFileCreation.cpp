@@ -99,7 +99,7 @@ KVFileClass *_KVFileCreateFromAbsolutePath(CFStringRef path, const std::vector<s
             file.get()->modifiedDate = facts.modified;
             // A copy: the caller's string may be a mutable one.
             file.get()->localPath =
-                CF::String::Adopt(CFStringCreateCopy(kCFAllocatorDefault, path));
+                CF::String::Adopt(CF::Made(CFStringCreateCopy(kCFAllocatorDefault, path)));
             file.get()->hash = hash;
             if (alsoReference != 0) {
                 file.get()->referenceHash = hash;
@@ -121,8 +121,8 @@ KVFileClass *KVFileCreateFromData(CFDataRef data, CFErrorRef *error) {
 }
 
 KVFileClass *KVFileCreateFromData(const std::vector<std::uint8_t> &bytes, CFErrorRef *error) {
-    const auto data = CF::Data::Adopt(CFDataCreateWithBytesNoCopy(
-        kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()), kCFAllocatorNull));
+    const auto data = CF::Data::Adopt(CF::Made(CFDataCreateWithBytesNoCopy(
+        kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()), kCFAllocatorNull)));
     return KVFileCreateFromData(data.get(), error);
 }
 

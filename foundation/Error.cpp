@@ -74,8 +74,8 @@ CF::Error Error(KVError code, const CF::Error &underlying, const CF::String &rea
     if (isFriendly(code)) {
         info.Set(kCFErrorIsFriendlyKey, kCFBooleanTrue);
     }
-    return CF::Error::Adopt(
-        CFErrorCreate(kCFAllocatorDefault, kKVErrorDomain, static_cast<CFIndex>(code), info.get()));
+    return CF::Error::Adopt(CF::Made(CFErrorCreate(kCFAllocatorDefault, kKVErrorDomain,
+                                                   static_cast<CFIndex>(code), info.get())));
 }
 
 CF::Error MakeFSError(const std::exception &exception, const ZK::filesystem::path &path) {
@@ -86,8 +86,8 @@ CF::Error MakeFSError(const std::exception &exception, const ZK::filesystem::pat
 CF::Error MakeFSError(int errnum, const CF::String &format, const char *argument) {
     CF::Error underlying;
     if (errnum != 0) {
-        underlying =
-            CF::Error::Adopt(CFErrorCreatePOSIXError(kCFAllocatorDefault, errnum, nullptr));
+        underlying = CF::Error::Adopt(
+            CF::Made(CFErrorCreatePOSIXError(kCFAllocatorDefault, errnum, nullptr)));
     }
     return Error(kKVErrorFilesystem, underlying, format, argument);
 }

@@ -2,6 +2,7 @@
 // object header, constructed and destroyed in place by the runtime's callbacks.
 #pragma once
 
+#include "support/cf/Pointer.hpp"
 #include "support/zk/Abort.hpp"
 
 #include <CoreFoundation/CFRuntime.h>
@@ -64,10 +65,10 @@ struct RuntimeBody {
         return record;
     }
 
-    // A new instance that the caller owns.
+    // A new instance that the caller owns. Throws std::bad_alloc.
     static Body *Create(CFAllocatorRef allocator, CFTypeID typeID) {
         constexpr auto extra = static_cast<CFIndex>(sizeof(Body) - sizeof(CFRuntimeBase));
-        CFTypeRef object = _CFRuntimeCreateInstance(allocator, typeID, extra, nullptr);
+        CFTypeRef object = CF::Made(_CFRuntimeCreateInstance(allocator, typeID, extra, nullptr));
         return static_cast<Body *>(const_cast<void *>(object));
     }
 };

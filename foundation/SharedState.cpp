@@ -84,7 +84,7 @@ Boolean KelvaneSetTemporaryPath(CFStringRef path) {
         return false;
     }
     // A copy: the caller's string may be a mutable one.
-    state.path = CF::String::Adopt(CFStringCreateCopy(kCFAllocatorDefault, wanted.get()));
+    state.path = CF::String::Adopt(CF::Made(CFStringCreateCopy(kCFAllocatorDefault, wanted.get())));
     state.filesystemPath = utf8;
     return true;
 }
@@ -92,6 +92,7 @@ Boolean KelvaneSetTemporaryPath(CFStringRef path) {
 CFMutableStringRef KelvaneCopyTemporaryPath(void) {
     const SharedState &state = sharedState();
     const std::lock_guard lock(Kelvane::SharedMutex());
-    return state.path ? CFStringCreateMutableCopy(kCFAllocatorDefault, 0, state.path.get())
-                      : nullptr;
+    return state.path
+               ? CF::Made(CFStringCreateMutableCopy(kCFAllocatorDefault, 0, state.path.get()))
+               : nullptr;
 }

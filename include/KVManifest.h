@@ -51,7 +51,8 @@ KV_EXPORT CFArrayRef KVManifestGetEntries(KVManifestClass *manifest);
  * they are. A null array is an empty one. */
 KV_EXPORT void KVManifestUpdateEntries(KVManifestClass *manifest, CFArrayRef entries);
 
-/* The sum of the sizes of all entries, in bytes; directories and links count too. */
+/* The sum of the sizes of all entries, in bytes; directories and links count too. Sizes come
+ * from outside and may be anything: of a sum beyond 64 bits, the nearest number. */
 KV_EXPORT int64_t KVManifestGetTotalFileSize(KVManifestClass *manifest);
 
 /* The number of entries that are files (KVManifestEntryIsFile). */
@@ -107,19 +108,19 @@ KVManifestGetEntryMatchingPath(KVManifestClass *manifest, CFStringRef domain, CF
  * lines. What a row's record does not have is an empty field; digests and keys are base64.
  *
  * Lines are compared by UTF-16 code units. Numbers are decimal; an inode number from 2^63 on
- * shows as negative. Extended attributes are CFCopyDescription's text of them, for people.
+ * shows as negative. Extended attributes are CFCopyDescription's text of them, for people,
+ * which leaves out what is beyond a megabyte. Lone surrogates, which have no form in UTF-8,
+ * stand in the text as they are.
  *
  * The file is read through a private copy under the temporary path, and the lines are sorted
  * in a file beside it; both are gone at the end. Memory is needed for the text itself, once,
- * and some 32 bytes a row. The caller releases the text. Null with code 11 "Failed to parse
- * records from manifest database" over the cause:
- *   code 1   the text is too large for memory
- *   code 2   no temporary path was set
- *   code 3   one of these files fails
- *   code 13  what SQLite reports; a null path has no table Files
- *   code 24  a row without a valid record ("Missing or invalid MBFile structure"),
- *            placeholder rows among them, or with texts that are not UTF-8: one such row
- *            fails the whole dump */
+ * and some 32 bytes a row (20 more while rows are sorted whose file IDs begin alike). The caller
+ * releases the text. Null with code 11 "Failed to parse records from manifest database" over the
+ * cause: code 1   the text is too large for memory code 2   no temporary path was set code 3   one
+ * of these files fails code 13  what SQLite reports; a null path has no table Files code 24  a row
+ * without a valid record ("Missing or invalid MBFile structure"), placeholder rows among them, or
+ * with texts that are not UTF-8: one such row fails the whole dump code 24  "The text would be far
+ * larger than the database": more than 16 times, which takes records made to fill memory */
 KV_EXPORT CFStringRef KVManifestDBCopyCSVRepresentation(CFStringRef databasePath,
                                                         CFErrorRef *error);
 

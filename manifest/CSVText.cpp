@@ -16,9 +16,9 @@ void CopyUnits(CFStringRef text, std::u16string &units) {
 }
 
 CF::String StringOf(std::u16string_view units) {
-    return CF::String::Adopt(CFStringCreateWithCharacters(
+    return CF::String::Adopt(CF::Made(CFStringCreateWithCharacters(
         kCFAllocatorDefault, reinterpret_cast<const UniChar *>(units.data()),
-        static_cast<CFIndex>(units.size())));
+        static_cast<CFIndex>(units.size()))));
 }
 
 } // namespace

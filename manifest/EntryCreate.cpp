@@ -74,7 +74,7 @@ KVManifestEntryClass *KVManifestEntryCreateForFile(CFAllocatorRef allocator, KVF
         auto entry = makeEntry(allocator, kNewFile, domain, relativePath);
         if (encryptionData != nullptr) {
             entry.get()->encryptionData =
-                CF::Adopt(CFDataCreateCopy(kCFAllocatorDefault, encryptionData));
+                CF::Adopt(CF::Made(CFDataCreateCopy(kCFAllocatorDefault, encryptionData)));
         }
         adoptContent(*entry.get(), file);
         return entry.detach();
@@ -92,7 +92,7 @@ KVManifestEntryClass *KVManifestEntryCreateForSymlink(CFAllocatorRef allocator, 
                                                       CFStringRef target) {
     auto entry = makeEntry(allocator, kNewSymlink, domain, relativePath);
     if (target != nullptr) {
-        entry.get()->target = CF::Adopt(CFStringCreateCopy(kCFAllocatorDefault, target));
+        entry.get()->target = CF::Adopt(CF::Made(CFStringCreateCopy(kCFAllocatorDefault, target)));
     }
     return entry.detach();
 }

@@ -36,8 +36,8 @@ CFStringRef KVManifestEntryCopyFileIDForPath(CFStringRef domain, CFStringRef rel
         hex[at++] = static_cast<std::uint8_t>(kDigits[byte >> 4]);
         hex[at++] = static_cast<std::uint8_t>(kDigits[byte & 0xF]);
     }
-    return CFStringCreateWithBytes(kCFAllocatorDefault, hex.data(), hex.size(),
-                                   kCFStringEncodingASCII, false);
+    return CF::Made(CFStringCreateWithBytes(kCFAllocatorDefault, hex.data(), hex.size(),
+                                            kCFStringEncodingASCII, false));
 }
 
 namespace Kelvane {

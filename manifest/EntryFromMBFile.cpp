@@ -32,17 +32,17 @@ void fillNumbers(KVManifestEntryClass &entry, const Record &record) {
 
 void fillText(CF::Pointer<CFStringRef> &field, const MBFileView::Text &text) {
     if (!text.bytes.empty()) {
-        field = CF::Adopt(CFStringCreateWithBytes(
+        field = CF::Adopt(CF::Made(CFStringCreateWithBytes(
             kCFAllocatorDefault, text.bytes.data(), static_cast<CFIndex>(text.bytes.size()),
-            text.utf16 ? kCFStringEncodingUTF16BE : kCFStringEncodingASCII, false));
+            text.utf16 ? kCFStringEncodingUTF16BE : kCFStringEncodingASCII, false)));
     }
 }
 
 template <class Ref>
 void fillData(CF::Pointer<Ref> &field, std::span<const std::uint8_t> bytes) {
     if (!bytes.empty()) {
-        field = CF::Adopt<Ref>(
-            CFDataCreate(kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size())));
+        field = CF::Adopt<Ref>(CF::Made(
+            CFDataCreate(kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()))));
     }
 }
 
@@ -64,7 +64,7 @@ void fillAttributes(KVManifestEntryClass &entry, const CF::Dictionary &attribute
         }
     });
     const auto copy = [](const CF::Dictionary &dictionary) {
-        return CF::Adopt(CFDictionaryCreateCopy(kCFAllocatorDefault, dictionary.get()));
+        return CF::Adopt(CF::Made(CFDictionaryCreateCopy(kCFAllocatorDefault, dictionary.get())));
     };
     if (shown.GetCount() > 0) {
         entry.properties = copy(shown);
@@ -94,8 +94,8 @@ void fill(KVManifestEntryClass &entry, const MB::File &record) {
 }
 
 MB::File decodeGenerally(std::span<const std::uint8_t> bytes) {
-    const auto data = CF::Data::Adopt(CFDataCreateWithBytesNoCopy(
-        kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()), kCFAllocatorNull));
+    const auto data = CF::Data::Adopt(CF::Made(CFDataCreateWithBytesNoCopy(
+        kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()), kCFAllocatorNull)));
     const auto archive = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(data);
     auto record = ZK::extract_keyed_archive<MB::File>(archive);
     if (!record) {
@@ -136,13 +136,15 @@ EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fil
     KVManifestEntryClass &body = *entry.get();
     try {
         fillFromBytes(body, record);
+    } catch (const std::bad_alloc &) {
+        throw; // says nothing about the record
     } catch (const std::exception &exception) {
         logFailure(exception.what());
         return nullptr;
     }
     SetEntryPath(body, domain, relativePath);
     if (fileID != nullptr) {
-        SetFileID(body, CF::Adopt(CFStringCreateCopy(kCFAllocatorDefault, fileID)));
+        SetFileID(body, CF::Adopt(CF::Made(CFStringCreateCopy(kCFAllocatorDefault, fileID))));
     }
     body.fileType = fileTypeOf(flags);
     body.getFileFunc = loader;

@@ -100,8 +100,8 @@ void KVManifestUpdateEntries(KVManifestClass *manifest, CFArrayRef entries) {
     Kelvane::EntryTable updated;
     if (entries != nullptr) {
         // Costs nothing for an immutable array, which is shared instead of copied.
-        updated =
-            Kelvane::EntryTable(CF::Array::Adopt(CFArrayCreateCopy(kCFAllocatorDefault, entries)));
+        updated = Kelvane::EntryTable(
+            CF::Array::Adopt(CF::Made(CFArrayCreateCopy(kCFAllocatorDefault, entries))));
     }
     manifest->entries = std::move(updated);
     manifest->tables.Clear();

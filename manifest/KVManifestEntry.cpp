@@ -27,8 +27,8 @@ CF::Pointer<CFStringRef> lastComponent(const CF::Pointer<CFStringRef> &path) {
         return path;
     }
     const CFIndex start = slash.location + 1;
-    return CF::Adopt(CFStringCreateWithSubstring(kCFAllocatorDefault, path.get(),
-                                                 CFRangeMake(start, length - start)));
+    return CF::Adopt(CF::Made(CFStringCreateWithSubstring(kCFAllocatorDefault, path.get(),
+                                                          CFRangeMake(start, length - start))));
 }
 
 template <class T>
@@ -40,7 +40,7 @@ void storeIfWanted(T *destination, T value) {
 
 void storeDateIfWanted(CFDateRef *destination, CFAbsoluteTime time) {
     if (destination != nullptr) {
-        *destination = CFDateCreate(kCFAllocatorDefault, time);
+        *destination = CF::Made(CFDateCreate(kCFAllocatorDefault, time));
     }
 }
 
@@ -85,9 +85,9 @@ CFStringRef KVManifestEntryGetDeviceFilename(const KVManifestEntryClass *entry) 
 
 CFStringRef KVManifestEntryGetDomainPathPair(const KVManifestEntryClass *entry) {
     if (!entry->domainPathPair) {
-        entry->domainPathPair =
-            CF::Adopt(CFStringCreateWithFormat(kCFAllocatorDefault, nullptr, CFSTR("%@-%@"),
-                                               entry->domain.get(), entry->relativePath.get()));
+        entry->domainPathPair = CF::Adopt(
+            CF::Made(CFStringCreateWithFormat(kCFAllocatorDefault, nullptr, CFSTR("%@-%@"),
+                                              entry->domain.get(), entry->relativePath.get())));
     }
     return entry->domainPathPair.get();
 }

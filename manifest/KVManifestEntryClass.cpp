@@ -15,7 +15,7 @@ constexpr char kClassName[] = "KVManifestEntry";
 CF::String propertiesText(const KVManifestEntryClass &entry) {
     const auto description = CF::String::Adopt(CFCopyDescription(entry.properties.get()));
     const CF::Pointer<CFMutableStringRef> text(
-        CF::adopt, CFStringCreateMutableCopy(kCFAllocatorDefault, 0, description.get()));
+        CF::adopt, CF::Made(CFStringCreateMutableCopy(kCFAllocatorDefault, 0, description.get())));
     CFStringFindAndReplace(text.get(), CFSTR("\n"), CFSTR("\t"),
                            CFRangeMake(0, CFStringGetLength(text.get())), 0);
     return CF::String(text.get());
@@ -98,8 +98,8 @@ EntryPointer AllocateEntry(CFAllocatorRef allocator) {
 void SetEntryPath(KVManifestEntryClass &entry, CFStringRef domain, CFStringRef relativePath) {
     // A copy of an immutable string is the string itself.
     const auto immutable = [](CFStringRef string) {
-        return CF::Adopt(
-            CFStringCreateCopy(kCFAllocatorDefault, string == nullptr ? EmptyString() : string));
+        return CF::Adopt(CF::Made(
+            CFStringCreateCopy(kCFAllocatorDefault, string == nullptr ? EmptyString() : string)));
     };
     entry.domain = immutable(domain);
     entry.relativePath = immutable(relativePath);

@@ -56,8 +56,9 @@ ZK::filesystem::path MakeBaseDirectory() {
 
 std::string NewWorkingPath() {
     static const ZK::filesystem::path base = MakeBaseDirectory();
-    const auto uuid = CF::Adopt(CFUUIDCreate(kCFAllocatorDefault));
-    const auto name = CF::String::Adopt(CFUUIDCreateString(kCFAllocatorDefault, uuid.get()));
+    const auto uuid = CF::Adopt(CF::Made(CFUUIDCreate(kCFAllocatorDefault)));
+    const auto name =
+        CF::String::Adopt(CF::Made(CFUUIDCreateString(kCFAllocatorDefault, uuid.get())));
     return (base / name.GetUTF8()).string();
 }
 

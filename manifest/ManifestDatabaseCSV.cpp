@@ -16,10 +16,14 @@
 #include "support/zk/Log.hpp"
 #include "support/zk/Math.hpp"
 
+#include <boost/filesystem/operations.hpp>
+#include <boost/system/system_error.hpp>
+
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <new>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -34,6 +38,12 @@ constexpr std::u16string_view kHeader =
     uR"("fileID","domain","relativePath","fileTypeFlags","relativePath2","target","digest",)"
     uR"("encryptionKey","mode","inodeNumber","userID","groupID","lastModified",)"
     uR"("lastStatusChange","birth","size","protectionClass","extendedAttributes")";
+
+// Texts of devices' records are as long as the database, or shorter. Only records whose
+// attributes refer to one value over and over come to more than this.
+constexpr std::uint64_t kUnitsPerByte = 16;
+// A small database may have a few odd records.
+constexpr std::uint64_t kUnitsOfAnyDump = std::uint64_t{1} << 20;
 
 std::span<const std::uint8_t> BytesOf(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
@@ -100,8 +110,8 @@ void AddRecord(CSVLine &line, const Record &record) {
 }
 
 MB::File DecodeRecord(std::span<const std::uint8_t> bytes) {
-    const auto data = CF::Data::Adopt(CFDataCreateWithBytesNoCopy(
-        kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()), kCFAllocatorNull));
+    const auto data = CF::Data::Adopt(CF::Made(CFDataCreateWithBytesNoCopy(
+        kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()), kCFAllocatorNull)));
     const auto archive = CF::PropertyListType<CF::Dictionary>::FromPropertyListData(data);
     auto record = archive ? ZK::extract_keyed_archive<MB::File>(archive) : std::nullopt;
     if (!record) {
@@ -121,22 +131,37 @@ void FormatRow(CSVLine &line, const ManifestRow &row) {
     }
 }
 
+[[noreturn]] void ThrowTooLarge() {
+    throw Error(kKVErrorUnknown, nullptr, "The text is too large for memory");
+}
+
+std::uint64_t MostUnits(const std::string &path) {
+    try {
+        return kUnitsPerByte * boost::filesystem::file_size(path) + kUnitsOfAnyDump;
+    } catch (const boost::system::system_error &exception) {
+        throw MakeFSError(exception, path);
+    }
+}
+
 void CollectLines(ManifestDB &database, SortedLines &lines) {
+    const std::uint64_t mostUnits = MostUnits(database.GetLocalPath().GetUTF8());
     ManifestRows rows(database);
     ManifestRow row;
     CSVLine line;
     while (rows.Next(row)) {
         try {
             FormatRow(line, row);
+        } catch (const std::bad_alloc &) {
+            throw; // says nothing about the row
         } catch (const std::exception &exception) {
             throw Error(kKVErrorInvalidMBFile, nullptr, CFSTR("%s"), exception.what());
         }
+        if (lines.UnitCount() + line.Units().size() > mostUnits) {
+            throw Error(kKVErrorInvalidMBFile, nullptr,
+                        "The text would be far larger than the database");
+        }
         lines.Add(line.Units());
     }
-}
-
-[[noreturn]] void ThrowTooLarge() {
-    throw Error(kKVErrorUnknown, nullptr, "The text is too large for memory");
 }
 
 struct Free {
@@ -186,10 +211,11 @@ CF::String DumpDatabase(ManifestDB &database) {
 // A working copy that goes when it has been read.
 class WorkingCopy {
   public:
-    explicit WorkingCopy(CFStringRef path) : database_(CF::String(path)) {}
+    explicit WorkingCopy(CFStringRef path)
+        : database_(CF::String(path)), localPath_(database_.GetLocalPath().GetUTF8()) {}
     ~WorkingCopy() {
         database_.Close();
-        RemoveManifestDatabaseFile(database_.GetLocalPath().GetUTF8());
+        RemoveManifestDatabaseFile(localPath_);
     }
     WorkingCopy(const WorkingCopy &) = delete;
     WorkingCopy &operator=(const WorkingCopy &) = delete;
@@ -197,6 +223,7 @@ class WorkingCopy {
 
   private:
     ManifestDB database_;
+    std::string localPath_; // there may be no memory to ask for it
 };
 
 // A host in C can be told of an error, but not of an exception.

@@ -10,10 +10,11 @@
 #include "support/cf/Number.hpp"
 #include "support/zk/UniqueDescriptor.hpp"
 
-#include <boost/filesystem/operations.hpp>
-
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <vector>
 
 #include <fcntl.h>
@@ -77,14 +78,14 @@ void FillDatabase(KVManifestClass *manifest, ManifestDB &database) {
 // What SQLite keeps beside a database while it is in use.
 constexpr const char *kCompanionSuffixes[] = {"-wal", "-shm", "-journal"};
 
-void RemoveFile(const std::string &path) noexcept {
-    boost::system::error_code ignored;
-    boost::filesystem::remove(path, ignored);
-}
-
-void RemoveCompanions(const std::string &path) {
+// Without memory, for which there may be none. A longer name than fits cannot be a file's.
+void RemoveCompanions(const std::string &path) noexcept {
     for (const char *const suffix : kCompanionSuffixes) {
-        RemoveFile(path + suffix);
+        std::array<char, PATH_MAX> name{};
+        const int length = std::snprintf(name.data(), name.size(), "%s%s", path.c_str(), suffix);
+        if (length > 0 && static_cast<std::size_t>(length) < name.size()) {
+            std::remove(name.data());
+        }
     }
 }
 
@@ -115,9 +116,9 @@ class Witness {
 };
 
 // Closes the database first: SQLite would write to what is removed under it.
-void Discard(ManifestDB &database) {
+void Discard(ManifestDB &database, const std::string &path) noexcept {
     database.Close();
-    RemoveManifestDatabaseFile(database.GetLocalPath().GetUTF8());
+    RemoveManifestDatabaseFile(path);
 }
 
 } // namespace
@@ -132,7 +133,7 @@ std::string WriteManifestDatabaseFile(KVManifestClass *manifest, KVManifestDataV
         database.Close();
         witness.RequireWritten();
     } catch (...) {
-        Discard(database);
+        Discard(database, path);
         throw;
     }
     // All rows are in the database itself by now, so an empty log is all that can be left.
@@ -141,7 +142,7 @@ std::string WriteManifestDatabaseFile(KVManifestClass *manifest, KVManifestDataV
 }
 
 void RemoveManifestDatabaseFile(const std::string &path) noexcept {
-    RemoveFile(path);
+    std::remove(path.c_str());
     RemoveCompanions(path);
 }
 

@@ -106,13 +106,14 @@ void CollectRows(ManifestDB &database, const KVProgressFunction &progress,
 // the plaintext of one that lies encrypted elsewhere, and nobody learns of its path.
 class WorkingCopy {
   public:
-    explicit WorkingCopy(std::unique_ptr<ManifestDB> database) : database_(std::move(database)) {}
+    explicit WorkingCopy(std::unique_ptr<ManifestDB> database)
+        : database_(std::move(database)), localPath_(database_->GetLocalPath().GetUTF8()) {}
     WorkingCopy(const WorkingCopy &) = delete;
     WorkingCopy &operator=(const WorkingCopy &) = delete;
     ~WorkingCopy() {
         if (!kept_) {
             database_->Close();
-            RemoveManifestDatabaseFile(database_->GetLocalPath().GetUTF8());
+            RemoveManifestDatabaseFile(localPath_);
         }
     }
     ManifestDB &Database() noexcept { return *database_; }
@@ -120,6 +121,7 @@ class WorkingCopy {
 
   private:
     std::unique_ptr<ManifestDB> database_;
+    std::string localPath_; // there may be no memory to ask for it
     bool kept_ = false;
 };
 

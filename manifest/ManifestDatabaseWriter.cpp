@@ -20,7 +20,7 @@ constexpr std::size_t kMaximumDatabaseSize = 104857600;
 
 // The whole file; only part of it when an error is left.
 CF::Data ReadWhole(ZK::file::readable_file &file, boost::system::error_code &error) {
-    const auto bytes = CF::Data::Adopt(CFDataCreateMutable(kCFAllocatorDefault, 0));
+    const auto bytes = CF::Data::Adopt(CF::Made(CFDataCreateMutable(kCFAllocatorDefault, 0)));
     auto *const destination = const_cast<CFMutableDataRef>(bytes.get());
     std::vector<std::uint8_t> buffer(1024 * 1024);
     while (const std::size_t count = file.read_some(buffer, error)) {

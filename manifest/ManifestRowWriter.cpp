@@ -3,7 +3,6 @@
 #include "manifest/DatabaseGuard.hpp"
 
 #include <SQLiteCpp/Database.h>
-#include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
 
 #include <climits>
@@ -54,20 +53,28 @@ void BindData(SQLite::Statement &statement, int index, std::span<const std::uint
 ManifestRowWriter::ManifestRowWriter(ManifestDB &database)
     : database_(RequireOpen(database.database_.get())) {}
 
-ManifestRowWriter::~ManifestRowWriter() = default;
+// Through SQLite itself: the wrapper makes an exception of a failure, for which there may be no
+// memory.
+ManifestRowWriter::~ManifestRowWriter() {
+    insert_.reset();
+    if (inTransaction_) {
+        sqlite3_exec(database_.getHandle(), "ROLLBACK;", nullptr, nullptr, nullptr);
+    }
+}
 
 void ManifestRowWriter::Begin() {
     WithDatabaseErrors([&] {
         database_.exec(kCachePragma);
-        transaction_ = std::make_unique<SQLite::Transaction>(database_);
+        database_.exec("BEGIN TRANSACTION;");
+        inTransaction_ = true;
     });
 }
 
 void ManifestRowWriter::Commit() {
     WithDatabaseErrors([&] {
         insert_.reset();
-        transaction_->commit();
-        transaction_.reset();
+        database_.exec("COMMIT TRANSACTION;");
+        inTransaction_ = false;
         // Rows still stand in the write-ahead log. Closing would move them too, but
         // without telling whether it could.
         SQLite::Statement checkpoint(database_, "PRAGMA wal_checkpoint(TRUNCATE);");

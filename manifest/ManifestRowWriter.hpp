@@ -10,10 +10,6 @@
 #include <span>
 #include <string>
 
-namespace SQLite {
-class Transaction;
-}
-
 namespace Kelvane {
 
 // Keeps the statement prepared between rows.
@@ -41,7 +37,7 @@ class ManifestRowWriter {
     void BindText(int index, CFStringRef text, std::string &utf8);
 
     SQLite::Database &database_;
-    std::unique_ptr<SQLite::Transaction> transaction_;
+    bool inTransaction_ = false;
     std::unique_ptr<SQLite::Statement> insert_;
     // What the statement has bound; used again for the next row.
     std::string fileID_;

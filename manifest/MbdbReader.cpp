@@ -39,8 +39,8 @@ CF::Pointer<CFDataRef> ReadData(ByteCursor &cursor) {
     if (bytes->empty()) {
         return EmptyData();
     }
-    return CF::Adopt(
-        CFDataCreate(kCFAllocatorDefault, bytes->data(), static_cast<CFIndex>(bytes->size())));
+    return CF::Adopt(CF::Made(
+        CFDataCreate(kCFAllocatorDefault, bytes->data(), static_cast<CFIndex>(bytes->size()))));
 }
 
 bool ReadNames(KVManifestEntryClass &entry, ByteCursor &cursor, TextCache &domains) {

@@ -115,7 +115,7 @@ bool AppendProperties(Output &output, CFDictionaryRef properties) {
 
 CF::Data WriteEntries(KVManifestClass *manifest) {
     const CF::Array entries = CopySortedEntries(manifest);
-    const auto data = CF::Data::Adopt(CFDataCreateMutable(kCFAllocatorDefault, 0));
+    const auto data = CF::Data::Adopt(CF::Made(CFDataCreateMutable(kCFAllocatorDefault, 0)));
     auto *const bytes = const_cast<CFMutableDataRef>(data.get());
     CFDataAppendBytes(bytes, kHeader.data(), kHeader.size());
     const auto failed = CF::Array::Mutable();

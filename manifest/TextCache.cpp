@@ -1,6 +1,7 @@
 #include "manifest/TextCache.hpp"
 
 #include "manifest/KVManifestEntryClass.hpp"
+#include "support/cf/UTF8.hpp"
 
 namespace Kelvane {
 
@@ -15,9 +16,7 @@ StringPointer TextFromUTF8(std::string_view bytes) {
     if (bytes.empty()) {
         return EmptyString();
     }
-    return CF::Adopt(
-        CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8 *>(bytes.data()),
-                                static_cast<CFIndex>(bytes.size()), kCFStringEncodingUTF8, false));
+    return CF::Adopt(CF::CreateFromUTF8(bytes));
 }
 
 StringPointer TextCache::Get(std::string_view bytes) {

@@ -11,18 +11,20 @@ using namespace CFInternal::PropertyList;
 
 namespace {
 
-void Report(const Failure &failure, CFErrorRef *error) {
+// Made before memory can be out.
+const CFStringRef kSentence = CFSTR("%.*s.");
+
+// Without the reason, or as a null error, when there is no memory even for these.
+void Report(CFIndex code, std::string_view why, CFErrorRef *error) noexcept {
     if (error == nullptr) {
         return;
     }
-    const std::string sentence = failure.reason + ".";
-    const Owned<CFStringRef> reason(CFStringCreateWithBytes(
-        nullptr, reinterpret_cast<const UInt8 *>(sentence.data()),
-        static_cast<CFIndex>(sentence.size()), kCFStringEncodingUTF8, false));
+    const Owned<CFStringRef> reason(CFStringCreateWithFormat(
+        nullptr, nullptr, kSentence, static_cast<int>(why.size()), why.data()));
     const void *key = kCFErrorLocalizedFailureReasonKey;
     const void *value = reason.get();
-    *error = CFErrorCreateWithUserInfoKeysAndValues(nullptr, kCFErrorDomainCocoa, failure.code,
-                                                    &key, &value, value == nullptr ? 0 : 1);
+    *error = CFErrorCreateWithUserInfoKeysAndValues(nullptr, kCFErrorDomainCocoa, code, &key,
+                                                    &value, value == nullptr ? 0 : 1);
 }
 
 // The object that work makes, or null with an error. No exception leaves a C function.
@@ -32,9 +34,9 @@ auto OrError(CFIndex memoryCode, CFErrorRef *error, Work work) noexcept
     try {
         return work().release();
     } catch (const Failure &failure) {
-        Report(failure, error);
+        Report(failure.code, failure.reason, error);
     } catch (const std::exception &) {
-        Report({memoryCode, "There is not enough memory"}, error);
+        Report(memoryCode, "There is not enough memory", error);
     }
     return nullptr;
 }

@@ -11,12 +11,13 @@ class CF_WRAPPER_VISIBLE Array : public TypeOf<Array, CFArrayRef, CFArrayGetType
 
     // A new empty mutable array that retains its values.
     static Array Mutable() {
-        return Adopt(CFArrayCreateMutable(kCFAllocatorDefault, 0, &kCFTypeArrayCallBacks));
+        return Adopt(Made(CFArrayCreateMutable(kCFAllocatorDefault, 0, &kCFTypeArrayCallBacks)));
     }
     // A new mutable array with the values of the given one; null gives an empty one.
     static Array MutableCopy(CFArrayRef source) {
-        return source == nullptr ? Mutable()
-                                 : Adopt(CFArrayCreateMutableCopy(kCFAllocatorDefault, 0, source));
+        return source == nullptr
+                   ? Mutable()
+                   : Adopt(Made(CFArrayCreateMutableCopy(kCFAllocatorDefault, 0, source)));
     }
 
     CFIndex GetCount() const noexcept { return get() == nullptr ? 0 : CFArrayGetCount(get()); }

@@ -14,8 +14,8 @@ class CF_WRAPPER_VISIBLE Data : public TypeOf<Data, CFDataRef, CFDataGetTypeID> 
     using TypeOf::TypeOf;
     // Copies the bytes.
     explicit Data(std::span<const std::uint8_t> bytes)
-        : Data(adopt, CFDataCreate(kCFAllocatorDefault, bytes.data(),
-                                   static_cast<CFIndex>(bytes.size()))) {}
+        : Data(adopt, Made(CFDataCreate(kCFAllocatorDefault, bytes.data(),
+                                        static_cast<CFIndex>(bytes.size())))) {}
     explicit Data(const std::vector<std::uint8_t> &bytes)
         : Data(std::span<const std::uint8_t>(bytes)) {}
 

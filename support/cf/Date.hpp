@@ -9,7 +9,7 @@ class CF_WRAPPER_VISIBLE Date : public TypeOf<Date, CFDateRef, CFDateGetTypeID> 
   public:
     using TypeOf::TypeOf;
     static Date FromAbsoluteTime(CFAbsoluteTime time) {
-        return Adopt(CFDateCreate(kCFAllocatorDefault, time));
+        return Adopt(Made(CFDateCreate(kCFAllocatorDefault, time)));
     }
     static Date Now() { return FromAbsoluteTime(CFAbsoluteTimeGetCurrent()); }
     // 0 for null.

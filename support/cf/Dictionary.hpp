@@ -13,15 +13,15 @@ class CF_WRAPPER_VISIBLE Dictionary
 
     // A new empty mutable dictionary that retains its keys and values.
     static Dictionary Mutable() {
-        return Adopt(CFDictionaryCreateMutable(kCFAllocatorDefault, 0,
-                                               &kCFTypeDictionaryKeyCallBacks,
-                                               &kCFTypeDictionaryValueCallBacks));
+        return Adopt(
+            Made(CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                           &kCFTypeDictionaryValueCallBacks)));
     }
     // A new mutable dictionary with the pairs of the given one; null gives an empty one.
     static Dictionary MutableCopy(CFDictionaryRef source) {
         return source == nullptr
                    ? Mutable()
-                   : Adopt(CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, source));
+                   : Adopt(Made(CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, source)));
     }
 
     CFIndex GetCount() const noexcept { return get() == nullptr ? 0 : CFDictionaryGetCount(get()); }

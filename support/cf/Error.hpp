@@ -18,7 +18,7 @@ class CF_WRAPPER_VISIBLE Error : public TypeOf<Error, CFErrorRef, CFErrorGetType
         return get() == nullptr ? nullptr : CFErrorGetDomain(get());
     }
     String GetDescription() const {
-        return get() == nullptr ? String() : String::Adopt(CFErrorCopyDescription(get()));
+        return get() == nullptr ? String() : String::Adopt(Made(CFErrorCopyDescription(get())));
     }
     // Null when the error has none.
     String GetFailureReason() const {

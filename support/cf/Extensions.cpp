@@ -4,6 +4,7 @@
 #include "support/cf/Pointer.hpp"
 
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 namespace {
@@ -90,8 +91,12 @@ CFStringRef CFDataCopyBase64Representation(CFDataRef data) {
     if (data == nullptr) {
         return nullptr;
     }
-    const std::string text = base64(CF::Data(data).GetBytes());
-    return CFStringCreateWithBytes(
-        kCFAllocatorDefault, reinterpret_cast<const UInt8 *>(text.data()),
-        static_cast<CFIndex>(text.size()), kCFStringEncodingASCII, false);
+    try {
+        const std::string text = base64(CF::Data(data).GetBytes());
+        return CFStringCreateWithBytes(
+            kCFAllocatorDefault, reinterpret_cast<const UInt8 *>(text.data()),
+            static_cast<CFIndex>(text.size()), kCFStringEncodingASCII, false);
+    } catch (const std::exception &) {
+        return nullptr; // memory is out, as other functions of this kind say it
+    }
 }

@@ -63,7 +63,7 @@ class CF_WRAPPER_VISIBLE Number : public TypeOf<Number, CFNumberRef, CFNumberGet
     static constexpr CFNumberType kWideType = 17;
 
     static Number make(CFNumberType type, const void *value) {
-        return Adopt(CFNumberCreate(kCFAllocatorDefault, type, value));
+        return Adopt(Made(CFNumberCreate(kCFAllocatorDefault, type, value)));
     }
 };
 

@@ -4,6 +4,7 @@
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <cstddef>
+#include <new>
 #include <utility>
 
 namespace CF {
@@ -67,6 +68,16 @@ class Pointer {
 
 // A retained reference to an object of any type.
 using AutoPointer = Pointer<CFTypeRef>;
+
+// The object that a Create or Copy function gave, where it gives null only when memory is out:
+// throws std::bad_alloc then.
+template <class Ref>
+Ref Made(Ref object) {
+    if (object == nullptr) [[unlikely]] {
+        throw std::bad_alloc();
+    }
+    return object;
+}
 
 template <class Ref>
 Pointer<Ref> Adopt(Ref ref) noexcept {

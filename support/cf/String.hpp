@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/cf/Type.hpp"
+#include "support/cf/UTF8.hpp"
 
 #include <string>
 #include <string_view>
@@ -20,16 +21,12 @@ class CF_WRAPPER_VISIBLE String : public TypeOf<String, CFStringRef, CFStringGet
     }
     String(const std::string &utf8) : String(FromUTF8(utf8)) {}
 
-    static String FromUTF8(std::string_view utf8) {
-        return Adopt(CFStringCreateWithBytes(
-            kCFAllocatorDefault, reinterpret_cast<const UInt8 *>(utf8.data()),
-            static_cast<CFIndex>(utf8.size()), kCFStringEncodingUTF8, false));
-    }
+    static String FromUTF8(std::string_view utf8) { return Adopt(CreateFromUTF8(utf8)); }
 
     // A printf-like text; %@ takes CoreFoundation references.
     template <class... Args>
     static String Format(CFStringRef format, Args... args) {
-        return Adopt(CFStringCreateWithFormat(kCFAllocatorDefault, nullptr, format, args...));
+        return Adopt(Made(CFStringCreateWithFormat(kCFAllocatorDefault, nullptr, format, args...)));
     }
 
     // Length in UTF-16 code units; 0 for null.

@@ -10,6 +10,7 @@ namespace {
 constexpr std::size_t kSHA1Size = 20;
 
 const EVP_MD *fetchSHA1() {
+    detail::RequireLibrary();
     const EVP_MD *digest = EVP_MD_fetch(nullptr, "SHA1", nullptr);
     if (digest == nullptr) {
         detail::Fail("SHA-1 is not available");

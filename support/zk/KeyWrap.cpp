@@ -28,8 +28,9 @@ CF::Error integrityError() {
     info.Set(kCFErrorLocalizedFailureReasonKey,
              CFSTR("Integrity check failed: the key-encryption key is wrong or the wrapped "
                    "key damaged"));
-    return CF::Error::Adopt(CFErrorCreate(kCFAllocatorDefault, CFSTR("ZK.EncryptionErrorDomain"),
-                                          kKeyUnwrapIntegrityError, info.get()));
+    return CF::Error::Adopt(
+        CF::Made(CFErrorCreate(kCFAllocatorDefault, CFSTR("ZK.EncryptionErrorDomain"),
+                               kKeyUnwrapIntegrityError, info.get())));
 }
 
 detail::CipherContext begin(const KeyEncryptionKey &key, const std::optional<WrapInitialValue> &iv,

@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <cstddef>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <vector>
 
 namespace {
@@ -25,9 +27,11 @@ struct LogState {
     std::vector<CF::String> domains; // the identifier is the index plus 1
 };
 
-// Never destroyed: objects that log may go during exit.
-LogState &state() {
-    static auto *const log = new LogState;
+// Never destroyed: objects that log may go during exit. In memory that is always there: whether
+// a level is enabled is asked when memory is out, too.
+LogState &state() noexcept {
+    alignas(LogState) static std::byte memory[sizeof(LogState)];
+    static auto *const log = ::new (static_cast<void *>(memory)) LogState;
     return *log;
 }
 
@@ -100,7 +104,7 @@ void ZLLogDomain(ZLLogDomainID domain, int level, CFStringRef format, ...) {
     va_start(arguments, format);
     const CF::String text = formatted(format, arguments);
     va_end(arguments);
-    deliver(domain, level, text, nullptr);
+    deliver(domain, level, CF::Made(text.get()), nullptr);
 }
 
 void ZLLogError(CFErrorRef error, ZLLogDomainID domain, CFStringRef format, ...) {
@@ -113,6 +117,7 @@ void ZLLogError(CFErrorRef error, ZLLogDomainID domain, CFStringRef format, ...)
         va_start(arguments, format);
         text = formatted(format, arguments);
         va_end(arguments);
+        (void)CF::Made(text.get());
     } else {
         text = CF::Error(error).GetDescription();
     }

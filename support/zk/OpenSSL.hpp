@@ -1,10 +1,12 @@
 // Helpers over libcrypto that the crypto sources share.
 #pragma once
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -28,9 +30,18 @@ struct FreeCipherContext {
 };
 using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, FreeCipherContext>;
 
+// libcrypto looks algorithms up in its global context without asking whether there was memory
+// for one.
+inline void RequireLibrary() {
+    if (OSSL_LIB_CTX_get0_global_default() == nullptr) {
+        throw std::bad_alloc();
+    }
+}
+
 // A cipher by name, looked up once: the look-up costs more than a small message. The
 // result is kept for the life of the process.
 inline const EVP_CIPHER *FetchCipher(const char *name) {
+    RequireLibrary();
     const EVP_CIPHER *cipher = EVP_CIPHER_fetch(nullptr, name, nullptr);
     if (cipher == nullptr) {
         Fail("Cipher is not available");

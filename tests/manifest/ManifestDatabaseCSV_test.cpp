@@ -31,13 +31,15 @@ Dump DumpAt(const CF::String &path) {
     return dump;
 }
 
-// A database that the library writes, with this one entry.
+// A database that the library writes, with these entries.
 class WrittenDatabase : public OracleDatabase {
   public:
     explicit WrittenDatabase(const Kelvane::EntryPointer &entry)
+        : WrittenDatabase(std::vector{entry}) {}
+    explicit WrittenDatabase(const std::vector<Kelvane::EntryPointer> &entries)
         : OracleDatabase(R"({"rows": []})") {
         const auto data = CF::Data::Adopt(
-            KVManifestCreateManifestDBRepresentation(MakeManifest({entry}).get(), 33));
+            KVManifestCreateManifestDBRepresentation(MakeManifest(entries).get(), 33));
         Replace(data.GetVector());
     }
 };
@@ -188,6 +190,25 @@ TEST_F(ManifestDatabaseCSV, KeepsLoneSurrogatesOfRecords) {
     const CFRange found = CFStringFind(
         dump.text, CF::String::Adopt(CFStringCreateWithCharacters(nullptr, &lone, 1)), 0);
     EXPECT_EQ(found.length, 1);
+}
+
+TEST_F(ManifestDatabaseCSV, RecordsThatShareLongTextsAreRefusedTogether) {
+    // Thousands of references to one text are a small database and a dump of hundreds of
+    // megabytes.
+    const auto values = CF::Array::Mutable();
+    const CF::String text(std::string(20'000, 'x'));
+    for (int i = 0; i < 2'000; ++i) {
+        values.Append(text);
+    }
+    const auto properties = CF::Dictionary::Mutable();
+    properties.Set(CFSTR("a"), values.get());
+    std::vector<Kelvane::EntryPointer> entries;
+    for (int i = 0; i < 10; ++i) {
+        entries.push_back(MakeEntry("D", std::to_string(i)));
+        entries.back().get()->properties = properties.get();
+    }
+    EXPECT_EQ(Cause(WrittenDatabase(entries)),
+              "Kelvane.ErrorDomain 24: The text would be far larger than the database");
 }
 
 TEST_F(ManifestDatabaseCSV, EmptyBlobFailsTheDump) {

@@ -120,10 +120,12 @@ CF::Error FindCode(CF::Error error, CFIndex code) {
 
 CF::Error SystemError() {
     return CF::Error::Adopt(
-        CFErrorCreate(kCFAllocatorDefault, kCFErrorDomainPOSIX, errno, nullptr));
+        CF::Made(CFErrorCreate(kCFAllocatorDefault, kCFErrorDomainPOSIX, errno, nullptr)));
 }
 
 void SetBeforeMessage(std::function<void()> call) { beforeMessage() = std::move(call); }
+
+void PrintOutOfMemory() noexcept { std::fputs("kelvane: out of memory\n", stderr); }
 
 void PrintMessage(std::string_view message) { printLine("kelvane: ", message); }
 

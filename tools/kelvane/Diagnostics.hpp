@@ -54,6 +54,8 @@ void SetBeforeMessage(std::function<void()> call);
 
 // "kelvane: MESSAGE" on one line.
 void PrintMessage(std::string_view message);
+// Needs none itself.
+void PrintOutOfMemory() noexcept;
 
 // The password is missing, wrong, or was given for a plain backup.
 bool IsPasswordError(const CF::Error &error);

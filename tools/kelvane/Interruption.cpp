@@ -131,6 +131,15 @@ void SetCleanup(Kind kind, std::function<void()> cleanup) {
     cleanups()[kind] = std::move(cleanup);
 }
 
+void CleanUp() noexcept {
+    const std::lock_guard lock(mutex());
+    for (const auto &cleanup : cleanups()) {
+        if (cleanup) {
+            cleanup();
+        }
+    }
+}
+
 Hold::Hold() { mutex().lock(); }
 Hold::~Hold() { mutex().unlock(); }
 

@@ -32,4 +32,8 @@ class Hold {
     ~Hold();
 };
 
+// Runs what was set for cleaning up, on the thread that called Start, for an end that unwinds no
+// stack.
+void CleanUp() noexcept;
+
 } // namespace tool::Interruption

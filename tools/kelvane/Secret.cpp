@@ -1,5 +1,7 @@
 #include "Secret.hpp"
 
+#include "support/cf/Pointer.hpp"
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -75,7 +77,7 @@ CFAllocatorRef WipingAllocator() {
         context.allocate = &allocate;
         context.reallocate = &reallocate;
         context.deallocate = &deallocate;
-        return CFAllocatorCreate(kCFAllocatorDefault, &context);
+        return CF::Made(CFAllocatorCreate(kCFAllocatorDefault, &context));
     }();
     return allocator;
 }

@@ -8,7 +8,11 @@
 #include "Output.hpp"
 #include "TemporaryArea.hpp"
 
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <new>
+#include <unistd.h>
 
 namespace tool {
 
@@ -75,10 +79,29 @@ int run(const CommandLine &line) {
     } catch (const CF::Error &error) {
         Failure(error).Print();
         return kFailed;
+    } catch (const std::bad_alloc &) {
+        PrintOutOfMemory();
+        return kFailed;
     } catch (const std::exception &exception) {
         PrintMessage(exception.what());
         return kFailed;
     }
+}
+
+// Memory may run out where no exception can leave, as in destructors of libraries.
+[[noreturn]] void endWithoutMemory() noexcept {
+    Interruption::CleanUp();
+    const std::exception_ptr cause = std::current_exception();
+    try {
+        if (cause != nullptr) {
+            std::rethrow_exception(cause);
+        }
+    } catch (const std::bad_alloc &) {
+    } catch (...) {
+        std::abort();
+    }
+    PrintOutOfMemory(); // also where there was none for the exception itself
+    _exit(kFailed);
 }
 
 } // namespace
@@ -86,8 +109,20 @@ int run(const CommandLine &line) {
 } // namespace tool
 
 int main(int argc, char **argv) {
+    std::set_terminate(&tool::endWithoutMemory);
     tool::StartOutput();
-    const tool::CommandLine line = tool::ParseCommandLine(argc, argv);
-    tool::Interruption::Start();
-    return tool::run(line);
+    try {
+        const tool::CommandLine line = tool::ParseCommandLine(argc, argv);
+        tool::Interruption::Start();
+        return tool::run(line);
+    } catch (const std::bad_alloc &) {
+        tool::PrintOutOfMemory();
+        return tool::kFailed;
+    } catch (const std::exception &exception) {
+        // No thread for signals, as a rule.
+        std::fputs("kelvane: ", stderr);
+        std::fputs(exception.what(), stderr);
+        std::fputs("\n", stderr);
+        return tool::kFailed;
+    }
 }

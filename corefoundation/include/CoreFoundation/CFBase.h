@@ -4,6 +4,10 @@
  * that the caller releases with CFRelease. A function whose name contains Get
  * returns a borrowed reference, valid as long as the object it came from.
  *
+ * Memory. When memory is out, functions named Create or Copy return null, and functions
+ * that change an object leave it as it was and throw std::bad_alloc, since they have no
+ * other way to say so. In a program without a handler for it, this ends the process.
+ *
  * Threads. Reference counting is atomic. Immutable objects may be read from any
  * number of threads; a mutable object is used by one thread at a time.
  */

@@ -84,7 +84,8 @@ CF_EXPORT CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEnco
     }))
 #endif
 /* What CFSTR calls: the interned immortal string of the text. Ill-formed UTF-8 becomes
- * U+FFFD. Any thread may call it. Borrowed; null aborts. */
+ * U+FFFD. Any thread may call it. Borrowed; null aborts. Throws std::bad_alloc when memory is
+ * out, and CFSTR then tries again the next time; CFSTR("") never does. */
 CF_EXPORT CFStringRef __CFStringMakeConstantString(const char *utf8);
 
 /* ---- Creating -------------------------------------------------------------- */
@@ -287,8 +288,8 @@ CF_EXPORT Boolean CFStringHasPrefix(CFStringRef theString, CFStringRef prefix);
 CF_EXPORT Boolean CFStringHasSuffix(CFStringRef theString, CFStringRef suffix);
 
 /* ---- Changing mutable strings -----------------------------------------------------
- * An immutable string given for theString is a programming error and aborts, and so does
- * running out of memory. An appended or inserted string may be the changed one itself. */
+ * An immutable string given for theString is a programming error and aborts. An appended or
+ * inserted string may be the changed one itself. */
 
 CF_EXPORT void CFStringAppend(CFMutableStringRef theString, CFStringRef appendedString);
 /* Appends UTF-16 units; null chars with numChars 0 appends nothing. */
