@@ -196,10 +196,9 @@ bool takeField(std::span<const std::uint8_t> &block, std::uint64_t &field) {
     return true;
 }
 
-// What the record at least takes: the length of its own second extra field is not known here. A
-// size that stands in the zip64 block counts as one that needs it, since there are readers, old
-// minizips among them, that do not look into the block. No value for a header that contradicts
-// itself.
+// What the record at least takes: the length of its own second extra field is not known here.
+// Archivers refer both sizes to the zip64 block when one of them needs it, so that small ones
+// stand there too. No value for a header that contradicts itself.
 std::optional<Extent> extentOf(std::span<const std::uint8_t> header) {
     std::uint64_t unpacked = numberAt(header, 24, 4);
     std::uint64_t packed = numberAt(header, 20, 4);
@@ -216,9 +215,6 @@ std::optional<Extent> extentOf(std::span<const std::uint8_t> header) {
             return std::nullopt;
         }
         extra = extra.subspan(std::min(4 + length, extra.size()));
-    }
-    if (numberAt(header, 20, 4) == kIn64Bits) {
-        packed = std::max(packed, kIn64Bits);
     }
     std::uint64_t end = 0;
     if (__builtin_add_overflow(start, packed, &end) ||

@@ -195,7 +195,7 @@ TEST_F(ZipLayout, WithOverlapsInLongFormIsRefused) {
     EXPECT_TRUE(IsError(errorOf(zip64(2, places)), kKVErrorArchive,
                         "Two parts of the zip overlap (at byte 0)"));
     const char *sizes = "headers[0] = central(b'a', 0xffffffff, 7, zlib.crc32(data), 0, "
-                        "struct.pack('<HHQ', 1, 8, size))";
+                        "struct.pack('<HHQ', 1, 8, size + 1))";
     EXPECT_EQ(errorOf(zip64(2, sizes)).GetCode(), static_cast<CFIndex>(kKVErrorArchive));
     const char *huge = "headers[0] = central(b'a', 0xffffffff, 7, zlib.crc32(data), 0, "
                        "struct.pack('<HHQ', 1, 8, 2**64 - 20))";
@@ -203,6 +203,12 @@ TEST_F(ZipLayout, WithOverlapsInLongFormIsRefused) {
                     .GetFailureReason()
                     .GetUTF8()
                     .starts_with("The zip's directory contradicts itself (at byte "));
+}
+
+TEST_F(ZipLayout, WithSmallSizesInLongFormIsAccepted) {
+    EXPECT_FALSE(errorOf(zip64(2, "headers[0] = central(b'a', 0xffffffff, 7, zlib.crc32(data), 0, "
+                                  "struct.pack('<HHQ', 1, 8, size))")));
+    EXPECT_EQ(content("b"), "content");
 }
 
 TEST_F(ZipLayout, OfWhatArchiversMakeIsAccepted) {
