@@ -15,12 +15,13 @@ namespace {
 constexpr const char *kNoManifestName = "";
 
 CF::Array copyOf(const CF::Array &array) {
-    return CF::Array::Adopt(CFArrayCreateCopy(kCFAllocatorDefault, array.get()));
+    return CF::Array::Adopt(CF::Made(CFArrayCreateCopy(kCFAllocatorDefault, array.get())));
 }
 
 CF::Array arrayOf(const CF::Error &error) {
     const void *value = error.get();
-    return CF::Array::Adopt(CFArrayCreate(kCFAllocatorDefault, &value, 1, &kCFTypeArrayCallBacks));
+    return CF::Array::Adopt(
+        CF::Made(CFArrayCreate(kCFAllocatorDefault, &value, 1, &kCFTypeArrayCallBacks)));
 }
 
 struct PreparedArrays {

@@ -105,8 +105,13 @@ ManifestEncryption::GenerateKEKFromPassword(const std::vector<std::uint8_t> &pas
             call, firstPass);
     Key kek;
     const Stopwatch secondPass;
-    requireWhole(Kelvane::DeriveBySHA1({first, info.salt, info.iterations}, kek,
-                                       watch.Observer(info.iterations, kBlocksOfSHA1)));
+    try {
+        requireWhole(Kelvane::DeriveBySHA1({first, info.salt, info.iterations}, kek,
+                                           watch.Observer(info.iterations, kBlocksOfSHA1)));
+    } catch (...) {
+        ZK::Wipe(kek); // a host's callable may throw between two blocks of the key
+        throw;
+    }
     logPass(CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword second pass took %.1f "
                   "seconds"),
             call, secondPass);

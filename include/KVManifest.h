@@ -15,7 +15,7 @@
  * thread at a time.
  *
  * Size. Readers refuse a manifest of more than 10,000,000 entries, or whose entries would
- * keep more than about 2 GiB of memory (entries of devices keep some 450 bytes): code 10,
+ * keep more than about 2 GiB of memory (entries of devices keep some 450 to 850 bytes): code 10,
  * "The manifest has too many entries" or "The manifest's entries take too much memory".
  *
  * Formats. Manifest.mbdb (version 24) is the binary file that
@@ -114,13 +114,17 @@ KVManifestGetEntryMatchingPath(KVManifestClass *manifest, CFStringRef domain, CF
  *
  * The file is read through a private copy under the temporary path, and the lines are sorted
  * in a file beside it; both are gone at the end. Memory is needed for the text itself, once,
- * and some 32 bytes a row (20 more while rows are sorted whose file IDs begin alike). The caller
- * releases the text. Null with code 11 "Failed to parse records from manifest database" over the
- * cause: code 1   the text is too large for memory code 2   no temporary path was set code 3   one
- * of these files fails code 13  what SQLite reports; a null path has no table Files code 24  a row
- * without a valid record ("Missing or invalid MBFile structure"), placeholder rows among them, or
- * with texts that are not UTF-8: one such row fails the whole dump code 24  "The text would be far
- * larger than the database": more than 16 times, which takes records made to fill memory */
+ * and some 32 bytes a row (20 more while rows are sorted whose file IDs begin alike). The
+ * caller releases the text. Null with code 11 "Failed to parse records from manifest
+ * database" over the cause:
+ *   code 1   the text is too large for memory
+ *   code 2   no temporary path was set
+ *   code 3   one of these files fails
+ *   code 13  what SQLite reports; a null path has no table Files
+ *   code 24  a row without a valid record ("Missing or invalid MBFile structure"),
+ *            placeholder rows among them, or with texts that are not UTF-8: one such row
+ *            fails the whole dump; or "The text would be far larger than the database":
+ *            more than 16 times, which takes records made to fill memory */
 KV_EXPORT CFStringRef KVManifestDBCopyCSVRepresentation(CFStringRef databasePath,
                                                         CFErrorRef *error);
 

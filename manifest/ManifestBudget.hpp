@@ -11,8 +11,9 @@ namespace Kelvane {
 // The largest backups known have some two million entries. A file of 1 GiB can claim 21
 // million, and compressed it is 3 MB.
 inline constexpr std::size_t kMaximumManifestRecords = 10'000'000;
-// An entry of a device takes about 450 bytes: there is room for more than four million of them.
-// A crafted one may take half a megabyte for its texts.
+// An entry of a device takes 450 bytes on average, and is counted with up to 850 where its path
+// is long: there is room for more than two million of them. A crafted one may take half a
+// megabyte for its texts.
 inline constexpr std::uint64_t kMaximumManifestMemory = std::uint64_t{2} << 30;
 
 // The memory that an entry keeps, roughly. Texts and values that many entries share are
