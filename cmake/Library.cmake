@@ -14,6 +14,13 @@ target_link_libraries(kelvane_objects
          SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP ZLIB::ZLIB Threads::Threads
   PRIVATE kelvane_warnings)
 
+# Parsing these again for each source took half of the time of building. The preset for clang
+# does without, so that a source which leans on them instead of including what it needs is found.
+target_precompile_headers(kelvane_objects PRIVATE <algorithm> <array> <cstdint> <functional> <map>
+  <memory> <mutex> <optional> <span> <stdexcept> <string> <string_view> <unordered_map> <vector>
+  <boost/filesystem/operations.hpp> <boost/system/system_error.hpp>
+  <CoreFoundation/CoreFoundation.h>)
+
 add_library(kelvane_internal STATIC $<TARGET_OBJECTS:kelvane_objects>)
 target_link_libraries(kelvane_internal PUBLIC
   CoreFoundation::CoreFoundation OpenSSL::Crypto Boost::filesystem Boost::system
