@@ -91,7 +91,9 @@ inline bool Export(const Container &container, const std::string &path,
     const bool done =
         write(container.get(), CF::String(path).get(), nullptr, nullptr, &report) != 0;
     const auto errors = CF::Array::Adopt(report.errors);
-    Require(static_cast<bool>(errors) && (done || errors.GetCount() == 1));
+    const auto notes = CF::Array::Adopt(report.notes);
+    Require(static_cast<bool>(errors) && static_cast<bool>(notes) &&
+            (done || errors.GetCount() == 1));
     if (report.metadataWritten) {
         Require(static_cast<bool>(OpenBackup(path)));
     }
