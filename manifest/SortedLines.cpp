@@ -196,7 +196,9 @@ std::u16string_view SortedLines::Read(const Line &line, std::uint64_t start, std
     ReadBytes(line.offset + start * unitSize, bytes_);
     if (line.IsWide()) {
         units_.resize(static_cast<std::size_t>(count));
-        std::memcpy(units_.data(), bytes_.data(), bytes_.size());
+        if (count > 0) { // of nothing there is no address to copy from
+            std::memcpy(units_.data(), bytes_.data(), bytes_.size());
+        }
     } else {
         units_.assign(bytes_.begin(), bytes_.end());
     }
