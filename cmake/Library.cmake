@@ -14,8 +14,8 @@ target_link_libraries(kelvane_objects
          SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP ZLIB::ZLIB Threads::Threads
   PRIVATE kelvane_warnings)
 
-# Parsing these again for each source took half of the time of building. The preset for clang
-# does without, so that a source which leans on them instead of including what it needs is found.
+# Parsing these again for each source took half of the time of building. A build with
+# CMAKE_DISABLE_PRECOMPILE_HEADERS finds sources that lean on them instead of including what they need.
 target_precompile_headers(kelvane_objects PRIVATE <algorithm> <array> <cstdint> <functional> <map>
   <memory> <mutex> <optional> <span> <stdexcept> <string> <string_view> <unordered_map> <vector>
   <boost/filesystem/operations.hpp> <boost/system/system_error.hpp>
