@@ -46,7 +46,7 @@ class WatchedPBKDF2 : public testing::TestWithParam<std::uint32_t> {
 };
 
 TEST_P(WatchedPBKDF2, GivesWhatThePlainFunctionsGive) {
-    for (const std::size_t length : {0, 1, 20, 21, 32, 45}) {
+    for (const std::size_t length : {0U, 1U, 20U, 21U, 32U, 45U}) {
         Bytes output(length);
         EXPECT_TRUE(Kelvane::DeriveBySHA1(input(), output, observer()));
         EXPECT_EQ(output, plainSHA1(GetParam(), length)) << length;

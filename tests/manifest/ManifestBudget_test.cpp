@@ -125,7 +125,9 @@ TEST(ManifestBudget, EstimatesEntriesWithTextsAndData) {
 }
 
 TEST(ManifestBudget, EstimatesEntriesWithProperties) {
-    ExpectHonestEstimate([](int i) { return WithProperties(1 + i % 20, Bytes(i % 100 + 1)); });
+    ExpectHonestEstimate([](int i) {
+        return WithProperties(1 + i % 20, Bytes(static_cast<std::size_t>(i % 100 + 1)));
+    });
 }
 
 TEST(ManifestBudget, EndsTheWalkOverSharedValuesAtTheLimit) {

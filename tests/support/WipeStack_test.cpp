@@ -38,7 +38,8 @@ class Memory {
 [[gnu::noinline]] std::uintptr_t leaveBehind(const Bytes &bytes) {
     volatile std::uint8_t frame[8192];
     std::copy(bytes.begin(), bytes.end(), frame);
-    const auto address = reinterpret_cast<std::uintptr_t>(&frame[0]);
+    static std::uintptr_t address = 0;
+    address = reinterpret_cast<std::uintptr_t>(&frame[0]);
     return address;
 }
 
