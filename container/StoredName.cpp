@@ -1,10 +1,10 @@
 #include "container/StoredName.hpp"
 
 #include "filestore/RootedFile.hpp"
+#include "support/zk/RootDirectory.hpp"
 
 #include <algorithm>
 #include <string>
-#include <string_view>
 
 namespace Kelvane {
 
@@ -12,10 +12,6 @@ namespace {
 
 // Two characters and the separator.
 constexpr CFIndex kDirectoryPrefixLength = 3;
-
-bool isSafeComponent(std::string_view component) {
-    return !component.empty() && component != "." && component != "..";
-}
 
 bool hasSeparator(const std::string &name) {
     return name.find_first_of("/\\") != std::string::npos;
@@ -74,22 +70,7 @@ bool IsSafeFileID(const CF::String &fileID, KVManifestDataVersion version) {
 }
 
 bool IsSafeStoredName(const CF::String &storedName) {
-    const std::string text = storedName.GetUTF8();
-    if (text.find('\0') != std::string::npos) {
-        return false;
-    }
-    // A leading "/" shows as an empty first component, the empty name as an empty only one.
-    std::string_view rest = text;
-    for (;;) {
-        const std::size_t slash = rest.find('/');
-        if (!isSafeComponent(rest.substr(0, slash))) {
-            return false;
-        }
-        if (slash == std::string_view::npos) {
-            return true;
-        }
-        rest.remove_prefix(slash + 1);
-    }
+    return ZK::file::is_safe_name(storedName.GetUTF8());
 }
 
 void ThrowUnsafeStoredName(const CF::String &name) { throw UnsafeStoredName(name); }

@@ -39,22 +39,6 @@ bool isSafeComponent(std::string_view component) {
     return !component.empty() && component != "." && component != "..";
 }
 
-bool isSafeName(std::string_view name) {
-    if (name.find('\0') != std::string_view::npos) {
-        return false;
-    }
-    for (;;) {
-        const std::size_t slash = name.find('/');
-        if (!isSafeComponent(name.substr(0, slash))) {
-            return false;
-        }
-        if (slash == std::string_view::npos) {
-            return true;
-        }
-        name.remove_prefix(slash + 1);
-    }
-}
-
 // 0 for a regular file, else the error that opening it is to fail with.
 int errorOf(const struct stat &status) {
     if (S_ISREG(status.st_mode)) {
@@ -92,7 +76,8 @@ bool isRefused(int number) {
 
 int openResolved(int root, const std::string &name, int flags) {
     struct open_how how {};
-    how.flags = static_cast<__u64>(flags | O_LARGEFILE);
+    // Where the flag is not 0, the kernel refuses it beside O_PATH, which opens no content.
+    how.flags = static_cast<__u64>((flags & O_PATH) != 0 ? flags : flags | O_LARGEFILE);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     long fd = -1;
     do {
@@ -190,6 +175,23 @@ int openFileStepwise(int root, const std::string &name) {
 
 } // namespace
 
+bool is_safe_name(std::string_view name) noexcept {
+    if (name.find('\0') != std::string_view::npos) {
+        return false;
+    }
+    // A leading slash shows as an empty first component, the empty name as an empty only one.
+    for (;;) {
+        const std::size_t slash = name.find('/');
+        if (!isSafeComponent(name.substr(0, slash))) {
+            return false;
+        }
+        if (slash == std::string_view::npos) {
+            return true;
+        }
+        name.remove_prefix(slash + 1);
+    }
+}
+
 root_directory::root_directory(filesystem::path path) noexcept
     : path_(std::move(path)), descriptor_(-1) {
     // The system would take the part before a NUL.
@@ -202,7 +204,7 @@ root_directory::root_directory(filesystem::path path) noexcept
 }
 
 int root_directory::open_file(const std::string &name) const {
-    if (failure_ != 0 || !isSafeName(name)) {
+    if (failure_ != 0 || !is_safe_name(name)) {
         return fail(failure_ != 0 ? failure_ : EINVAL);
     }
 #if ZK_KERNEL_RESOLVES
@@ -217,7 +219,7 @@ int root_directory::open_file(const std::string &name) const {
 }
 
 int root_directory::look(const std::string &name, struct stat &status) const {
-    if (failure_ != 0 || !isSafeName(name)) {
+    if (failure_ != 0 || !is_safe_name(name)) {
         return failure_ != 0 ? failure_ : EINVAL;
     }
 #if ZK_KERNEL_RESOLVES

@@ -5,18 +5,22 @@
 #include "support/zk/UniqueDescriptor.hpp"
 
 #include <string>
+#include <string_view>
 
 #include <sys/stat.h>
 
 namespace ZK::file {
 
+// Whether a name, relative to a directory, means a file below it as long as no link leads away:
+// components separated by single slashes, none of them empty, "." or "..", and no NUL.
+bool is_safe_name(std::string_view name) noexcept;
+
 // Keeps the directory open, so that every name means a file below that very directory,
 // whatever happens to its path. Whoever can write below it may exchange files for links at
 // any moment; since the check and the opening are one step, that leads nowhere.
 //
-// Names are components separated by single slashes. They are refused (EINVAL) when one of them
-// is empty, "." or "..", or holds a NUL. Hard links are files like others. May be used by several
-// threads at a time.
+// Names that is_safe_name does not take are refused (EINVAL). Hard links are files like others.
+// May be used by several threads at a time.
 class root_directory {
   public:
     // Opens the directory. Its own path may lead over links, which is the caller's choice. What
