@@ -126,7 +126,9 @@ class ZipTarget::Record {
     // it will take is still free when it has just been given back.
     void requireMemory() const {
         constexpr std::size_t kHeaderSize = 512;
-        std::free(CF::Made(std::malloc(kHeaderSize + name_.size())));
+        // Volatile, or compilers leave the pair out.
+        void *volatile memory = CF::Made(std::malloc(kHeaderSize + name_.size()));
+        std::free(memory);
     }
 
     int open(const KVFileClass *file) {
