@@ -23,12 +23,11 @@ import subprocess
 import sys
 import tempfile
 import unittest
-import zipfile
-from dataclasses import dataclass, field
 from pathlib import Path
 
+from failing_runs import Job, content_below, judge, metadata_of
 from tool_testing import (
-    DONE, ENCRYPTED, FAILED, TIMEOUT, WITH_PASSWORD, ToolTest, command, main, make, remove_tree, shared, snapshot,
+    DONE, ENCRYPTED, TIMEOUT, WITH_PASSWORD, ToolTest, command, main, make, remove_tree, shared, snapshot,
 )  # fmt: skip
 
 ERRORS = (errno.ENOSPC, errno.EIO, errno.EACCES)
@@ -37,23 +36,6 @@ OTHER_TEXTS = (
     "disk I/O error", "database disk image is malformed", "database or disk is full", "unable to open database file", "readonly database",
     "attempt to write a readonly database", "access permission denied",
 )  # fmt: skip
-
-# Of metadata that cannot be written anew, which takes nothing away from the backup.
-COPIED = "was copied as it is"
-
-
-@dataclass
-class Job:
-    """A command that writes to an output, which {} stands for."""
-
-    arguments: tuple[str, ...]
-    output: str | None = None
-    # Files whose content is not the same in every run.
-    changing: tuple[str, ...] = ()
-    reference: dict[str, str] = field(default_factory=dict)
-    operations: list[str] = field(default_factory=list)
-    standard_output: bytes = b""
-
 
 class Run:
     """One run of a job, in a directory of its own."""
@@ -67,6 +49,7 @@ class Run:
             self.result = self.start(job, folder, at, error, sticky)
             self.leftovers = os.listdir(folder / "tmp")
             self.output = content_below(folder / job.output, job.changing) if job.output else {}
+            self.operations: list[str] = []
             with contextlib.suppress(FileNotFoundError):
                 self.operations = [kind(line) for line in self.log.read_text(errors="replace").splitlines()]
                 self.log.unlink()
@@ -98,28 +81,6 @@ def preloaded() -> str:
     return " ".join([*found, os.environ["FAULT_SHIM"]])
 
 
-def content_below(path: Path, changing: tuple[str, ...]) -> dict[str, str]:
-    """Digests of the files below a directory, or of the records of a zip; a broken one raises."""
-    found: dict[str, str] = {}
-    if path.is_dir():
-        for folder, directories, files in os.walk(path):
-            for name in directories:
-                with contextlib.suppress(OSError):
-                    os.chmod(os.path.join(folder, name), 0o700)
-            for name in files:
-                file = Path(folder) / name
-                key = str(file.relative_to(path))
-                found[key] = "" if name in changing or file.is_symlink() else digest(file.read_bytes())
-    elif path.exists():
-        try:
-            with zipfile.ZipFile(path) as archive:
-                for name in archive.namelist():
-                    found[name] = "" if name in changing else digest(archive.read(name))
-        except zipfile.BadZipFile as bad:
-            found["(the archive)"] = str(bad)
-    return found
-
-
 def kind(line: str) -> str:
     """An operation of the log without what differs from run to run and from file to file."""
     return re.sub(r"^\d+ |/[0-9a-f]{2}(?=/|$)|[0-9A-Fa-f-]{16,}|kelvane-\w+|tmp\w+", "", line)
@@ -142,10 +103,6 @@ def cases_at(at: int) -> list[tuple[int, int, bool]]:
     return [*((at, error, False) for error in errors), *full_disk]
 
 
-def digest(content: bytes) -> str:
-    return hashlib.sha256(content).hexdigest()
-
-
 @unittest.skipUnless("FAULT_SHIM" in os.environ, "there is no way to preload here")
 class Faults(ToolTest):
     backup: Path
@@ -157,25 +114,14 @@ class Faults(ToolTest):
         cls.encrypted = make(shared / "encrypted", "--tree", "small", *ENCRYPTED)
         cls.binary = make(shared / "binary", "--tree", "small", "--version", "2.4")
         cls.archive = make(shared / "archive.zip", "--tree", "small", "--zip", "--version", "3.1")
-        cls.carried_over = {pair for source in (cls.encrypted, cls.binary, cls.archive)
-                            for pair in content_below(source, ()).items() if pair[0].endswith(".plist")}
+        cls.metadata = metadata_of(cls.encrypted, cls.binary, cls.archive)
         cls.before = snapshot(shared / "encrypted")
         cls.new = shared / "new"
         cls.new.write_bytes(b"new content\n" * 5000)
 
     def judge(self, job: Job, run: Run, error: int) -> None:
-        status, messages = run.result.returncode, run.result.stderr.decode(errors="replace")
-        self.assertIn(status, (DONE, FAILED), f"{run.what}: {messages}")
-        self.assertEqual(run.leftovers, [], run.what)
-        if COPIED in messages:
-            run.output |= {name: job.reference[name] for name, content in run.output.items()
-                           if (name, content) in self.carried_over}
-        for name, content in run.output.items():
-            self.assertEqual(content, job.reference.get(name), f"{run.what}: {name} is partial; {messages}")
-        if status == DONE:
-            self.assertEqual(run.output, job.reference, f"{run.what}: something is missing; {messages}")
-            self.assertEqual(run.result.stdout, job.standard_output, run.what)
-        else:
+        messages = judge(self, job, run, self.metadata)
+        if run.result.returncode != DONE:
             texts = (os.strerror(error), *OTHER_TEXTS)
             self.assertTrue(any(text in messages for text in texts), f"{run.what}: no cause in {messages!r}")
 
@@ -183,17 +129,17 @@ class Faults(ToolTest):
         job = Job(tuple(map(str, arguments)), output, changing)
         reference = Run(job, 0, errno.EIO, False)
         self.assertEqual(reference.result.returncode, DONE, reference.result.stderr)
-        job.reference, job.operations = reference.output, reference.operations
-        job.standard_output = reference.result.stdout
-        self.assertGreater(len(job.operations), 10)
-        every = range(1, len(job.operations) + 1) if os.environ.get("KELVANE_ALL_FAULTS") else telling(job.operations)
+        job.reference, job.standard_output = reference.output, reference.result.stdout
+        operations = reference.operations
+        self.assertGreater(len(operations), 10)
+        every = range(1, len(operations) + 1) if os.environ.get("KELVANE_ALL_FAULTS") else telling(operations)
         stride = int(os.environ.get("KELVANE_FAULT_STRIDE", "1"))
         cases = [case for at in every[::stride] for case in cases_at(at)]
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
             for run, (_, error, _) in zip(pool.map(lambda case: Run(job, *case), cases), cases, strict=True):
                 with self.subTest(run.what):
                     self.judge(job, run, error)
-        print(f"{job.arguments[0]}: {len(job.operations)} operations, {len(cases)} runs", file=sys.stderr)
+        print(f"{job.arguments[0]}: {len(operations)} operations, {len(cases)} runs", file=sys.stderr)
 
     def tearDown(self) -> None:
         self.assertEqual(snapshot(shared / "encrypted"), self.before, "the backup was changed")
