@@ -24,6 +24,11 @@ class LinkedBackup {
         fs::rename(copy.file(name), elsewhere);
         fs::create_symlink(elsewhere, copy.file(name));
     }
+    // A link to the target takes the place of the file.
+    void Replace(const std::string &name, const char *target) const {
+        copy.Remove(name);
+        fs::create_symlink(target, copy.file(name));
+    }
     Opened Open(KVBackupOpenOptions options = kKVBackupOpenDefault) const {
         return OpenPath(copy.root(), {sample_ == kEncrypted ? SamplePassword() : "",
                                       options | kKVBackupOpenKeepDeviceBoundKeysLocked,
@@ -71,6 +76,10 @@ testing::AssertionResult isRefused(const CopiedFile &copied, const std::string &
     return outer ? isLinkError(copied.error.GetUnderlying(), name) : outer;
 }
 
+testing::AssertionResult refuses(const LinkedBackup &backup, const StoredFile &stored) {
+    return isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name);
+}
+
 class Links : public testing::TestWithParam<Way> {
   protected:
     Links() { ZK::file::let_kernel_resolve(GetParam() == Way::KernelResolves); }
@@ -88,9 +97,7 @@ TEST_P(Links, InThePlaceOfStoredFilesAreRefused) {
         const LinkedBackup backup(sample);
         const StoredFile stored = storedFile(sample);
         backup.Link(stored.name);
-        EXPECT_TRUE(
-            isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name))
-            << sample;
+        EXPECT_TRUE(refuses(backup, stored)) << sample;
     }
 }
 
@@ -98,23 +105,21 @@ TEST_P(Links, InThePlaceOfFoldersAreRefused) {
     const LinkedBackup backup(kPlain);
     const StoredFile stored = storedFile(kPlain);
     backup.Link(stored.name.substr(0, 2));
-    EXPECT_TRUE(isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
+    EXPECT_TRUE(refuses(backup, stored));
 }
 
 TEST_P(Links, ThatLeadNowhereAreRefusedAndNotTakenForMissingFiles) {
     const LinkedBackup backup(kPlain);
     const StoredFile stored = storedFile(kPlain);
-    backup.copy.Remove(stored.name);
-    fs::create_symlink("nowhere", backup.copy.file(stored.name));
-    EXPECT_TRUE(isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
+    backup.Replace(stored.name, "nowhere");
+    EXPECT_TRUE(refuses(backup, stored));
 }
 
 TEST_P(Links, WithinTheBackupAreRefusedToo) {
     const LinkedBackup backup(kPlain);
     const StoredFile stored = storedFile(kPlain);
-    backup.copy.Remove(stored.name);
-    fs::create_symlink("../Info.plist", backup.copy.file(stored.name));
-    EXPECT_TRUE(isRefused(CopyFileForPath(backup.Open(), stored.domain, stored.path), stored.name));
+    backup.Replace(stored.name, "../Info.plist");
+    EXPECT_TRUE(refuses(backup, stored));
 }
 
 TEST_P(Links, InThePlaceOfMetadataAreRefused) {
@@ -173,8 +178,7 @@ TEST_P(Links, ThatComeBeforeAFileIsReadAreRefused) {
     backup.copy.directory().write("secret", kSecret);
     const CopiedFile loaded = CopyFileForPath(backup.Open(), stored.domain, stored.path);
     ASSERT_TRUE(loaded.file);
-    backup.copy.Remove(stored.name);
-    fs::create_symlink("../../secret", backup.copy.file(stored.name));
+    backup.Replace(stored.name, "../../secret");
     EXPECT_EQ(KVFileGetDataQuickly(loaded.file.get()), std::nullopt);
     try {
         ReadContent(loaded.file.get());

@@ -24,28 +24,30 @@ TEST(MetadataError, IsNullForWhatWasReadOrIsMissingOrNoMetadata) {
     }
 }
 
-TEST(MetadataError, HasTheReasonOfTheParser) {
+// What a backup has to say of a metadata file with that content.
+CF::Error metadataErrorOf(const char *name, const char *content) {
     const BackupCopy copy(kPlain);
-    copy.Write("Info.plist", kNoList);
-    const CF::Error error = metadataError(OpenPath(copy.root()).get(), "Info.plist");
+    copy.Write(name, content);
+    return metadataError(OpenPath(copy.root()).get(), name);
+}
+
+TEST(MetadataError, HasTheReasonOfTheParser) {
+    const CF::Error error = metadataErrorOf("Info.plist", kNoList);
     EXPECT_TRUE(IsError(error, kKVErrorInvalidMetadata,
                         "The file is no property list that can be read (Info.plist)"));
     EXPECT_TRUE(error.GetUnderlying());
 }
 
 TEST(MetadataError, TellsOfAnEmptyFile) {
-    const BackupCopy copy(kPlain);
-    copy.Write("Info.plist", "");
-    EXPECT_TRUE(IsError(metadataError(OpenPath(copy.root()).get(), "Info.plist"),
-                        kKVErrorInvalidMetadata, "The file is empty (Info.plist)"));
+    EXPECT_TRUE(IsError(metadataErrorOf("Info.plist", ""), kKVErrorInvalidMetadata,
+                        "The file is empty (Info.plist)"));
 }
 
 TEST(MetadataError, TellsOfARootThatIsNoDictionary) {
-    const BackupCopy copy(kPlain);
-    copy.Write("Manifest.plist", "<plist version=\"1.0\"><array/></plist>");
-    EXPECT_TRUE(IsError(metadataError(OpenPath(copy.root()).get(), "Manifest.plist"),
-                        kKVErrorInvalidMetadata,
-                        "The root of the property list is no dictionary (Manifest.plist)"));
+    EXPECT_TRUE(
+        IsError(metadataErrorOf("Manifest.plist", "<plist version=\"1.0\"><array/></plist>"),
+                kKVErrorInvalidMetadata,
+                "The root of the property list is no dictionary (Manifest.plist)"));
 }
 
 TEST(MetadataError, GoesWithTheDictionaryThatTheHostSets) {
