@@ -23,13 +23,14 @@ from backup_reader.manifest import Entry
 PLISTS = ("Manifest.plist", "Info.plist", "Status.plist")
 # Writers of database records have always stored times before 2001 that much too late.
 REFERENCE_DATE, LATENESS = 978307200, 2**32
+LARGEST_OWNER = 2**32 - 1
 
 Place = tuple[str, str]
 
 
-def read(path: Path) -> Backup:
+def read(path: Path, strict: bool = False) -> Backup:
     encrypted = plistlib.loads(raw(path)["Manifest.plist"])["IsEncrypted"]
-    return Backup(path, PASSWORD.encode() if encrypted else None)
+    return Backup(path, PASSWORD.encode() if encrypted else None, strict)
 
 
 def raw(path: Path) -> dict[str, bytes]:
@@ -41,7 +42,12 @@ def raw(path: Path) -> dict[str, bytes]:
 
 
 def stored_time(seconds: int, version: str) -> int:
-    return seconds if version == BINARY_VERSION or seconds >= REFERENCE_DATE else seconds + LATENESS
+    """A database gets 32 bits of what has passed since the reference date."""
+    return seconds if version == BINARY_VERSION else (seconds - REFERENCE_DATE) % LATENESS + REFERENCE_DATE
+
+
+def stored_owner(number: int, version: str) -> int:
+    return number if version == BINARY_VERSION else number & LARGEST_OWNER
 
 
 def content_of(backup: Backup, entry: Entry) -> str | None:
@@ -56,11 +62,12 @@ def content_of(backup: Backup, entry: Entry) -> str | None:
 def facts(backup: Backup, entry: Entry, version: str | None = None) -> dict[str, Any]:
     """All that a manifest says of an entry and what its content is; with a version, as that would be written."""
     times = {name: getattr(entry, name) for name in ("birth", "modified", "changed")}
+    owners = {name: getattr(entry, name) for name in ("uid", "gid")}
     if version is not None:
         times = {name: stored_time(seconds, version) for name, seconds in times.items()}
-    return times | {name: getattr(entry, name) for name in (
-        "file_id", "target", "mode", "uid", "gid", "inode", "size", "protection", "digest", "key",
-        "attributes")} | {
+        owners = {name: stored_owner(number, version) for name, number in owners.items()}
+    return times | owners | {name: getattr(entry, name) for name in (
+        "file_id", "target", "mode", "inode", "size", "protection", "digest", "key", "attributes")} | {
         "sha256": content_of(backup, entry)}
 
 
@@ -94,6 +101,10 @@ class ResultTest(ToolTest):
         summary = json.loads(found.stdout)
         self.assertEqual((summary["entries"], summary["sourceFiles"]), (len(backup.entries), len(raw(path))))
         self.assert_no_leftovers()
+
+    def assert_device_form(self, path: Path) -> None:
+        """Every record, row, size, digest and padding is as devices write it, and accounted for."""
+        self.assertEqual(list(account(read(path, strict=True))), [])
 
     def assert_forms(self, path: Path, backup: Backup) -> None:
         files = raw(path)

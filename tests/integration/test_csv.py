@@ -20,6 +20,8 @@ from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, TIMEOUT, Too
 HEADER = ("fileID", "domain", "relativePath", "fileTypeFlags", "relativePath2", "target", "digest", "encryptionKey",
           "mode", "inodeNumber", "userID", "groupID", "lastModified", "lastStatusChange", "birth", "size",
           "protectionClass", "extendedAttributes")
+# Owners are dumped without a sign.
+LARGEST_OWNER = 2**32 - 1
 FLAGS = {"file": "1", "directory": "2", "symlink": "4"}
 
 
@@ -35,7 +37,8 @@ def expected_row(entry: dict[str, Any]) -> dict[str, str]:
     return {
         "fileID": entry["fileID"], "domain": entry["domain"], "relativePath": entry["path"],
         "fileTypeFlags": FLAGS[entry["type"]], "relativePath2": entry["path"], "target": entry["target"],
-        "digest": digest, "mode": str(entry["mode"]), "userID": str(entry["uid"]), "groupID": str(entry["gid"]),
+        "digest": digest, "mode": str(entry["mode"]), "userID": str(entry["uid"] & LARGEST_OWNER),
+        "groupID": str(entry["gid"] & LARGEST_OWNER),
         "lastModified": str(entry["modified"]), "lastStatusChange": str(entry["changed"]),
         "birth": str(entry["birth"]), "size": str(entry["size"]),
         "protectionClass": str(entry["protectionClass"])}

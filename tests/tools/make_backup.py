@@ -40,7 +40,7 @@ def parser() -> argparse.ArgumentParser:
 
 def add_encryption(result: argparse.ArgumentParser) -> None:
     add = result.add_argument_group("encryption").add_argument
-    add("--encrypted", action="store_true", help="encrypt (readers accept it with 3.2 and 3.3 only)")
+    add("--encrypted", action="store_true", help="encrypt (readers accept it with 2.4, 3.2 and 3.3)")
     add("--password-file", type=Path, metavar="FILE", help="its first line is the password")
     add("--device-bound", action="store_true", help="wrap classes 5, 9, 10 and 11 under a key of the device")
     add("--device-bound-files", type=int, default=0, metavar="N", help="add files that need such a class")
@@ -48,6 +48,9 @@ def add_encryption(result: argparse.ArgumentParser) -> None:
     add("--dp-iterations", type=int, default=10_000_000, metavar="N", help="first derivation (default 10000000)")
     add("--keybag-version", type=int, choices=(3, 5), default=5, help="default 5")
     add("--without-dpwt", action="store_true", help="leave the DPWT record out, as old devices do")
+    add("--old-keybag", action="store_true", help="one derivation alone, without DPWT, DPIC and DPSL (always for 2.4)")
+    add("--manifest-form", choices=("padded", "unpadded", "decrypted"), default="padded",
+        help="how an encrypted backup's Manifest.db lies there; other programs leave it unpadded or decrypted")
 
 
 def add_contents(result: argparse.ArgumentParser) -> None:
@@ -103,6 +106,8 @@ def check(options: Options) -> None:
         raise ValueError("--device-bound-files needs --encrypted --device-bound")
     if "device-bound" in options.hostile and not options.device_bound:
         raise ValueError("--hostile device-bound needs --device-bound")
+    if options.manifest_form != "padded" and (options.binary_manifest or not options.encrypted):
+        raise ValueError("--manifest-form needs an encrypted database")
     if options.deflated and not options.zipped:
         raise ValueError("--deflate needs --zip")
     if options.rows is not None and options.rows < 1:

@@ -5,6 +5,7 @@
     read_backup.py BACKUP --json                       the same, one JSON object a line
     read_backup.py BACKUP --info                       a JSON object that describes the backup
     read_backup.py BACKUP --account                    everything in it that is not as it should be, a line each
+    read_backup.py BACKUP --strict                     the same, and also whatever devices write in another form
     read_backup.py BACKUP --extract DIR                every entry as DIR/DOMAIN/PATH; DIR must not exist
     read_backup.py BACKUP --password-file FILE ...     for an encrypted one
 
@@ -81,11 +82,11 @@ def run(arguments: argparse.Namespace) -> int:
     password = None
     if arguments.password_file is not None:
         password = (arguments.password_file.read_bytes().splitlines() or [b""])[0]
-    backup = Backup(arguments.backup, password)
+    backup = Backup(arguments.backup, password, arguments.strict)
     if arguments.info:
         print(json.dumps(backup.info()))
         return 0
-    if arguments.account:
+    if arguments.account or arguments.strict:
         faults = list(account(backup))
         for fault in faults:
             print(ascii(fault))
@@ -106,6 +107,7 @@ def main() -> int:
     parser.add_argument("--json", action="store_true")
     parser.add_argument("--info", action="store_true")
     parser.add_argument("--account", action="store_true")
+    parser.add_argument("--strict", action="store_true")
     parser.add_argument("--extract", type=Path, metavar="DIR")
     try:
         return run(parser.parse_args())

@@ -15,8 +15,9 @@ from typing import Any
 
 from backup_maker import mbdb
 from backup_maker.model import Entry, FILE, Stored
-from backup_reader.keys import parse_blocks, parse_records
-from tool_testing import ToolTest, plain_backup, run_tool, tree_of
+from backup_reader.backup import decrypt
+from backup_reader.keys import KeyBag, parse_blocks, parse_records
+from tool_testing import PASSWORD, ToolTest, plain_backup, run_tool, tree_of
 
 
 def plist(backup: Path, name: str) -> dict[str, Any]:
@@ -33,6 +34,15 @@ def query(backup: Path, statement: str) -> list[tuple[Any, ...]]:
         return connection.execute(statement).fetchall()
     finally:
         connection.close()
+
+
+def query_encrypted(test: ToolTest, backup: Path, statement: str) -> list[tuple[Any, ...]]:
+    values = plist(backup, "Manifest.plist")
+    key = KeyBag(values["BackupKeyBag"], PASSWORD.encode()).unlock(values["ManifestKey"])
+    plain = test.folder / "plain manifest"
+    plain.mkdir()
+    (plain / "Manifest.db").write_bytes(b"".join(decrypt(iter([(backup / "Manifest.db").read_bytes()]), key)))
+    return query(plain, statement)
 
 
 def archives(backup: Path, condition: str = "1") -> list[dict[str, Any]]:
@@ -74,14 +84,16 @@ class RoundTrip(ToolTest):
     def test_every_encrypted_variant(self) -> None:
         variants = (("--version", "3.2"), ("--version", "3.3", "--device-bound"), ("--keybag-version", "3"),
                     ("--without-dpwt",), ("--device-bound", "--zip"), ("--device-bound", "--device-bound-files", "2"),
-                    ("--journal-mode", "delete"), ("--seed", "other", "--placeholders", "5"))
+                    ("--journal-mode", "delete"), ("--seed", "other", "--placeholders", "5"),
+                    ("--version", "2.4"), ("--old-keybag",), ("--manifest-form", "unpadded"),
+                    ("--manifest-form", "decrypted"))
         for index, options in enumerate(variants):
             with self.subTest(options):
                 self.assert_reads_as_expected(self.make(str(index), *self.encrypted(*options)))
 
     def test_encryption_with_versions_that_know_none(self) -> None:
         """Readers have to refuse these, so they must be right in every other respect."""
-        for version in ("2.4", "3.0", "3.1"):
+        for version in ("3.0", "3.1"):
             with self.subTest(version):
                 self.assert_reads_as_expected(self.make(version, *self.encrypted("--version", version)))
 
@@ -171,6 +183,13 @@ class KeyBagForm(ToolTest):
         self.assertEqual(records[:2], [("VERS", b"\0\0\0\3"), ("TYPE", b"\0\0\0\1")])
         self.assertNotIn("DPWT", keybag_blocks(backup)[0])
 
+    def test_the_keybag_of_one_derivation(self) -> None:
+        for options in (("--version", "2.4"), ("--old-keybag",)):
+            with self.subTest(options):
+                backup = self.make(options[-1], *self.encrypted(*options))
+                self.assertEqual(set(keybag_blocks(backup)[0]), {"UUID", "HMCK", "WRAP", "SALT", "ITER"})
+        self.assertNotIn("ManifestKey", plist(self.folder / "2.4", "Manifest.plist"))
+
     def test_iterations_default_to_a_device_s(self) -> None:
         header = keybag_blocks(self.make("plain", "--tree", "none"))[0]
         self.assertEqual([int.from_bytes(header[tag], "big") for tag in ("ITER", "DPIC")], [10_000, 10_000_000])
@@ -180,8 +199,20 @@ class DatabaseForm(ToolTest):
     def test_schema(self) -> None:
         backup = plain_backup()
         statements = [sql for sql, in query(backup, "SELECT sql FROM sqlite_master WHERE sql IS NOT NULL")]
-        self.assertIn("CREATE INDEX FilesDomainIdx ON Files(domain)", statements)
-        self.assertEqual(query(backup, "PRAGMA user_version") + query(backup, "PRAGMA page_size"), [(2,), (4096,)])
+        self.assertEqual(statements, [
+            "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB)",
+            "CREATE INDEX FilesDomainIdx ON Files(domain)",
+            "CREATE INDEX FilesRelativePathIdx ON Files(relativePath)",
+            "CREATE INDEX FilesFlagsIdx ON Files(flags)",
+            "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB)"])
+        wanted = {"user_version": 2, "page_size": 4096, "auto_vacuum": 2, "schema_version": 5, "application_id": 0}
+        self.assertEqual({name: query(backup, f"PRAGMA {name}")[0][0] for name in wanted}, wanted)
+
+    def test_rows_lie_in_no_order_of_names(self) -> None:
+        rows = query(plain_backup(), "SELECT domain, relativePath FROM Files ORDER BY rowid")
+        self.assertNotEqual(rows, sorted(rows))
+        self.assertEqual(rows, [(entry["domain"], entry["path"])
+                                for entry in self.expectations(plain_backup())["entries"]])
 
     def test_header_names_no_build_of_sqlite(self) -> None:
         header = (plain_backup() / "Manifest.db").read_bytes()[:100]
@@ -200,18 +231,36 @@ class DatabaseForm(ToolTest):
 
 
 class RecordForm(ToolTest):
-    KEYS = ["LastModified", "Flags", "GroupID", "$class", "LastStatusChange", "RelativePath", "Birth", "Size",
-            "InodeNumber", "Mode", "UserID", "ProtectionClass"]
+    DIRECTORY = ["LastModified", "Flags", "GroupID", "$class", "LastStatusChange", "RelativePath", "Birth", "Size",
+                 "InodeNumber", "Mode", "UserID", "ProtectionClass"]
+    LINK = [*DIRECTORY[:3], "Target", *DIRECTORY[3:]]
+    WITH_KEY = ["LastModified", "Flags", "GroupID", "$class", "LastStatusChange", "RelativePath", "Birth",
+                "EncryptionKey", "Size", "Mode", "UserID", "InodeNumber", "ProtectionClass"]
+    WITH_BOTH = ["LastModified", "ProtectionClass", "Flags", "GroupID", "$class", "LastStatusChange", "RelativePath",
+                 "Birth", "EncryptionKey", "Size", "Mode", "UserID", "Digest", "InodeNumber"]
 
-    def test_records_have_their_keys_in_a_device_s_order(self) -> None:
-        backup = plain_backup()
-        for archive in archives(backup):
+    def test_records_begin_alike(self) -> None:
+        for archive in archives(plain_backup()):
             self.assertEqual(list(archive), ["$version", "$archiver", "$top", "$objects"])
             objects = archive["$objects"]
-            self.assertEqual(list(objects[1])[:12], self.KEYS)
             self.assertEqual((objects[0], archive["$top"]["root"]), ("$null", plistlib.UID(1)))
             self.assertEqual(objects[1]["RelativePath"], plistlib.UID(2))
             self.assertEqual(objects[-1], {"$classname": "MBFile", "$classes": ["MBFile", "NSObject"]})
+
+    def test_records_have_their_keys_in_a_device_s_order(self) -> None:
+        backup = self.make("encrypted", *self.encrypted())
+        orders: dict[int, set[tuple[str, ...]]] = {}
+        for flags, blob in query_encrypted(self, backup, "SELECT flags, file FROM Files"):
+            keys = [key for key in plistlib.loads(blob)["$objects"][1] if key != "ExtendedAttributes"]
+            orders.setdefault(flags, set()).add(tuple(keys))
+        self.assertEqual(orders, {1: {tuple(self.WITH_KEY), tuple(self.WITH_BOTH)}, 2: {tuple(self.DIRECTORY)},
+                                  4: {tuple(self.LINK)}})
+
+    def test_owners_and_flags_of_the_record(self) -> None:
+        records = [archive["$objects"][1] for archive in archives(plain_backup())]
+        self.assertEqual({record["UserID"] for record in records}, {501, 0, -2})
+        self.assertEqual({record["GroupID"] for record in records}, {501, 0, -2})
+        self.assertEqual(Counter(record["Flags"] for record in records)[128], 2)
 
     def test_keys_are_wrapped_in_mutable_data(self) -> None:
         found = 0
@@ -261,7 +310,9 @@ class Contents(ToolTest):
         sizes = {entry["size"] for entry in entries}
         self.assertLessEqual({0, 1, 15, 16, 17, 32767, 32768, 32769, 100000}, sizes)
         self.assertEqual({entry["protectionClass"] for entry in entries if entry["type"] == "file"}, {1, 2, 3, 4})
-        self.assertEqual({entry["protectionClass"] for entry in entries if entry["type"] == "directory"}, {0})
+        classes = Counter(entry["protectionClass"] for entry in entries if entry["type"] == "directory")
+        self.assertLessEqual(set(classes), {0, 1, 3, 4})
+        self.assertTrue(0 < sum(classes.values()) - classes[0] < classes[0] / 5, classes)
         times = {entry["modified"] for entry in entries}
         self.assertTrue(min(times) < 0 and max(times) > 2**32 and 946_684_800 in times)
 
@@ -271,6 +322,14 @@ class Contents(ToolTest):
                               "trailing blank ", "back\\slash.txt", "L" * 255}, names)
         self.assertEqual(max(len(name.encode()) for name in names), 255)
 
+    def test_forms_of_an_encrypted_manifest(self) -> None:
+        lengths = {}
+        for form in ("padded", "unpadded", "decrypted"):
+            data = (self.make(form, *self.encrypted("--manifest-form", form)) / "Manifest.db").read_bytes()
+            lengths[form] = len(data) % 4096
+            self.assertEqual(data.startswith(b"SQLite format 3\0"), form == "decrypted")
+        self.assertEqual(lengths, {"padded": 16, "unpadded": 0, "decrypted": 0})
+
     def test_stored_names_are_plain(self) -> None:
         for name, options, depth in (("flat", ("--version", "2.4"), 1), ("nested", (), 2)):
             backup = self.make(name, *options)
@@ -278,13 +337,17 @@ class Contents(ToolTest):
             self.assertEqual({len(Path(entry).parts) for entry in stored}, {depth})
             self.assertTrue(all(len(Path(entry).name) == 40 for entry in stored))
 
-    def test_empty_files_of_an_encrypted_backup_are_stored_in_both_ways(self) -> None:
-        backup = self.make("encrypted", *self.encrypted())
+    def test_empty_files_of_an_encrypted_backup_are_stored_as_padding(self) -> None:
+        self.assertEqual(self.stored_lengths_of_empty_files(), {16})
+
+    def test_other_writers_store_nothing_for_them(self) -> None:
+        self.assertEqual(self.stored_lengths_of_empty_files("--hostile", "empty-without-padding"), {0, 16})
+
+    def stored_lengths_of_empty_files(self, *options: str) -> set[int]:
+        backup = self.make("encrypted", *self.encrypted(*options))
         stored = tree_of(backup)
-        lengths = Counter(len(stored[f"{entry['fileID'][:2]}/{entry['fileID']}"])
-                          for entry in self.expectations(backup)["entries"]
-                          if entry["type"] == "file" and entry["size"] == 0)
-        self.assertEqual(set(lengths), {0, 16})
+        return {len(stored[f"{entry['fileID'][:2]}/{entry['fileID']}"])
+                for entry in self.expectations(backup)["entries"] if entry["type"] == "file" and entry["size"] == 0}
 
 
 class Traps(ToolTest):
@@ -317,6 +380,7 @@ class Refusals(ToolTest):
         self.assert_refused("--hostile key-short needs an encrypted backup", "--hostile", "key-short")
         self.assert_refused("--hostile stored-fifo needs a directory", "--hostile", "stored-fifo", "--zip")
         self.assert_refused("--deflate needs --zip", "--deflate")
+        self.assert_refused("--manifest-form needs an encrypted database", "--manifest-form", "unpadded")
         self.assert_refused("--rows needs at least 1", "--rows", "0")
 
     def test_an_existing_output(self) -> None:

@@ -11,9 +11,11 @@ import shutil
 import sqlite3
 import subprocess
 import unittest
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+from backup_reader.backup import Backup
 from backup_reader.keys import KeyBag
 from tool_testing import PASSWORD, ToolTest, plain_backup, run_tool
 
@@ -108,6 +110,13 @@ class Damage(ToolTest):
                 connection.execute("UPDATE Files SET file = ? WHERE fileID = ?", values)
         connection.close()
         self.assert_reads_as_expected(self.backup)
+
+
+def with_bare_key(archive: dict[str, Any]) -> dict[str, Any]:
+    record, objects = archive["$objects"][1], archive["$objects"]
+    if "EncryptionKey" in record:
+        objects[record["EncryptionKey"].data] = objects[record["EncryptionKey"].data]["NS.data"]
+    return archive
 
 
 def without_uids(value: Any) -> Any:
@@ -227,6 +236,135 @@ class Account(ToolTest):
         found = [fault for fault in self.faults(backup) if "above it is no directory" not in fault]
         self.assertTrue(found)
         self.assertTrue(all(f"{variant}.txt" in fault for fault in found), found)
+
+
+class Strictness(ToolTest):
+    """`--strict`: nothing about what devices write, a line about every other form that a backup may have."""
+
+    def faults(self, backup: Path) -> list[str]:
+        result = self.read(backup, "--strict")
+        self.assertEqual(result.returncode, 1 if result.stdout else 0, result.stderr)
+        return result.stdout.splitlines()
+
+    def lenient_faults(self, backup: Path) -> list[str]:
+        return self.read(backup, "--account").stdout.splitlines()
+
+    def changed_records(self, change: Callable[[dict[str, Any]], dict[str, Any]]) -> Path:
+        """A backup each of whose records was changed."""
+        backup = self.make("changed", "--tree", "small")
+        connection = sqlite3.connect(f"{(backup / 'Manifest.db').as_uri()}", uri=True)
+        connection.execute("PRAGMA journal_mode=DELETE").fetchall()
+        with connection:
+            for file_id, blob in connection.execute("SELECT fileID, file FROM Files").fetchall():
+                changed = plistlib.dumps(change(plistlib.loads(blob)), fmt=plistlib.FMT_BINARY, sort_keys=False)
+                connection.execute("UPDATE Files SET file = ? WHERE fileID = ?", (changed, file_id))
+        connection.close()
+        return backup
+
+    def changed_field(self, key: str, value: Any) -> Path:
+        def change(archive: dict[str, Any]) -> dict[str, Any]:
+            archive["$objects"][1][key] = value
+            return archive
+        return self.changed_records(change)
+
+    def assert_refused(self, backup: Path, *reasons: str) -> None:
+        """Strictly for each reason, and otherwise not at all."""
+        found = "\n".join(self.faults(backup))
+        for reason in reasons:
+            self.assertIn(reason, found)
+        self.assertEqual(self.lenient_faults(backup), [])
+
+    def test_what_devices_write_passes(self) -> None:
+        for name, options in (("old", ("--version", "2.4")), ("new", ("--placeholders", "2")), ("zip.zip", ("--zip",)),
+                              ("encrypted", self.encrypted("--device-bound")),
+                              ("encrypted-old", self.encrypted("--version", "2.4"))):
+            with self.subTest(name):
+                self.assertEqual(self.faults(self.make(name, *options)), [])
+
+    def test_references_as_dictionaries(self) -> None:
+        self.assert_refused(self.changed_records(without_uids), "the root is {'root': {'CF$UID': 1}}")
+
+    def test_keys_that_are_not_wrapped(self) -> None:
+        self.assert_refused(self.changed_records(with_bare_key), "the key is not wrapped")
+
+    def test_owners_without_sign(self) -> None:
+        self.assert_refused(self.changed_field("UserID", 2**32 - 2), "UserID is 4294967294")
+
+    def test_times_that_are_too_late(self) -> None:
+        self.assert_refused(self.changed_field("Birth", 2**32 + 315_532_800), "Birth is 2**32 seconds too late")
+
+    def test_fields_that_no_device_writes(self) -> None:
+        self.assert_refused(self.changed_field("Colour", 1), "the record holds ['Colour']")
+
+    def test_records_that_lack_a_field(self) -> None:
+        def change(archive: dict[str, Any]) -> dict[str, Any]:
+            del archive["$objects"][1]["Flags"]
+            return archive
+        self.assert_refused(self.changed_records(change), "the record cannot be read: KeyError('Flags')")
+
+    def test_objects_that_nothing_refers_to(self) -> None:
+        def change(archive: dict[str, Any]) -> dict[str, Any]:
+            archive["$objects"].insert(-1, "left over")
+            archive["$objects"][1]["$class"] = plistlib.UID(len(archive["$objects"]) - 1)
+            return archive
+        self.assert_refused(self.changed_records(change), "nothing refers to the objects")
+
+    def test_another_schema(self) -> None:
+        backup = self.make("schema", "--tree", "small", "--journal-mode", "delete")
+        connection = sqlite3.connect(backup / "Manifest.db")
+        with connection:
+            connection.execute("DROP INDEX FilesFlagsIdx")
+            connection.execute("CREATE INDEX FilesFlagsIdx ON Files (flags)")
+        connection.execute("PRAGMA auto_vacuum=NONE")
+        connection.execute("VACUUM")
+        connection.close()
+        self.assert_refused(backup, "FilesFlagsIdx is made by 'CREATE INDEX FilesFlagsIdx ON Files (flags)'",
+                            "auto_vacuum is 0")
+
+    def test_what_later_systems_add_passes(self) -> None:
+        backup = self.make("later", "--tree", "small", "--journal-mode", "delete")
+        connection = sqlite3.connect(backup / "Manifest.db")
+        with connection:
+            connection.execute("ALTER TABLE Files ADD COLUMN colour TEXT")
+            connection.execute("CREATE TABLE Colours (name TEXT)")
+        connection.close()
+        self.assertEqual(self.faults(backup), [])
+
+    def test_empty_files_without_padding(self) -> None:
+        for version in ("2.4", "3.3"):
+            backup = self.make(version, *self.encrypted("--version", version, "--hostile", "empty-without-padding"))
+            [fault] = [fault for fault in self.faults(backup) if "above it is no directory" not in fault]
+            self.assertIn("nothing is stored, not even padding", fault)
+
+    def test_sizes_and_digests_of_what_they_are_not(self) -> None:
+        """The size of the ciphertext, and a digest of the plaintext."""
+        backup = self.make("old", *self.encrypted("--version", "2.4", "--tree", "none", "--size-of-one", "5"))
+        entry = next(entry for entry in self.expectations(backup)["entries"] if entry["type"] == "file")
+        path = backup / "Manifest.mbdb"
+        size = (5).to_bytes(8, "big") + bytes([entry["protectionClass"], 0])
+        self.assertEqual(path.read_bytes().count(size), 1)
+        path.write_bytes(path.read_bytes().replace(size, (16).to_bytes(8, "big") + size[8:]))
+        self.assert_refused(backup, "5 bytes instead of 16")
+        plain = Backup(backup, PASSWORD.encode())
+        digest = hashlib.sha1(b"".join(plain.content(next(e for e in plain.entries if e.kind == "file")))).digest()
+        changed = path.read_bytes().replace(bytes.fromhex(entry["digest"]), digest)
+        path.write_bytes(changed.replace((16).to_bytes(8, "big") + size[8:], size))
+        self.assert_refused(backup, "the digest does not match")
+
+    def test_metadata(self) -> None:
+        backup = self.make("metadata", "--tree", "small")
+        values = plistlib.loads((backup / "Manifest.plist").read_bytes())
+        del values["BackupKeyBag"]
+        (backup / "Manifest.plist").write_bytes(plistlib.dumps(values | {"ManifestKey": bytes(44)}))
+        (backup / "Info.plist").write_bytes(b"")
+        self.assert_refused(backup, "holds no keybag", "a manifest key that opens nothing",
+                            "Info.plist is no property list")
+
+    def test_manifests_of_other_programs(self) -> None:
+        for form in ("unpadded", "decrypted"):
+            backup = self.make(form, *self.encrypted("--manifest-form", form))
+            result = self.read(backup, "--strict")
+            self.assertEqual((result.returncode, self.lenient_faults(backup)), (2, []), result.stderr)
 
 
 if __name__ == "__main__":

@@ -25,8 +25,12 @@ void readAttributes(const KVManifestEntryClass *entry, EntryRecord &record) {
     CFDateRef birth = nullptr;
     CFDateRef modified = nullptr;
     CFDateRef changed = nullptr;
-    KVManifestEntryCopyFilesystemAttributes(entry, &record.mode, &record.uid, &record.gid, &birth,
-                                            &modified, &changed);
+    std::uint32_t uid = 0;
+    std::uint32_t gid = 0;
+    KVManifestEntryCopyFilesystemAttributes(entry, &record.mode, &uid, &gid, &birth, &modified,
+                                            &changed);
+    record.uid = static_cast<std::int32_t>(uid);
+    record.gid = static_cast<std::int32_t>(gid);
     record.birth = UnixSeconds(CF::Date::Adopt(birth));
     record.modified = UnixSeconds(CF::Date::Adopt(modified));
     record.changed = UnixSeconds(CF::Date::Adopt(changed));

@@ -19,8 +19,9 @@ struct EntryRecord {
     EntryType type = EntryType::Other;
     std::string target;
     std::uint16_t mode = 0;
-    std::uint32_t uid = 0;
-    std::uint32_t gid = 0;
+    // Signed, as devices mean them: -2 is nobody.
+    std::int32_t uid = 0;
+    std::int32_t gid = 0;
     // Unix seconds.
     std::int64_t birth = 0;
     std::int64_t modified = 0;

@@ -27,7 +27,7 @@ void listDomains(const Container &container, bool json) {
 
 std::string detailText(const EntryRecord &record) {
     std::array<char, 96> text;
-    std::snprintf(text.data(), text.size(), "%s %5u %5u %14lld ", ModeText(record).c_str(),
+    std::snprintf(text.data(), text.size(), "%s %5d %5d %14lld ", ModeText(record).c_str(),
                   record.uid, record.gid, static_cast<long long>(record.size));
     return text.data() + DateText(record.modified) + "  ";
 }

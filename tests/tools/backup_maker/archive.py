@@ -46,16 +46,24 @@ class ObjectTable:
         return uid
 
 
-def record_of(stored: Stored) -> dict[str, Any]:
-    """The record without its references, each key in its place."""
+# The order of a hash table, which differs by what a record holds.
+ORDER = ("LastModified", "Flags", "GroupID", "Target", "$class", "LastStatusChange", "RelativePath", "Birth", "Size",
+         "InodeNumber", "Mode", "UserID", "ProtectionClass", "ExtendedAttributes")
+ORDER_WITH_KEY = (
+    "LastModified", "Flags", "GroupID", "Target", "$class", "LastStatusChange", "RelativePath", "Birth",
+    "EncryptionKey", "Size", "Mode", "UserID", "InodeNumber", "ProtectionClass", "ExtendedAttributes")
+ORDER_WITH_DIGEST = (
+    "LastModified", "ProtectionClass", "Flags", "GroupID", "Target", "$class", "LastStatusChange", "RelativePath",
+    "Birth", "EncryptionKey", "Size", "Mode", "UserID", "Digest", "InodeNumber", "ExtendedAttributes")
+
+
+def numbers_of(stored: Stored) -> dict[str, Any]:
     entry = stored.entry
     return {
         "LastModified": entry.modified,
-        "Flags": 0,
+        "Flags": entry.record_flags,
         "GroupID": entry.gid,
-        "$class": None,
         "LastStatusChange": entry.changed,
-        "RelativePath": None,
         "Birth": entry.birth,
         "Size": entry.size,
         "InodeNumber": entry.inode,
@@ -82,11 +90,14 @@ def add_optional_fields(table: ObjectTable, record: dict[str, Any], stored: Stor
 def encode(stored: Stored) -> bytes:
     """The value of the `file` column for an entry."""
     table = ObjectTable()
-    record = record_of(stored)
+    fields = numbers_of(stored)
+    record: dict[str, Any] = {}
     root = table.add(record)
-    record["RelativePath"] = table.add(stored.entry.path)
-    add_optional_fields(table, record, stored)
-    record["$class"] = table.add_class("MBFile", "NSObject")
+    fields["RelativePath"] = table.add(stored.entry.path)
+    add_optional_fields(table, fields, stored)
+    fields["$class"] = table.add_class("MBFile", "NSObject")
+    order = ORDER_WITH_DIGEST if "Digest" in fields else ORDER_WITH_KEY if "EncryptionKey" in fields else ORDER
+    record.update((key, fields[key]) for key in order if key in fields)
     return binary({
         "$version": ARCHIVER_VERSION,
         "$archiver": "NSKeyedArchiver",

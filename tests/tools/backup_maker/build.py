@@ -39,7 +39,11 @@ class BackupMaker:
 
     def _entries(self) -> list[Entry]:
         maker = TreeMaker(self._options, self._randomness, self._device)
-        return maker.entries() + hostile.entries(self._options, maker)
+        return self._as_added(maker.entries()) + hostile.entries(self._options, maker)
+
+    def _as_added(self, entries: list[Entry]) -> list[Entry]:
+        """A device lists its files as they turn up, by no order of names."""
+        return sorted(entries, key=lambda entry: self._randomness.octets(f"order/{entry.label}", 16))
 
     def _write_manifest(self, sink: Sink, contents: list[Stored], manifest_key: bytes) -> None:
         if self._options.binary_manifest:
@@ -70,8 +74,8 @@ def write_database(sink: Sink, rows: Iterable[database.Row], options: Options, m
         path = Path(folder) / "Manifest.db"
         database.write(path, rows, options.journal_mode)
         chunks = file_chunks(path)
-        if options.encrypted:
-            chunks = encrypted(chunks, Encryptor(manifest_key))
+        if options.encrypted and options.manifest_form != "decrypted":
+            chunks = encrypted(chunks, Encryptor(manifest_key), options.manifest_form == "padded")
         with sink.writer("Manifest.db", path.stat().st_size) as out:
             for chunk in chunks:
                 out.write(chunk)

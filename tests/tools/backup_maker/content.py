@@ -51,10 +51,11 @@ class Encryptor:
         return self._context.update(padding) + self._context.finalize()
 
 
-def encrypted(chunks: Iterator[bytes], encryptor: Encryptor) -> Iterator[bytes]:
+def encrypted(chunks: Iterator[bytes], encryptor: Encryptor, padded: bool = True) -> Iterator[bytes]:
     for chunk in chunks:
         yield encryptor.update(chunk)
-    yield encryptor.finish()
+    if padded:
+        yield encryptor.finish()
 
 
 def hashed(chunks: Iterator[bytes], update: Callable[[bytes], None]) -> Iterator[bytes]:
@@ -129,7 +130,8 @@ class ContentWriter:
         return blob
 
     def _sealed(self, entry: Entry, key: bytes, plain: Iterator[bytes]) -> Iterator[bytes]:
-        if self._options.encrypted and not entry.stored_empty:
+        # Other writers store an empty file as nothing at all, where devices write a block of padding.
+        if self._options.encrypted and entry.hostile != "empty-without-padding":
             return encrypted(plain, Encryptor(key, entry.damage != "cipher-padding"))
         return plain
 

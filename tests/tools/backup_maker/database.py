@@ -13,10 +13,10 @@ from pathlib import Path
 
 SCHEMA = (
     "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB)",
-    "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB)",
     "CREATE INDEX FilesDomainIdx ON Files(domain)",
-    "CREATE INDEX FilesFlagsIdx ON Files(flags)",
     "CREATE INDEX FilesRelativePathIdx ON Files(relativePath)",
+    "CREATE INDEX FilesFlagsIdx ON Files(flags)",
+    "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB)",
 )
 INSERT = "INSERT INTO Files (fileID, domain, relativePath, flags, file) VALUES (?, ?, ?, ?, ?)"
 USER_VERSION = 2
@@ -32,7 +32,7 @@ def write(path: Path, rows: Iterable[Row], journal_mode: str) -> None:
     """Writes a database of the rows in the given order; the file must not exist."""
     connection = sqlite3.connect(path, isolation_level=None)
     try:
-        for pragma in (f"page_size={PAGE_SIZE}", "encoding='UTF-8'", "auto_vacuum=NONE", "secure_delete=ON",
+        for pragma in (f"page_size={PAGE_SIZE}", "encoding='UTF-8'", "auto_vacuum=INCREMENTAL", "secure_delete=ON",
                        "journal_mode=OFF", "synchronous=OFF", "cache_size=-262144", f"user_version={USER_VERSION}"):
             connection.execute(f"PRAGMA {pragma}").fetchall()
         connection.execute("BEGIN")

@@ -44,6 +44,10 @@ def with_damage(name: str, maker: TreeMaker) -> Iterator[Entry]:
     yield entry
 
 
+def empty_without_padding(_name: str, maker: TreeMaker) -> Iterator[Entry]:
+    yield maker.file(DOMAIN, "Documents/empty without padding.bin")
+
+
 def with_file_ids(name: str, maker: TreeMaker) -> Iterator[Entry]:
     for index, identifier in enumerate(FORCED_FILE_IDS[name]):
         entry = maker.file(DOMAIN, f"Documents/{name} {index}.txt", TEXT)
@@ -95,6 +99,7 @@ VARIANTS: dict[str, Variant] = {
     "entry-below-symlink": below_symlink,
     "entry-below-file": below_file,
     "missing-parents": without_parents,
+    "empty-without-padding": empty_without_padding,
 }
 
 

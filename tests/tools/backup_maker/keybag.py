@@ -69,8 +69,10 @@ class KeyBagMaker:
         options = self._options
         if options.password is None:
             return self._octets("unknown", 32)
-        return derive_kek(options.password, self._octets("dpsl", 20), options.dp_iterations,
-                          self._octets("salt", 20), options.iterations)
+        salt = self._octets("salt", 20)
+        if options.one_derivation:
+            return hashlib.pbkdf2_hmac("sha1", options.password, salt, options.iterations, 32)
+        return derive_kek(options.password, self._octets("dpsl", 20), options.dp_iterations, salt, options.iterations)
 
     def _header(self) -> bytes:
         options = self._options
@@ -79,9 +81,10 @@ class KeyBagMaker:
             record("UUID", self._octets("uuid", 16)), record("HMCK", self._octets("hmck", 40)), record("WRAP", 0),
             record("SALT", self._octets("salt", 20)), record("ITER", options.iterations),
         ]
-        if not options.without_dpwt:
+        if not (options.without_dpwt or options.one_derivation):
             records.append(record("DPWT", 1))
-        records += [record("DPIC", options.dp_iterations), record("DPSL", self._octets("dpsl", 20))]
+        if not options.one_derivation:
+            records += [record("DPIC", options.dp_iterations), record("DPSL", self._octets("dpsl", 20))]
         return b"".join(records)
 
     def _class_block(self, number: int, key: bytes, kek: bytes) -> bytes:

@@ -12,6 +12,8 @@ HEADER = b"mbdb\x05\x00"
 LONGEST_VALUE = 0xFFFE
 # Device writers mark absent values with this length, and empty ones too.
 ABSENT = b"\xff\xff"
+# Owners are written without a sign.
+LARGEST_OWNER = 0xFFFFFFFF
 
 
 def value(data: bytes | None) -> bytes:
@@ -29,7 +31,8 @@ def encode_entry(stored: Stored) -> bytes:
         value(stored.digest), value(stored.key),
     ])
     fixed = struct.pack(
-        ">HQIIIIIQBB", TYPE_BITS[entry.kind] | entry.mode, entry.inode, entry.uid, entry.gid, entry.changed,
+        ">HQIIIIIQBB", TYPE_BITS[entry.kind] | entry.mode, entry.inode, entry.uid & LARGEST_OWNER,
+        entry.gid & LARGEST_OWNER, entry.changed,
         entry.modified, entry.birth, entry.size, entry.protection, len(entry.attributes))
     pairs = b"".join(value(name.encode()) + value(data) for name, data in entry.attributes.items())
     return head + fixed + pairs

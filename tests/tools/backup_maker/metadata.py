@@ -61,7 +61,7 @@ class MetadataMaker:
             "Applications": {name: self._application(name) for name in self._applications},
             "IsEncrypted": options.encrypted,
         }
-        if options.encrypted:
+        if options.encrypted and not options.binary_manifest:
             values["ManifestKey"] = keybag.lock(MANIFEST_CLASS, manifest_key)
         return binary(values)
 

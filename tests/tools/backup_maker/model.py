@@ -34,14 +34,14 @@ class Entry:
     size: int = 0
     text: bytes | None = None
     protection: int = 0
+    # The record's own Flags, which nobody knows the meaning of; not those of the row.
+    record_flags: int = 0
     attributes: dict[str, bytes] = field(default_factory=dict)
     # Devices write attributes as a property list inside data; a dictionary object is met too.
     attributes_as_object: bool = False
     with_digest: bool = False
     # Rows of plain backups may carry a key that opens nothing.
     with_key: bool = False
-    # An empty file of an encrypted backup is stored as nothing at all, instead of as a block of padding.
-    stored_empty: bool = False
     # What is wrong with the entry, None for ordinary ones; `damage` is how its stored content or key is broken.
     hostile: str | None = None
     damage: str | None = None
@@ -92,6 +92,8 @@ class Options:
     dp_iterations: int = 10_000_000
     keybag_version: int = 5
     without_dpwt: bool = False
+    old_keybag: bool = False
+    manifest_form: str = "padded"
     tree: str = "full"
     files: int = 20
     size_of_one: int | None = None
@@ -112,3 +114,8 @@ class Options:
     @property
     def binary_manifest(self) -> bool:
         return self.version == BINARY_MANIFEST_VERSION
+
+    @property
+    def one_derivation(self) -> bool:
+        """The keybag is of the time before there were two."""
+        return self.old_keybag or (self.encrypted and self.binary_manifest)

@@ -13,12 +13,17 @@ SIZES = (0, 1, 15, 16, 17, 32767, 32768, 32769, 100000)
 FILE_MODES = (0o644, 0o600, 0o755, 0o444, 0o4755, 0o2755, 0o1644)
 DIRECTORY_MODES = (0o755, 0o700, 0o1777)
 PROTECTED_CLASSES = (1, 2, 3, 4)
+# Of the few directories that have one.
+DIRECTORY_CLASSES = (1, 3, 4)
 LONGEST_COMPONENT = 255
 
 # Before 2001, around the ends of 31 and 32 bits, and the epochs themselves.
 TIMES = (0, 1, 946_684_800, 978_307_199, 978_307_200, 2**31 - 1, 2**31, 4_102_444_800, 2**32 - 1)
-# Only 64-bit fields can hold these.
-LONG_TIMES = (-86_400, -1, 2**32, 5_000_000_000)
+# Only 64-bit fields can hold these. Those behind 2106 lie where no time is that some writer made 2**32 seconds too late.
+LONG_TIMES = (-86_400, -1, 5_400_000_000, 8_000_000_000)
+# The user nobody, whose number is negative.
+NOBODY = -2
+RECORD_FLAGS = 128
 
 CAFE, TEXTURE = "Caf\u00e9.txt", "\u30c6\u30af\u30b9\u30c1\u30e3\u304c.txt"
 AWKWARD_NAMES = (
@@ -83,7 +88,10 @@ class TreeMaker:
         return entry
 
     def directory(self, domain: str, path: str) -> Entry:
-        return self._entry(domain, path, DIRECTORY)
+        entry = self._entry(domain, path, DIRECTORY)
+        if self._randomness.chance(f"protected/{entry.label}", 5):
+            entry.protection = self._randomness.choice(f"class/{entry.label}", DIRECTORY_CLASSES)
+        return entry
 
     def symlink(self, domain: str, path: str, target: str) -> Entry:
         entry = self._entry(domain, path, SYMLINK)
@@ -110,6 +118,7 @@ class TreeMaker:
             yield from self._sizes()
             yield from self._names()
             yield from self._times()
+            yield from self._owned()
             yield from self._attributed()
             yield from self._filler()
         if self._options.size_of_one is not None:
@@ -128,9 +137,6 @@ class TreeMaker:
             entry = self.file("AppDomain-com.example.sizes", f"Documents/size-{size:06}.bin", size=size)
             entry.protection = PROTECTED_CLASSES[index % len(PROTECTED_CLASSES)]
             yield entry
-        entry = self.file("AppDomain-com.example.sizes", "Documents/size-000000-nothing-stored.bin")
-        entry.stored_empty = True
-        yield entry
 
     def _names(self) -> Iterator[Entry]:
         domain = "AppDomain-com.example.names"
@@ -151,6 +157,17 @@ class TreeMaker:
             entry.birth = times[(times.index(seconds) + 1) % len(times)]
             entry.changed = times[(times.index(seconds) + 2) % len(times)]
             yield entry
+
+    def _owned(self) -> Iterator[Entry]:
+        domain = "AppDomain-com.example.owners"
+        for name, uid, gid in (("nobody", NOBODY, NOBODY), ("root", 0, 0), ("nobody's group", 501, NOBODY)):
+            entry = self.file(domain, f"Documents/{name}.txt", f"owned by {name}\n")
+            entry.uid, entry.gid = uid, gid
+            entry.record_flags = RECORD_FLAGS if name == "nobody" else 0
+            yield entry
+        folder = self.directory(domain, "Documents/folder of nobody")
+        folder.uid, folder.gid, folder.record_flags = NOBODY, NOBODY, RECORD_FLAGS
+        yield folder
 
     def _attributed(self) -> Iterator[Entry]:
         domain = "AppDomain-com.example.attributes"

@@ -7,12 +7,12 @@ from collections import Counter
 from collections.abc import Iterator
 
 from .backup import BINARY_VERSION, Backup
+from .device_form import DIGEST_SIZE, KEY_SIZE
 from .errors import BackupError
 from .manifest import Entry
 
 METADATA = {"Manifest.plist", "Info.plist", "Status.plist"}
 FLAGS = {"file": 1, "directory": 2, "symlink": 4}
-DIGEST_SIZE, KEY_SIZE = 20, 44
 # 0 is for what has no content of its own.
 FILE_CLASSES = (1, 2, 3, 4)
 

@@ -16,6 +16,7 @@ from xml.parsers.expat import ExpatError
 
 from cryptography.hazmat.primitives.ciphers import Cipher, algorithms, modes
 
+from .device_form import metadata_faults
 from .errors import BackupError
 from .keys import KeyBag
 from .manifest import Entry, Manifest, read_binary, read_database
@@ -24,10 +25,13 @@ from .source import open_source
 CHUNK_SIZE = 1 << 20
 BLOCK = 16
 BINARY_VERSION = "2.4"
+DATABASE_MARK = b"SQLite format 3\0"
+# Padding makes the ciphertext longer than a whole number of pages.
+SMALLEST_PAGE = 512
 
 
-def decrypt(chunks: Iterator[bytes], key: bytes) -> Iterator[bytes]:
-    """Undoes AES-256-CBC with a zero initial value and takes the padding off; nothing stays nothing."""
+def decrypt(chunks: Iterator[bytes], key: bytes, strict: bool = False) -> Iterator[bytes]:
+    """Undoes AES-256-CBC with a zero initial value and takes the padding off; nothing stays nothing, unless strict."""
     context = Cipher(algorithms.AES(key), modes.CBC(bytes(BLOCK))).decryptor()
     # The last block is held back: it is the padding's.
     held, length = b"", 0
@@ -36,6 +40,8 @@ def decrypt(chunks: Iterator[bytes], key: bytes) -> Iterator[bytes]:
         held += context.update(chunk)
         yield held[:-BLOCK]
         held = held[-BLOCK:]
+    if length == 0 and strict:
+        raise BackupError("nothing is stored, not even padding")
     if length == 0:
         return
     if length % BLOCK:
@@ -49,7 +55,9 @@ def decrypt(chunks: Iterator[bytes], key: bytes) -> Iterator[bytes]:
 class Backup:
     """A backup opened for reading."""
 
-    def __init__(self, path: Path, password: bytes | None) -> None:
+    def __init__(self, path: Path, password: bytes | None, strict: bool = False) -> None:
+        """Strict: what is not in the form in which devices write it is a fault."""
+        self._strict = strict
         self._source = open_source(path)
         self.manifest_plist = self._plist("Manifest.plist")
         self.status_plist = self._plist("Status.plist")
@@ -73,7 +81,15 @@ class Backup:
 
     @property
     def manifest_faults(self) -> list[str]:
-        return self._manifest.faults
+        return self._manifest.faults + (list(self._metadata_faults()) if self._strict else [])
+
+    def _metadata_faults(self) -> Iterator[str]:
+        yield from metadata_faults(self.manifest_plist, self.status_plist, self.version != BINARY_VERSION)
+        if "Info.plist" in self.stored_names():
+            try:
+                self._plist("Info.plist")
+            except BackupError as error:
+                yield str(error)
 
     def stored_names(self) -> set[str]:
         return self._source.names()
@@ -110,14 +126,18 @@ class Backup:
                 stored_size += len(chunk)
                 yield chunk
 
-        for chunk in decrypt(stored(), self._file_key(entry)) if self.encrypted else stored():
+        for chunk in decrypt(stored(), self._file_key(entry), self._strict) if self.encrypted else stored():
             plain_hash.update(chunk)
             plain_size += len(chunk)
             yield chunk
-        # Writers differ in whether they mean the plaintext or what they stored.
-        if entry.size not in (plain_size, stored_size):
+        sizes, digests = [plain_size], [stored_hash.digest()]
+        # Writers differ in whether they mean the plaintext or what they stored; devices do not.
+        if not self._strict:
+            sizes.append(stored_size)
+            digests.append(plain_hash.digest())
+        if entry.size not in sizes:
             raise BackupError(f"{plain_size} bytes instead of {entry.size}")
-        if entry.digest is not None and entry.digest not in (plain_hash.digest(), stored_hash.digest()):
+        if entry.digest is not None and entry.digest not in digests:
             raise BackupError("the digest does not match")
 
     def _file_key(self, entry: Entry) -> bytes:
@@ -155,17 +175,29 @@ class Backup:
             raise BackupError("the backup is encrypted, a password is needed")
         return KeyBag(self.manifest_plist["BackupKeyBag"], password)
 
+    def _manifest_plaintext(self, chunks: Iterator[bytes], key: bytes) -> Iterator[bytes]:
+        """Other programs leave a manifest decrypted, or encrypt it without padding."""
+        if self._strict:
+            return decrypt(chunks, key)
+        stored = b"".join(chunks)
+        if stored.startswith(DATABASE_MARK):
+            return iter([stored])
+        context = Cipher(algorithms.AES(key), modes.CBC(bytes(BLOCK))).decryptor()
+        if stored and len(stored) % SMALLEST_PAGE == 0:
+            return iter([context.update(stored)])
+        return decrypt(iter([stored]), key)
+
     def _read_manifest(self) -> Manifest:
         if self.version == BINARY_VERSION:
             return read_binary(b"".join(self.stored_chunks("Manifest.mbdb")))
         chunks = self.stored_chunks("Manifest.db")
         if self.keybag is not None:
-            chunks = decrypt(chunks, self.keybag.unlock(self.manifest_plist["ManifestKey"]))
+            chunks = self._manifest_plaintext(chunks, self.keybag.unlock(self.manifest_plist["ManifestKey"]))
         folder = tempfile.mkdtemp()
         try:
             path = Path(folder) / "Manifest.db"
             with open(path, "wb") as file:
                 file.writelines(chunks)
-            return read_database(path)
+            return read_database(path, self._strict)
         finally:
             shutil.rmtree(folder)

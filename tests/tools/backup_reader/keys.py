@@ -53,8 +53,11 @@ class KeyBag:
 
     def __init__(self, blob: bytes, password: bytes) -> None:
         header, *classes = parse_blocks(parse_records(blob)) or [{}]
-        first = hashlib.pbkdf2_hmac("sha256", password, header.get("DPSL", b""), number(header, "DPIC"), 32)
-        kek = hashlib.pbkdf2_hmac("sha1", first, header.get("SALT", b""), number(header, "ITER"), 32)
+        secret = password
+        # Devices before the one that wrote these two derived the key in one pass.
+        if "DPSL" in header or "DPIC" in header:
+            secret = hashlib.pbkdf2_hmac("sha256", password, header.get("DPSL", b""), number(header, "DPIC"), 32)
+        kek = hashlib.pbkdf2_hmac("sha1", secret, header.get("SALT", b""), number(header, "ITER"), 32)
         self._keys: dict[int, bytes] = {}
         for block in classes:
             protection, wrap = number(block, "CLAS"), number(block, "WRAP")

@@ -11,13 +11,15 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
+from . import device_form
 from .errors import BackupError
 
 TYPES = {0o100000: "file", 0o040000: "directory", 0o120000: "symlink"}
 TYPE_MASK = 0o170000
 PLACEHOLDER = 16
 ABSENT = 0xFFFF
-FIXED = struct.Struct(">HQIIIIIQBB")
+# Owners may be negative: that of nobody is -2.
+FIXED = struct.Struct(">HQiiIIIQBB")
 
 
 @dataclass
@@ -114,7 +116,8 @@ class Manifest:
     faults: list[str] = field(default_factory=list)
 
 
-def read_database(path: Path) -> Manifest:
+def read_database(path: Path, strict: bool = False) -> Manifest:
+    """With strict, the faults are also those of its form."""
     manifest = Manifest([])
     # The file may claim a write-ahead log, which a reader must not start to write.
     connection = sqlite3.connect(f"{path.absolute().as_uri()}?immutable=1", uri=True)
@@ -124,8 +127,11 @@ def read_database(path: Path) -> Manifest:
             if flags == PLACEHOLDER and not domain and not blob:
                 manifest.placeholders += 1
                 continue
+            if strict:
+                manifest.faults += device_form.row_faults(file_id, blob)
             manifest.entries.append(decode_row(file_id, domain, relative_path, flags, blob))
-        manifest.faults = list(database_faults(connection))
+        manifest.faults += device_form.database_faults(connection) if strict else layout_faults(connection)
+        manifest.faults += soundness_faults(connection)
     except (sqlite3.Error, plistlib.InvalidFileException, KeyError, IndexError, TypeError, ValueError) as error:
         raise BackupError(f"Manifest.db cannot be read: {error!r}") from error
     finally:
@@ -140,8 +146,8 @@ INDEXES = {"FilesDomainIdx": "domain", "FilesFlagsIdx": "flags", "FilesRelativeP
 USER_VERSION, PAGE_SIZE = 2, 4096
 
 
-def database_faults(connection: sqlite3.Connection) -> Iterator[str]:
-    """How the database differs from what devices write, and whether it is sound."""
+def layout_faults(connection: sqlite3.Connection) -> Iterator[str]:
+    """What the tables and indexes lack, and what they have beyond what anybody writes."""
     for table, wanted in (("Files", COLUMNS), ("Properties", PROPERTIES)):
         found = [(row[1], row[2], row[5]) for row in connection.execute(f"PRAGMA table_info({table})")]
         if found != wanted:
@@ -152,6 +158,9 @@ def database_faults(connection: sqlite3.Connection) -> Iterator[str]:
     for index, column in INDEXES.items():
         if [row[2] for row in connection.execute(f"PRAGMA index_info({index})")] != [column]:
             yield f"{index} is no index of {column}"
+
+
+def soundness_faults(connection: sqlite3.Connection) -> Iterator[str]:
     for pragma, wanted_value in (("user_version", USER_VERSION), ("page_size", PAGE_SIZE), ("integrity_check", "ok")):
         [value] = connection.execute(f"PRAGMA {pragma}").fetchone()
         if value != wanted_value:
