@@ -449,6 +449,7 @@ bool Reader::SetNumbers() {
     view_.Size = number(Field::Size);
     view_.InodeNumber = static_cast<std::uint64_t>(number(Field::InodeNumber));
     view_.ProtectionClass = static_cast<std::int32_t>(bitsOf(number(Field::ProtectionClass)));
+    view_.Flags = static_cast<std::int32_t>(bitsOf(number(Field::Flags)));
     return true;
 }
 

@@ -34,6 +34,7 @@ struct MBFileView {
     std::int64_t Size = 0;
     std::uint64_t InodeNumber = 0;
     std::int32_t ProtectionClass = 0;
+    std::int32_t Flags = 0;
     // As devices write them. Where the view is used there are no others.
     std::span<const std::uint8_t> ExtendedAttributesData;
 };

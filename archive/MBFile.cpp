@@ -3,6 +3,8 @@
 #include "ZK/keyed_archiver.hpp"
 #include "ZK/keyed_unarchiver.hpp"
 
+#include <stdexcept>
+
 namespace MB {
 
 namespace {
@@ -22,6 +24,15 @@ template <class T, class Field>
 void decodeField(Field &field, CFStringRef key, ZK::keyed_unarchiver &unarchiver) {
     if (auto value = unarchiver.decode<T>(key)) {
         field = *std::move(value);
+    }
+}
+
+// A record says all that is needed without them, so that none is invalid for its flags.
+std::int32_t decodeFlags(ZK::keyed_unarchiver &unarchiver) {
+    try {
+        return unarchiver.decode<int>(CFSTR("Flags")).value_or(0);
+    } catch (const std::invalid_argument &) {
+        return 0;
     }
 }
 
@@ -65,6 +76,7 @@ File decode(File *, ZK::keyed_unarchiver &unarchiver) {
     decodeField<long long>(file.Size, CFSTR("Size"), unarchiver);
     decodeField<unsigned long long>(file.InodeNumber, CFSTR("InodeNumber"), unarchiver);
     decodeField<int>(file.ProtectionClass, CFSTR("ProtectionClass"), unarchiver);
+    file.Flags = decodeFlags(unarchiver);
     decodeField<CF::Dictionary>(file.ExtendedAttributes, CFSTR("ExtendedAttributes"), unarchiver);
     if (!file.ExtendedAttributes) {
         decodeField<CF::Data>(file.ExtendedAttributesData, CFSTR("ExtendedAttributes"), unarchiver);

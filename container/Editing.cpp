@@ -51,6 +51,7 @@ void convertAttributes(KVManifestEntryClass &entry) {
 KVManifestEntryClass *addEntry(KVBackupContainerClass &container,
                                const KVManifestEntryClass *entry) {
     EntryPointer copy = copyWithContent(entry);
+    copy.get()->origin = EntryOrigin(); // its row, if any, is the given entry's
     if (container.Version() == kKVManifestDataVersion24) {
         convertAttributes(*copy.get());
     }
@@ -125,6 +126,9 @@ KVManifestEntryClass *createSymlink(KVBackupContainerClass &container, CFStringR
     }
     EntryPointer link =
         CF::Adopt(KVManifestEntryCreateForSymlink(kCFAllocatorDefault, domain, path, target));
+    if (existing != nullptr) {
+        TakeOrigin(*link.get(), *existing);
+    }
     KVManifestEntryClass *const created = link.get();
     edit.Add(std::move(link));
     edit.Apply();

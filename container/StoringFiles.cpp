@@ -46,6 +46,7 @@ void logReplacing(const Request &request, CFStringRef format, const EntryPointer
 void takeOver(const Request &request, KVManifestEntryClass &entry,
               const KVManifestEntryClass &replaced) {
     _KVManifestEntryCloneAttributes(&entry, &replaced);
+    TakeOrigin(entry, replaced);
     if (request.manner == Manner::Replace) {
         entry.properties = replaced.properties;
         entry.keptAttributes = replaced.keptAttributes;

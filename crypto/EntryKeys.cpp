@@ -83,6 +83,7 @@ void giveKey(const KVManifestEntryClass &entry, const MB::ManifestEncryption &en
              const FileKey &key) {
     const auto copy = encryptedCopy(entry, key);
     CF::Data blob = encryption.LockKey(entry.protectionClass, key);
+    entry.origin.MarkChanged();
     entry.encryptionData = CF::Adopt(blob.detach());
     entry.unlockedFileKey = std::make_unique<ZK::SecretArray<32>>(key);
     CF::Data hash(KVFileGetHash(copy.get()));

@@ -39,6 +39,13 @@ std::uint64_t IntervalsFor(const std::string &path) {
            (error ? 0 : size * kInstructionsPerByte * kPasses / kInstructionsPerInterval);
 }
 
+bool HasColumn(SQLite::Database &database, const char *name) {
+    SQLite::Statement columns(
+        database, "SELECT 1 FROM pragma_table_xinfo('Files') WHERE name=?1 COLLATE NOCASE;");
+    columns.bind(1, name);
+    return columns.executeStep();
+}
+
 CF::Error NotPlain(const char *what) { return Error(kKVErrorDatabase, nullptr, what); }
 
 } // namespace
@@ -75,6 +82,21 @@ void RequirePlainFilesTable(SQLite::Database &database) {
             throw NotPlain("Files has computed columns");
         }
     }
+}
+
+const char *RowIDColumn(SQLite::Database &database) {
+    for (const char *const name : {"rowid", "_rowid_", "oid"}) {
+        if (!HasColumn(database, name)) {
+            // A name that no column has is an error where rows have no number.
+            const std::string query = std::string("SELECT ") + name + " FROM Files;";
+            sqlite3_stmt *statement = nullptr;
+            const int result =
+                sqlite3_prepare_v2(database.getHandle(), query.c_str(), -1, &statement, nullptr);
+            sqlite3_finalize(statement);
+            return result == SQLITE_OK ? name : nullptr;
+        }
+    }
+    return nullptr;
 }
 
 WorkLimit::WorkLimit(SQLite::Database &database, const std::string &path)

@@ -24,6 +24,10 @@ void RestrictDatabase(SQLite::Database &database);
 // column. A table that is missing is left to the query that needs it.
 void RequirePlainFilesTable(SQLite::Database &database);
 
+// The name by which the number of a row of Files can be asked for: one of three, of which a table
+// may use some for columns of its own. Null when its rows have no numbers, or it is missing.
+const char *RowIDColumn(SQLite::Database &database);
+
 // Ends a statement that runs for longer than the file can account for. The pages of a
 // damaged or crafted file may form trees that share their branches; they are walked
 // again and again, and a small file can keep SQLite busy for years.

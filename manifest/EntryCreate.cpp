@@ -110,6 +110,8 @@ EntryPointer CopyEntry(CFAllocatorRef allocator, const KVManifestEntryClass &sou
     auto copy = AllocateEntry(allocator);
     KVManifestEntryClass &body = *copy.get();
     _KVManifestEntryCloneAttributes(&body, &source);
+    body.origin = source.origin;
+    body.recordFlags = source.recordFlags;
     body.domain = source.domain;
     body.relativePath = source.relativePath;
     body.givenPath = source.givenPath;

@@ -28,6 +28,7 @@ void fillNumbers(KVManifestEntryClass &entry, const Record &record) {
     entry.birth = Kelvane::AbsoluteTimeFromUnix(record.Birth);
     entry.size = record.Size;
     entry.inode = record.InodeNumber;
+    entry.recordFlags = record.Flags;
 }
 
 void fillText(CF::Pointer<CFStringRef> &field, const MBFileView::Text &text) {

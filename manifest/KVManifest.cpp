@@ -48,6 +48,7 @@ KVManifestClass *CreateManifest(CFAllocatorRef allocator, ManifestContents conte
     auto *const manifest = RuntimeBody<KVManifestClass>::Create(allocator, KVManifestGetTypeID());
     manifest->entries = std::move(contents.entries);
     manifest->placeholderFileIDs = contents.placeholders;
+    manifest->source = std::move(contents.source);
     manifest->dataVersion = version;
     return manifest;
 }
@@ -85,6 +86,7 @@ KVManifestClass *KVManifestCreateCopy(CFAllocatorRef allocator, KVManifestClass 
         contents.entries.Append(entry.get(), entries.WeightAt(position));
     }
     contents.placeholders = CF::Dictionary::MutableCopy(manifest->placeholderFileIDs.get());
+    contents.source = manifest->source;
     // The copy belongs to no format until it is written in one.
     auto *const copy =
         Kelvane::CreateManifest(allocator, std::move(contents), kKVManifestDataVersionNone);

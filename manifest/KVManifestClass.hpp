@@ -5,6 +5,7 @@
 #include "manifest/EntryTable.hpp"
 #include "manifest/LookupTables.hpp"
 #include "manifest/ManifestBudget.hpp"
+#include "manifest/ManifestSource.hpp"
 #include "support/cf/Array.hpp"
 #include "support/cf/Data.hpp"
 #include "support/cf/Dictionary.hpp"
@@ -12,6 +13,7 @@
 #include <CoreFoundation/CFRuntime.h>
 
 #include <cstdint>
+#include <memory>
 
 struct KVManifestClass {
     CFRuntimeBase base;
@@ -26,6 +28,8 @@ struct KVManifestClass {
     KVManifestDataVersion dataVersion = kKVManifestDataVersionNone;
     CF::Dictionary placeholderFileIDs; // file ID -> flags of database rows without an entry
     KVGetFileFunction getFileFunc;
+    // What the entries were read from; null when they were not.
+    std::shared_ptr<const Kelvane::ManifestSource> source;
 
     // What goes with every change of the entries.
     void DropReports() noexcept {
@@ -41,6 +45,7 @@ struct ManifestContents {
     EntryTable entries;
     CF::Dictionary placeholders = CF::Dictionary::Mutable();
     ManifestBudget budget;
+    std::shared_ptr<const ManifestSource> source; // null for none
 
     // Appends the entry and counts it. Throws CF::Error when the manifest gets too large.
     void Append(KVManifestEntryClass *entry) {

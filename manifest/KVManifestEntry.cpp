@@ -152,6 +152,7 @@ void _KVManifestEntryCloneAttributes(KVManifestEntryClass *destination,
     destination->fileType = source->fileType;
     destination->inode = source->inode;
     destination->protectionClass = source->protectionClass;
+    destination->origin.MarkChanged();
 }
 
 KVFileClass *KVManifestEntryGetFile(const KVManifestEntryClass *entry, CFErrorRef *error) {

@@ -108,6 +108,12 @@ void SetEntryPath(KVManifestEntryClass &entry, CFStringRef domain, CFStringRef r
     entry.deviceFilename = nullptr;
 }
 
+void TakeOrigin(KVManifestEntryClass &entry, const KVManifestEntryClass &replaced) noexcept {
+    entry.recordFlags = replaced.recordFlags;
+    entry.origin = replaced.origin;
+    entry.origin.MarkChanged();
+}
+
 void SetFileID(KVManifestEntryClass &entry, CF::Pointer<CFStringRef> fileID) noexcept {
     entry.fileIDHash = HashText(fileID.get());
     entry.fileID = std::move(fileID);

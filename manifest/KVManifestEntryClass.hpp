@@ -7,6 +7,7 @@
 #pragma once
 
 #include "KVManifestEntry.h"
+#include "manifest/ManifestSource.hpp"
 #include "support/cf/Pointer.hpp"
 #include "support/zk/Secret.hpp"
 
@@ -56,11 +57,16 @@ struct KVManifestEntryClass {
     // HashText of the file ID, or 0 when it was not remembered: an index of all entries of a
     // manifest then need not read every file ID.
     std::uint32_t fileIDHash = 0;
+    // The flags that the record of a database has beside those of its row.
+    std::int32_t recordFlags = 0;
     CFAbsoluteTime birth = 0;
     CFAbsoluteTime lastModified = 0;
     CFAbsoluteTime lastStatusChange = 0;
     mutable std::int64_t size = 0;
     std::uint64_t inode = 0;
+    // Every function that changes what a row says of the entry marks it; what is resolved or
+    // derived on first use is no change.
+    mutable Kelvane::EntryOrigin origin;
     // Names to data, and nothing else: hosts rely on it.
     CF::Pointer<CFDictionaryRef> properties;
     // All extended attributes of a record, to be written back as they are, where the properties
@@ -91,9 +97,14 @@ EntryPointer AllocateEntry(CFAllocatorRef allocator);
 void SetEntryPath(KVManifestEntryClass &entry, CFStringRef domain, CFStringRef relativePath);
 // Sets the file ID, an immutable string, and remembers its hash.
 void SetFileID(KVManifestEntryClass &entry, CF::Pointer<CFStringRef> fileID) noexcept;
-// What KVManifestEntryCreateCopy does, with a loading function that many copies share.
+// What KVManifestEntryCreateCopy does, with a loading function that many copies share. The copy
+// has the same origin.
 EntryPointer CopyEntry(CFAllocatorRef allocator, const KVManifestEntryClass &source,
                        FileLoader loader);
+
+// For an entry that takes the place of another at its path: it is written as a change of the
+// other's row, which keeps what the entries do not tell.
+void TakeOrigin(KVManifestEntryClass &entry, const KVManifestEntryClass &replaced) noexcept;
 
 // The class with that code in data from outside. Throws std::invalid_argument,
 // "invalid protection class code", for 5 and above.

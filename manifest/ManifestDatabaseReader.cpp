@@ -33,7 +33,10 @@ class RowCollector {
         : allocator_(allocator), loader_(ShareFileLoader(getFileFunc)) {}
 
     void Add(const ManifestRow &row);
-    ManifestContents TakeContents() noexcept { return std::move(contents_); }
+    ManifestContents TakeContents() {
+        contents_.source = std::make_shared<const ManifestSource>(std::move(source_));
+        return std::move(contents_);
+    }
     long InvalidRows() const noexcept { return invalidRows_; }
 
   private:
@@ -45,6 +48,7 @@ class RowCollector {
     FileLoader loader_;
     TextCache domains_;
     ManifestContents contents_;
+    ManifestSource source_;
     long invalidRows_ = 0;
 };
 
@@ -71,6 +75,7 @@ void RowCollector::AddEntry(const ManifestRow &row, CFStringRef fileID) {
                                           row.file, loader_);
     }
     if (entry) {
+        entry.get()->origin = source_.AddEntry(row.rowID);
         contents_.Append(entry.get());
     } else {
         RefuseUnparsed(fileID);

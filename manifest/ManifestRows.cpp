@@ -7,12 +7,12 @@ namespace Kelvane {
 
 namespace {
 
-constexpr int kColumns = 5;
+constexpr int kColumns = 6;
 
 // The condition says nothing, but keeps SQLite from its shortcut for counting, which
 // would not stop at the work limit.
 constexpr const char *kCountRows = "SELECT COUNT(*) FROM Files WHERE 1;";
-constexpr const char *kSelectRows = "SELECT fileID, domain, relativePath, flags, file FROM Files;";
+constexpr const char *kSelectRows = "SELECT fileID, domain, relativePath, flags, file, ";
 
 // A text of UTF-16 databases grows by half at most when it is made UTF-8.
 constexpr std::uint64_t kGrowth = 2;
@@ -48,7 +48,10 @@ ManifestRows::ManifestRows(ManifestDB &database) {
         bytesLeft_ = ValueBytes(open);
         SQLite::Statement counting(open, kCountRows);
         count_ = counting.executeStep() ? counting.getColumn(0).getInt64() : 0;
-        statement_.emplace(open, kSelectRows);
+        const char *const rowID = RowIDColumn(open);
+        hasRowIDs_ = rowID != nullptr;
+        statement_.emplace(open,
+                           kSelectRows + std::string(hasRowIDs_ ? rowID : "NULL") + " FROM Files;");
     });
 }
 
@@ -74,6 +77,9 @@ bool ManifestRows::Next(ManifestRow &row) {
         row.flags =
             static_cast<int>(std::clamp<std::int64_t>(columns_[3].getInt64(), INT_MIN, INT_MAX));
         row.file = BytesOf(columns_[4]);
+        if (hasRowIDs_) {
+            row.rowID = columns_[5].getInt64();
+        }
         row.index = index_++;
         TakeBytes(row);
     }

@@ -24,6 +24,8 @@ struct ManifestRow {
     std::string_view relativePath;
     int flags = 0;
     std::span<const std::uint8_t> file;
+    // By which the row can be found again; none in a table that has no such numbers.
+    std::optional<std::int64_t> rowID;
     std::int64_t index = 0;
 };
 
@@ -50,6 +52,7 @@ class ManifestRows {
     std::uint64_t bytesLeft_ = 0; // for the values of further rows
     std::optional<SQLite::Statement> statement_;
     std::vector<SQLite::Column> columns_; // made once, good for every row
+    bool hasRowIDs_ = false;
 };
 
 } // namespace Kelvane

@@ -116,11 +116,13 @@ bool ReadRecords(CFAllocatorRef allocator, std::span<const std::uint8_t> bytes,
                  ManifestContents &contents) {
     ByteCursor cursor(bytes, kHeaderSize);
     TextCache domains;
+    ManifestSource source;
     do {
         const auto entry = ReadMbdbRecord(allocator, cursor, domains, loader);
         if (!entry) {
             return false;
         }
+        entry.get()->origin = source.AddEntry();
         contents.Append(entry.get());
         if (progress) {
             progress(static_cast<std::int64_t>(cursor.Position()),
@@ -128,6 +130,7 @@ bool ReadRecords(CFAllocatorRef allocator, std::span<const std::uint8_t> bytes,
                      static_cast<double>(cursor.Position()) / static_cast<double>(bytes.size()));
         }
     } while (cursor.Remaining() > 0);
+    contents.source = std::make_shared<const ManifestSource>(std::move(source));
     return true;
 }
 

@@ -20,7 +20,7 @@ class keyed_unarchiver;
 namespace MB {
 
 // A plain value. Null strings, data and dictionaries are absent from the archive;
-// numbers are always written.
+// numbers are always written, but for Flags.
 struct KV_VISIBLE File {
     CF::String RelativePath;
     CF::String Target; // of a symbolic link
@@ -35,6 +35,8 @@ struct KV_VISIBLE File {
     std::int64_t Size = 0; // bytes
     std::uint64_t InodeNumber = 0;
     std::int32_t ProtectionClass = 0;
+    // Devices' records have it, 0 or seldom 128; archives that encode makes have not.
+    std::int32_t Flags = 0;
     CF::Dictionary ExtendedAttributes; // attribute name to value
     // What the same key holds where devices write it as data, a property list of the
     // attributes: kept as it is. Absent when ExtendedAttributes is there.

@@ -39,7 +39,8 @@ inline bool SameRecord(const Kelvane::MBFileView &view, const MB::File &file) {
            view.LastModified == file.LastModified &&
            view.LastStatusChange == file.LastStatusChange && view.Birth == file.Birth &&
            view.Size == file.Size && view.InodeNumber == file.InodeNumber &&
-           view.ProtectionClass == file.ProtectionClass && file.ExtendedAttributes.IsNull() &&
+           view.ProtectionClass == file.ProtectionClass && view.Flags == file.Flags &&
+           file.ExtendedAttributes.IsNull() &&
            std::ranges::equal(view.ExtendedAttributesData, file.ExtendedAttributesData.GetBytes());
 }
 
