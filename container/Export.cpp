@@ -136,7 +136,8 @@ void load(const Export &job, CFStringRef name, CFStringRef failure, Loaded &load
 
 void write(Export &job, ExportTarget &target, CFStringRef name, const KVFileClass *file) {
     try {
-        asOwnError([&] { target.Write(CF::String::GetUTF8(name), file, job.progress); });
+        asOwnError(
+            [&] { target.Write(CF::String::GetUTF8(name), FileContent(file), job.progress); });
     } catch (const CF::Error &cause) {
         throw Error(kKVErrorWriteRepresentation, cause, target.NotWritten(), name);
     }
@@ -194,16 +195,6 @@ void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &kn
 }
 
 } // namespace
-
-void RequireWhole(const KVFileClass *file, std::uint64_t written) {
-    const std::uint64_t size = KVFileGetSize(file);
-    if (written != size) {
-        throw Error(kKVErrorFilesystem, nullptr,
-                    CFSTR("The file changed while it was written (%llu of %llu bytes)"),
-                    static_cast<unsigned long long>(written),
-                    static_cast<unsigned long long>(size));
-    }
-}
 
 void RequireNothingAt(const CF::String &path) {
     boost::system::error_code ignored; // the status says it all

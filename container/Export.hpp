@@ -1,6 +1,7 @@
 // What writing a backup out is made of, whether it becomes a directory or a zip.
 #pragma once
 
+#include "container/ExportContent.hpp"
 #include "container/ExportProgress.hpp"
 #include "container/ExportReport.hpp"
 #include "container/KVBackupContainerClass.hpp"
@@ -38,7 +39,7 @@ class ExportTarget {
     virtual CFStringRef NotWritten() const = 0;
     // Writes the file's content under the name, which is safe and comes once, and counts
     // the bytes. Throws CF::Error; nothing of the file is left then.
-    virtual void Write(const std::string &name, const KVFileClass *file,
+    virtual void Write(const std::string &name, const ExportContent &content,
                        ExportProgress &progress) = 0;
 };
 
@@ -51,10 +52,6 @@ class ZipExportTarget : public ExportTarget {
     // An archive that was not completed goes with the object.
     virtual void Complete() = 0;
 };
-
-// A file may change after it was looked at; what the manifest says of it is then not true of
-// what was written. Throws code 3 "The file changed while it was written (%llu of %llu bytes)".
-void RequireWhole(const KVFileClass *file, std::uint64_t written);
 
 // Whether a zip record of content of that size may come to 4 GiB, compressed or not.
 bool MayNeedZip64(std::uint64_t size);

@@ -1,6 +1,7 @@
 #include "container/Export.hpp"
 
 #include "Kelvane/Error.hpp"
+#include "support/zk/CopyContent.hpp"
 #include "support/zk/Directory.hpp"
 #include "support/zk/File.hpp"
 
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <ios>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -46,12 +48,21 @@ class NewFile {
         }
     }
 
-    void Append(const std::vector<std::uint8_t> &bytes) {
+    void Append(std::span<const std::uint8_t> bytes) {
         boost::system::error_code error;
         file_.write(bytes, error);
         if (error) {
             throwSystemError(error, kNotWritten);
         }
+    }
+    // All that the open file holds; returns how much that was.
+    std::uint64_t CopyAll(int source, std::uint64_t size, ZK::file::content_copier &copier) {
+        boost::system::error_code error;
+        const std::uint64_t copied = copier.copy(source, file_.native_handle(), size, error);
+        if (error) {
+            throwSystemError(error, kNotWritten);
+        }
+        return copied;
     }
     void RequireOpen() const {
         if (!file_.is_open()) {
@@ -95,26 +106,34 @@ class DirectoryTarget : public ExportTarget {
     }
     CFStringRef NotWritten() const override { return CFSTR("File %@ could not be written"); }
 
-    void Write(const std::string &name, const KVFileClass *file,
+    void Write(const std::string &name, const ExportContent &content,
                ExportProgress &progress) override {
         const std::size_t separator = name.rfind('/');
         const bool atRoot = separator == std::string::npos;
         const directory &parent = atRoot ? root_ : enter(name.substr(0, separator));
         NewFile target(parent, atRoot ? name : name.substr(separator + 1));
-        std::uint64_t written = 0;
-        KVFileGetData(file, kKVFileDefaultDataChunkSize,
-                      [&](const std::vector<std::uint8_t> &bytes) {
-                          target.Append(bytes);
-                          written += bytes.size();
-                          progress.Count(bytes.size());
-                          target.RequireOpen();
-                          return true;
-                      });
-        RequireWhole(file, written);
+        RequireWhole(content, fill(target, content, progress));
         target.Complete();
     }
 
   private:
+    // What lies in a file as it is need not come through this process.
+    std::uint64_t fill(NewFile &target, const ExportContent &content, ExportProgress &progress) {
+        std::uint64_t written = 0;
+        if (content.Descriptor() >= 0) {
+            written = target.CopyAll(content.Descriptor(), content.Size(), copier_);
+            progress.Count(written);
+            return written;
+        }
+        content.Read([&](std::span<const std::uint8_t> bytes) {
+            target.Append(bytes);
+            written += bytes.size();
+            progress.Count(bytes.size());
+            target.RequireOpen();
+        });
+        return written;
+    }
+
     // The directory of that path below the root, made where it is missing; borrowed until
     // the next call. One that cannot be had is reported as the file that cannot be opened.
     const directory &enter(const std::string &path) {
@@ -139,6 +158,7 @@ class DirectoryTarget : public ExportTarget {
     }
 
     directory root_;
+    ZK::file::content_copier copier_;
     // The one used last: files of one directory may follow each other.
     directory current_;
     std::string currentPath_;

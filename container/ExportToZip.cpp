@@ -63,7 +63,8 @@ class ZipTarget : public ZipExportTarget {
         return CFSTR("File %@ could not be loaded for writing to zip");
     }
     CFStringRef NotWritten() const override { return CFSTR("File %@ could not be written in zip"); }
-    void Write(const std::string &name, const KVFileClass *file, ExportProgress &progress) override;
+    void Write(const std::string &name, const ExportContent &content,
+               ExportProgress &progress) override;
     void Complete() override;
 
   private:
@@ -82,9 +83,9 @@ class ZipTarget : public ZipExportTarget {
 // A record that is no part of the archive unless it was completed.
 class ZipTarget::Record {
   public:
-    Record(ZipTarget &target, const std::string &name, const KVFileClass *file)
+    Record(ZipTarget &target, const std::string &name, const ExportContent &content)
         : target_(target), name_(name), start_(target.output_.Position()) {
-        const int status = open(file);
+        const int status = open(content);
         if (status != ZIP_OK) {
             const int failure = target_.output_.Failure();
             discard();
@@ -100,7 +101,7 @@ class ZipTarget::Record {
         }
     }
 
-    void Append(const std::vector<std::uint8_t> &bytes) {
+    void Append(std::span<const std::uint8_t> bytes) {
         size_ += bytes.size();
         requireFits(size_); // content may turn out larger than it said to be
         const int status = zipWriteInFileInZip(target_.archive_, bytes.data(),
@@ -131,10 +132,10 @@ class ZipTarget::Record {
         std::free(memory);
     }
 
-    int open(const KVFileClass *file) {
+    int open(const ExportContent &content) {
         zip_fileinfo info{};
-        info.tmz_date = ZipTime(KVFileGetModifiedDate(file));
-        zip64_ = target_.zip64Allowed_ && MayNeedZip64(KVFileGetSize(file));
+        info.tmz_date = ZipTime(content.ModifiedDate().get());
+        zip64_ = target_.zip64Allowed_ && MayNeedZip64(content.Size());
         constexpr int kWindowBits = -15; // raw deflate
         constexpr int kMemoryLevel = 8;
         requireMemory();
@@ -172,30 +173,25 @@ class ZipTarget::Record {
     bool open_ = false;
 };
 
-void ZipTarget::Write(const std::string &name, const KVFileClass *file, ExportProgress &progress) {
-    if (!zip64Allowed_ && KVFileGetSize(file) > kGreatestPlainSize) {
-        throwTooLarge(KVFileGetSize(file));
+void ZipTarget::Write(const std::string &name, const ExportContent &content,
+                      ExportProgress &progress) {
+    if (!zip64Allowed_ && content.Size() > kGreatestPlainSize) {
+        throwTooLarge(content.Size());
     }
     if (name.size() > kLongestName) {
         throw Error(kKVErrorArchive, nullptr, CFSTR("Name too long for a zip record (%llu bytes)"),
                     static_cast<unsigned long long>(name.size()));
     }
-    Record record(*this, name, file);
+    Record record(*this, name, content);
     std::uint64_t written = 0;
-    const auto append = [&](const std::vector<std::uint8_t> &bytes) {
+    content.Read([&](std::span<const std::uint8_t> bytes) {
         if (!bytes.empty() && bytes.size() < kLongestPiece) {
             written += bytes.size();
             progress.Count(bytes.size());
             record.Append(bytes);
         }
-        return true;
-    };
-    if (const auto content = KVFileGetDataQuickly(file)) {
-        append(*content);
-    } else {
-        KVFileGetData(file, kKVFileDefaultDataChunkSize, append);
-    }
-    RequireWhole(file, written);
+    });
+    RequireWhole(content, written);
     record.Complete();
     ++records_;
 }

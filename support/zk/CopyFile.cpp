@@ -1,3 +1,4 @@
+#include "support/zk/CopyContent.hpp"
 #include "support/zk/File.hpp"
 
 #include <boost/filesystem/operations.hpp>
@@ -10,69 +11,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#if defined(__linux__)
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#elif defined(__APPLE__)
+#if defined(__APPLE__)
 #include <sys/clonefile.h>
 #endif
 
 namespace ZK::file {
 namespace {
-
-// Copies by hand what is left between the two positions and the end of the source.
-void copyRest(readable_file &source, writable_file &destination) {
-    constexpr std::size_t kBufferSize = 256 * 1024; // larger ones gain nothing
-    const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(kBufferSize);
-    while (const std::size_t count = source.read_some({buffer.get(), kBufferSize})) {
-        destination.write({buffer.get(), count});
-    }
-}
-
-#if defined(__linux__)
-
-bool clone(const readable_file &source, const writable_file &destination) {
-    return ::ioctl(destination.native_handle(), FICLONE, source.native_handle()) == 0;
-}
-
-// Errors that mean "not between these two files", as opposed to a full or broken disk.
-bool cannotCopyInKernel(int number) {
-    return number == EXDEV || number == EINVAL || number == ENOSYS || number == EOPNOTSUPP ||
-           number == EPERM || number == EBADF || number == ETXTBSY;
-}
-
-// Advances both positions as far as the kernel gets; the rest, if any, is for copyRest.
-// Some file systems report an end of file that is none, so it is never relied upon.
-void copyInKernel(const readable_file &source, const writable_file &destination) {
-    constexpr std::size_t kPiece = std::size_t{1} << 30;
-    for (;;) {
-        const ::ssize_t count = ::copy_file_range(source.native_handle(), nullptr,
-                                                  destination.native_handle(), nullptr, kPiece, 0);
-        if (count > 0 || (count < 0 && errno == EINTR)) {
-            continue;
-        }
-        if (count == 0 || cannotCopyInKernel(errno)) {
-            return;
-        }
-        throw boost::system::system_error(errno, boost::system::system_category(),
-                                          "copy_file_range");
-    }
-}
-
-void copyContent(readable_file &source, writable_file &destination) {
-    if (!clone(source, destination)) {
-        copyInKernel(source, destination);
-        copyRest(source, destination);
-    }
-}
-
-#else
-
-void copyContent(readable_file &source, writable_file &destination) {
-    copyRest(source, destination);
-}
-
-#endif
 
 #if defined(__APPLE__)
 // The clone takes over the source's mode, which is put right before anybody knows its name.
@@ -107,7 +51,11 @@ void copy_new(readable_file &from, const filesystem::path &destination) {
 #endif
     writable_file to = writable_file::create_new(destination);
     try {
-        copyContent(from, to);
+        boost::system::error_code error;
+        content_copier().copy(from.native_handle(), to.native_handle(), from.size(), error);
+        if (error) {
+            throw boost::system::system_error(error, "copy");
+        }
         to.complete();
     } catch (...) {
         to.close();
