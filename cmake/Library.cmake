@@ -11,7 +11,7 @@ target_include_directories(kelvane_objects PUBLIC
 target_compile_definitions(kelvane_objects PUBLIC BOOST_ASIO_NO_DEPRECATED)
 target_link_libraries(kelvane_objects
   PUBLIC CoreFoundation::CoreFoundation OpenSSL::Crypto Boost::filesystem Boost::system
-         SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP ZLIB::ZLIB Threads::Threads
+         SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP PkgConfig::LIBDEFLATE ZLIB::ZLIB Threads::Threads
   PRIVATE kelvane_warnings)
 
 # Parsing these again for each source took half of the time of building. A build with
@@ -24,7 +24,7 @@ target_precompile_headers(kelvane_objects PRIVATE <algorithm> <array> <cstdint> 
 add_library(kelvane_internal STATIC $<TARGET_OBJECTS:kelvane_objects>)
 target_link_libraries(kelvane_internal PUBLIC
   CoreFoundation::CoreFoundation OpenSSL::Crypto Boost::filesystem Boost::system
-  SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP ZLIB::ZLIB Threads::Threads)
+  SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP PkgConfig::LIBDEFLATE ZLIB::ZLIB Threads::Threads)
 target_include_directories(kelvane_internal PUBLIC
   ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_compile_definitions(kelvane_internal PUBLIC BOOST_ASIO_NO_DEPRECATED)
@@ -33,7 +33,7 @@ add_library(Kelvane SHARED $<TARGET_OBJECTS:kelvane_objects>)
 set_target_properties(Kelvane PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1)
 target_link_libraries(Kelvane
   PUBLIC CoreFoundation::CoreFoundation Boost::filesystem
-  PRIVATE OpenSSL::Crypto Boost::system SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP ZLIB::ZLIB
+  PRIVATE OpenSSL::Crypto Boost::system SQLiteCpp SQLite::SQLite3 PkgConfig::MINIZIP PkgConfig::LIBDEFLATE ZLIB::ZLIB
           Threads::Threads)
 target_include_directories(Kelvane PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>

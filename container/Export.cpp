@@ -1,7 +1,6 @@
 #include "container/Export.hpp"
 
 #include "Kelvane/Error.hpp"
-#include "container/CopyOut.hpp"
 #include "container/StoredName.hpp"
 #include "foundation/Boundary.hpp"
 #include "manifest/KVManifestClass.hpp"
@@ -10,7 +9,6 @@
 #include <boost/filesystem/operations.hpp>
 
 #include <exception>
-#include <optional>
 #include <unordered_set>
 
 namespace Kelvane {
@@ -39,105 +37,19 @@ void asOwnError(Step step) {
     }
 }
 
-// An entry keeps its content once it is loaded, half a kilobyte of it. What an export loads
-// it lets go again, or a million entries would grow by that for having been written. Out of
-// a zip content is unpacked to be loaded, which is not to be done twice.
-class LoadedForNow {
-  public:
-    LoadedForNow(const Export &job, CFStringRef name)
-        : entry_(job.container->sourceKind == SourceKind::Directory
-                     ? KVBackupContainerGetEntryForLocalFilename(job.container, name, nullptr)
-                     : nullptr) {
-        if (entry_ != nullptr && !entry_->file) {
-            loader_ = entry_->getFileFunc;
-        }
-    }
-    LoadedForNow(const LoadedForNow &) = delete;
-    LoadedForNow &operator=(const LoadedForNow &) = delete;
-    ~LoadedForNow() {
-        if (loader_ != nullptr) {
-            entry_->file = nullptr;
-            entry_->getFileFunc = loader_;
-        }
-    }
-
-  private:
-    const KVManifestEntryClass *entry_;
-    FileLoader loader_;
-};
-
-// Content that is to be written, with what has to stay until it is.
-struct Loaded {
-    std::optional<WrittenManifestDatabase> database;
-    FileRef file;
-    // What is to be said of it once it is written; null for nothing.
-    CF::Error note;
-};
-
-void loadPlainly(const Export &job, CFStringRef name, Loaded &loaded) {
-    LocalError error;
-    loaded.file = FileRef(
-        CF::adopt, KVBackupContainerCopyFileForLocalFilename(job.container, name, error.out()));
-    if (!loaded.file) {
-        throw error.get();
-    }
-}
-
-CF::Error makeNote(const CF::Error &cause, const char *text, CFStringRef name) {
-    return Error(kKVErrorInvalidMetadata, cause, CF::String(text), name);
-}
-
-// A metadata file that could not be read is not known well enough to be written anew, and a
-// dictionary that was read may hold what cannot be written: both go over byte for byte.
-void loadMetadata(const Export &job, CFStringRef name, const SourceMetadata &source,
-                  Loaded &loaded) {
-    if (source.unreadable) {
-        loaded.file = source.file;
-        loaded.note =
-            makeNote(source.unreadable, "File %@ could not be read and was copied as it is", name);
-        return;
-    }
+ExportPiece load(const Export &job, CFStringRef name, CFStringRef failure) {
+    ExportPiece piece;
     try {
-        loadPlainly(job, name, loaded);
-    } catch (const CF::Error &cause) {
-        loaded.file = source.file;
-        loaded.note =
-            makeNote(cause, "File %@ could not be written anew and was copied as it is", name);
-    }
-}
-
-void loadContent(const Export &job, CFStringRef name, Loaded &loaded) {
-    const std::string text = CF::String::GetUTF8(name);
-    const auto source = job.container->sourceMetadata.find(text);
-    const bool fromSource = source != job.container->sourceMetadata.end();
-    if (job.manner == ExportManner::Plain) {
-        loadPlainly(job, name, loaded);
-        if (fromSource && source->second.unreadable) {
-            loaded.note = makeNote(source->second.unreadable,
-                                   "File %@ could not be read and was written empty", name);
-        }
-    } else if (text == kManifestDatabaseName) {
-        loaded.database.emplace(*job.container);
-        loaded.file = loaded.database->File();
-    } else if (fromSource) {
-        loadMetadata(job, name, source->second, loaded);
-    } else {
-        loadPlainly(job, name, loaded);
-    }
-}
-
-void load(const Export &job, CFStringRef name, CFStringRef failure, Loaded &loaded) {
-    try {
-        asOwnError([&] { loadContent(job, name, loaded); });
+        asOwnError([&] { piece = job.form->Load(name); });
     } catch (const CF::Error &cause) {
         throw Error(kKVErrorLoadRepresentation, cause, failure, name);
     }
+    return piece;
 }
 
-void write(Export &job, ExportTarget &target, CFStringRef name, const KVFileClass *file) {
+void write(Export &job, ExportTarget &target, CFStringRef name, const ExportPiece &piece) {
     try {
-        asOwnError(
-            [&] { target.Write(CF::String::GetUTF8(name), FileContent(file), job.progress); });
+        asOwnError([&] { target.Write(CF::String::GetUTF8(name), piece, job.progress); });
     } catch (const CF::Error &cause) {
         throw Error(kKVErrorWriteRepresentation, cause, target.NotWritten(), name);
     }
@@ -171,26 +83,32 @@ void reportNameless(Export &job, const ExportTarget &target) {
     });
 }
 
+void exportContent(Export &job, ExportTarget &target, CFStringRef name) {
+    const ExportPiece piece = load(job, name, target.NotLoaded());
+    if (piece.content == nullptr) {
+        job.report.NotNeeded(CF::String::GetUTF8(name));
+        return;
+    }
+    write(job, target, name, piece);
+    job.report.Written(CF::String::GetUTF8(name));
+    if (piece.note) {
+        job.report.Noted(piece.note);
+    }
+}
+
 void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &known) {
+    if (job.manner != ExportManner::Plain && CFStringGetLength(name) == 0) {
+        return; // reported with its entry
+    }
     try {
-        if (job.manner == ExportManner::Unlimited && CFStringGetLength(name) == 0) {
-            return; // reported with its entry
-        }
         requireSafe(target, name);
         // Two entries of one file ID have one content, that of the entry which a lookup finds.
-        if (!known.insert(name).second) {
-            return;
-        }
-        const LoadedForNow unloading(job, name);
-        Loaded loaded;
-        load(job, name, target.NotLoaded(), loaded);
-        write(job, target, name, loaded.file.get());
-        job.report.Written(CF::String::GetUTF8(name));
-        if (loaded.note) {
-            job.report.Noted(loaded.note);
+        if (known.insert(name).second) {
+            exportContent(job, target, name);
         }
     } catch (const CF::Error &error) {
         job.report.Skipped(error);
+        job.form->Skipped(name);
     }
 }
 
@@ -207,8 +125,7 @@ void RequireNothingAt(const CF::String &path) {
 }
 
 void RequireWritableManifest(const Export &job) {
-    if (job.manner == ExportManner::Unlimited &&
-        job.container->Version() == kKVManifestDataVersion24 &&
+    if (job.manner != ExportManner::Plain && job.container->Version() == kKVManifestDataVersion24 &&
         job.container->manifest.get()->entries.Count() == 0) {
         throw Error(kKVErrorWriteRepresentation, nullptr,
                     "A backup of version 2.4 needs an entry: its manifest could not be read again "
@@ -220,7 +137,7 @@ void WriteStoredFiles(Export &job, ExportTarget &target) {
     const auto names =
         CF::Array::Adopt(KVBackupContainerCopyFilesystemPathsList(job.container, false));
     job.progress.SetTotal(KVManifestGetTotalFileSize(job.container->manifest.get()));
-    if (job.manner == ExportManner::Unlimited) {
+    if (job.manner != ExportManner::Plain) {
         reportNameless(job, target);
     }
     NameSet known;

@@ -1,10 +1,9 @@
 // What writing a backup out is made of, whether it becomes a directory or a zip.
 #pragma once
 
-#include "container/ExportContent.hpp"
+#include "container/ExportForm.hpp"
 #include "container/ExportProgress.hpp"
 #include "container/ExportReport.hpp"
-#include "container/KVBackupContainerClass.hpp"
 
 #include <memory>
 #include <string>
@@ -12,16 +11,19 @@
 namespace Kelvane {
 
 enum class ExportManner {
-    // The manifest database is built in memory, within a limit, and a zip has plain records.
+    // As hosts without a report have it: a zip has plain records, what is skipped is logged alone.
     Plain,
-    // The manifest database is written through a file and zip64 is used where needed.
-    Unlimited
+    // Zip64 is used where needed, and what is skipped is reported.
+    Unlimited,
+    // The same, and records of a zip may be packed in any way that readers take.
+    Device
 };
 
 // One export on its way.
 struct Export {
     KVBackupContainerClass *container;
     ExportManner manner;
+    std::unique_ptr<ExportForm> form;
     ExportProgress progress;
     ExportReport report;
 };
@@ -37,9 +39,9 @@ class ExportTarget {
     // Formats of the errors of skipped files; they take the stored name.
     virtual CFStringRef NotLoaded() const = 0;
     virtual CFStringRef NotWritten() const = 0;
-    // Writes the file's content under the name, which is safe and comes once, and counts
+    // Writes the piece's content under the name, which is safe and comes once, and counts
     // the bytes. Throws CF::Error; nothing of the file is left then.
-    virtual void Write(const std::string &name, const ExportContent &content,
+    virtual void Write(const std::string &name, const ExportPiece &piece,
                        ExportProgress &progress) = 0;
 };
 

@@ -30,7 +30,8 @@ class ExportContent {
     virtual CF::Pointer<CFDateRef> ModifiedDate() const = 0;
     // Hands the content over, piece after piece. Throws CF::Error, and what the consumer throws.
     virtual void Read(const ContentConsumer &consumer) const = 0;
-    // An open file that holds the content as it is, at its beginning; -1 when there is none. Borrowed.
+    // An open file that holds the content as it is, at its beginning; -1 when there is none.
+    // Borrowed.
     virtual int Descriptor() const noexcept { return -1; }
 };
 

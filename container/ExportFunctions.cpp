@@ -19,8 +19,10 @@ ProgressFunction asFunction(KVBackupExportProgressCallBack callback, void *conte
 
 Export begin(KVBackupContainerClass *container, ExportManner manner, ProgressFunction progress,
              const KVBackupExportReport *report) {
-    return {container, manner, ExportProgress(std::move(progress)),
-            ExportReport(report != nullptr, container->Version())};
+    return {
+        container, manner,
+        manner == ExportManner::Plain ? MakePlainForm(*container) : MakeUnlimitedForm(*container),
+        ExportProgress(std::move(progress)), ExportReport(report != nullptr, container->Version())};
 }
 
 void writeDirectory(Export &job, const CF::String &path) {
@@ -35,7 +37,7 @@ void completeZip(Export &job, ZipExportTarget &target) {
     try {
         target.Complete();
     } catch (const CF::Error &error) {
-        if (job.manner == ExportManner::Unlimited) {
+        if (job.manner != ExportManner::Plain) {
             throw;
         }
         job.report.Log(error);
@@ -47,7 +49,7 @@ void writeZip(Export &job, const CF::String &path) {
     RequireNothingAt(path);
     RequireWritableManifest(job);
     const auto target = CreateZipTarget(path, job.manner);
-    if (!target->IsOpen() && job.manner == ExportManner::Unlimited) {
+    if (!target->IsOpen() && job.manner != ExportManner::Plain) {
         target->Complete(); // tells why
     }
     WriteStoredFiles(job, *target);

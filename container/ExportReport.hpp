@@ -26,6 +26,8 @@ class ExportReport {
     void Log(const CF::Error &error) const;
     // A file was written.
     void Written(const std::string &name);
+    // The backup is complete without that file.
+    void NotNeeded(const std::string &name) { missing_.erase(name); }
 
     // Hands the report out; null is allowed.
     void FillIn(KVBackupExportReport *report) const;

@@ -106,13 +106,13 @@ class DirectoryTarget : public ExportTarget {
     }
     CFStringRef NotWritten() const override { return CFSTR("File %@ could not be written"); }
 
-    void Write(const std::string &name, const ExportContent &content,
+    void Write(const std::string &name, const ExportPiece &piece,
                ExportProgress &progress) override {
         const std::size_t separator = name.rfind('/');
         const bool atRoot = separator == std::string::npos;
         const directory &parent = atRoot ? root_ : enter(name.substr(0, separator));
         NewFile target(parent, atRoot ? name : name.substr(separator + 1));
-        RequireWhole(content, fill(target, content, progress));
+        RequireWhole(*piece.content, fill(target, *piece.content, progress));
         target.Complete();
     }
 

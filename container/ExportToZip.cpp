@@ -3,6 +3,7 @@
 #include "Kelvane/Error.hpp"
 #include "container/ZipDirectory.hpp"
 #include "container/ZipOutput.hpp"
+#include "container/ZipPacking.hpp"
 #include "container/ZipTime.hpp"
 #include "support/cf/Extensions.hpp"
 
@@ -27,6 +28,8 @@ constexpr std::uint64_t kGrowth = 1024;
 constexpr std::uint64_t kSmallestGrowth = 4096;
 // The length of a name is a field of two bytes, which the library fills unchecked.
 constexpr std::size_t kLongestName = 0xffff;
+// Content up to this size is packed in memory as a whole. Nearly all files are smaller.
+constexpr std::uint64_t kLargestWhole = 16ULL << 20;
 // Longer ones cannot be told to the library.
 constexpr std::size_t kLongestPiece = std::numeric_limits<std::uint32_t>::max();
 
@@ -48,7 +51,10 @@ constexpr std::size_t kLongestPiece = std::numeric_limits<std::uint32_t>::max();
 class ZipTarget : public ZipExportTarget {
   public:
     ZipTarget(const CF::String &path, ExportManner manner)
-        : zip64Allowed_(manner == ExportManner::Unlimited), output_(path.GetUTF8()) {
+        : zip64Allowed_(manner != ExportManner::Plain), output_(path.GetUTF8()) {
+        if (manner == ExportManner::Device) {
+            packing_.emplace();
+        }
         zlib_filefunc64_def functions = output_.Functions();
         archive_ = zipOpen2_64(path.GetUTF8().c_str(), APPEND_STATUS_CREATE, nullptr, &functions);
     }
@@ -63,14 +69,23 @@ class ZipTarget : public ZipExportTarget {
         return CFSTR("File %@ could not be loaded for writing to zip");
     }
     CFStringRef NotWritten() const override { return CFSTR("File %@ could not be written in zip"); }
-    void Write(const std::string &name, const ExportContent &content,
+    void Write(const std::string &name, const ExportPiece &piece,
                ExportProgress &progress) override;
     void Complete() override;
 
   private:
+    // How a record comes about: the library compresses or stores what it is given, or is given
+    // what was compressed or is to be stored as a whole.
+    enum class Method { Deflate, Store, PackedDeflate, PackedStore };
     class Record;
 
+    void writePieces(const std::string &name, const ExportContent &content, Method method,
+                     ExportProgress &progress);
+    void writeWhole(const std::string &name, const ExportPiece &piece, ExportProgress &progress);
+
     bool zip64Allowed_;
+    std::optional<ZipPacking> packing_; // where records need not be those of the plain form
+    std::vector<std::uint8_t> whole_;   // the content of the last record that was read whole
     ZipOutput output_;
     zipFile archive_ = nullptr;
     // The library lists records that failed all the same, and counts no more than 65,535:
@@ -83,9 +98,9 @@ class ZipTarget : public ZipExportTarget {
 // A record that is no part of the archive unless it was completed.
 class ZipTarget::Record {
   public:
-    Record(ZipTarget &target, const std::string &name, const ExportContent &content)
+    Record(ZipTarget &target, const std::string &name, const ExportContent &content, Method method)
         : target_(target), name_(name), start_(target.output_.Position()) {
-        const int status = open(content);
+        const int status = open(content, method);
         if (status != ZIP_OK) {
             const int failure = target_.output_.Failure();
             discard();
@@ -101,6 +116,7 @@ class ZipTarget::Record {
         }
     }
 
+    // Of a packed record: as it is to lie in the archive.
     void Append(std::span<const std::uint8_t> bytes) {
         size_ += bytes.size();
         requireFits(size_); // content may turn out larger than it said to be
@@ -108,8 +124,14 @@ class ZipTarget::Record {
                                                static_cast<unsigned>(bytes.size()));
         throwIfFailed("ZipWriteInFile failed (%d)", status);
     }
-    void Complete() {
-        const int status = zipCloseFileInZip(target_.archive_);
+    void Complete() { complete(zipCloseFileInZip(target_.archive_)); }
+    // Of a packed record, whose content the library has not seen.
+    void Complete(std::uint64_t size, std::uint32_t checksum) {
+        complete(zipCloseFileInZipRaw64(target_.archive_, size, checksum));
+    }
+
+  private:
+    void complete(int status) {
         open_ = false;
         // Whether it is on the disk must be known while it can still be taken back.
         target_.output_.Flush();
@@ -122,7 +144,6 @@ class ZipTarget::Record {
         }
     }
 
-  private:
     // minizip uses its memory for a record's header without asking whether there was any. What
     // it will take is still free when it has just been given back.
     void requireMemory() const {
@@ -132,17 +153,16 @@ class ZipTarget::Record {
         std::free(memory);
     }
 
-    int open(const ExportContent &content) {
+    int open(const ExportContent &content, Method method) {
         zip_fileinfo info{};
         info.tmz_date = ZipTime(content.ModifiedDate().get());
         zip64_ = target_.zip64Allowed_ && MayNeedZip64(content.Size());
-        constexpr int kWindowBits = -15; // raw deflate
-        constexpr int kMemoryLevel = 8;
+        const bool deflated = method == Method::Deflate || method == Method::PackedDeflate;
+        const bool packed = method == Method::PackedDeflate || method == Method::PackedStore;
         requireMemory();
-        const int status =
-            zipOpenNewFileInZip3_64(target_.archive_, name_.c_str(), &info, nullptr, 0, nullptr, 0,
-                                    nullptr, Z_DEFLATED, Z_DEFAULT_COMPRESSION, 0, kWindowBits,
-                                    kMemoryLevel, Z_DEFAULT_STRATEGY, nullptr, 0, zip64_ ? 1 : 0);
+        const int status = zipOpenNewFileInZip2_64(
+            target_.archive_, name_.c_str(), &info, nullptr, 0, nullptr, 0, nullptr,
+            deflated ? Z_DEFLATED : 0, Z_DEFAULT_COMPRESSION, packed ? 1 : 0, zip64_ ? 1 : 0);
         open_ = status == ZIP_OK;
         return status;
     }
@@ -173,8 +193,8 @@ class ZipTarget::Record {
     bool open_ = false;
 };
 
-void ZipTarget::Write(const std::string &name, const ExportContent &content,
-                      ExportProgress &progress) {
+void ZipTarget::Write(const std::string &name, const ExportPiece &piece, ExportProgress &progress) {
+    const ExportContent &content = *piece.content;
     if (!zip64Allowed_ && content.Size() > kGreatestPlainSize) {
         throwTooLarge(content.Size());
     }
@@ -182,7 +202,18 @@ void ZipTarget::Write(const std::string &name, const ExportContent &content,
         throw Error(kKVErrorArchive, nullptr, CFSTR("Name too long for a zip record (%llu bytes)"),
                     static_cast<unsigned long long>(name.size()));
     }
-    Record record(*this, name, content);
+    if (packing_ && content.Size() <= kLargestWhole) {
+        writeWhole(name, piece, progress);
+    } else {
+        const bool stored = packing_ && !piece.compressible;
+        writePieces(name, content, stored ? Method::Store : Method::Deflate, progress);
+    }
+    ++records_;
+}
+
+void ZipTarget::writePieces(const std::string &name, const ExportContent &content, Method method,
+                            ExportProgress &progress) {
+    Record record(*this, name, content, method);
     std::uint64_t written = 0;
     content.Read([&](std::span<const std::uint8_t> bytes) {
         if (!bytes.empty() && bytes.size() < kLongestPiece) {
@@ -193,7 +224,27 @@ void ZipTarget::Write(const std::string &name, const ExportContent &content,
     });
     RequireWhole(content, written);
     record.Complete();
-    ++records_;
+}
+
+void ZipTarget::writeWhole(const std::string &name, const ExportPiece &piece,
+                           ExportProgress &progress) {
+    whole_.clear();
+    std::uint64_t read = 0;
+    piece.content->Read([&](std::span<const std::uint8_t> bytes) {
+        read += bytes.size();
+        // A file that grew is refused below, and need not fit.
+        if (read <= kLargestWhole) {
+            whole_.insert(whole_.end(), bytes.begin(), bytes.end());
+        }
+    });
+    RequireWhole(*piece.content, read);
+    const auto packed =
+        piece.compressible ? packing_->Deflate(whole_) : std::span<const std::uint8_t>();
+    Record record(*this, name, *piece.content,
+                  packed.empty() ? Method::PackedStore : Method::PackedDeflate);
+    record.Append(packed.empty() ? std::span<const std::uint8_t>(whole_) : packed);
+    record.Complete(whole_.size(), ZipPacking::Checksum(whole_));
+    progress.Count(whole_.size());
 }
 
 bool ZipTarget::needsOwnDirectory(std::uint64_t start) const {
