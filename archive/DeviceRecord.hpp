@@ -87,8 +87,8 @@ class DeviceRecordEncoder {
     // library knows nothing of; but references become UID values, the file key gets an object of
     // its own, and numbers that every record has are added from record where old has none.
     //
-    // old is any archive of a record that the general codec reads. Throws std::invalid_argument
-    // for what is none, or has more than four million members or a depth of more than 200.
+    // old is an archive of a record that the general codec reads. Throws std::invalid_argument
+    // for what is none, and for one of another format than the binary one.
     void Update(std::span<const std::uint8_t> old, const DeviceRecord &record, RecordFields changed,
                 std::vector<std::uint8_t> &archive);
 

@@ -15,11 +15,11 @@ using namespace RecordLayout;
 using ZK::bplist::Type;
 using Kind = PlistBuilder::Kind;
 
-// What the platform's own reader takes of values; more is a record made to fill memory, for
-// containers may share their members.
-constexpr std::uint64_t kMaxMembers = std::uint64_t{1} << 22;
-// Records of devices nest four deep. The copying goes down as deep as the archive does.
-constexpr unsigned kMaxDepth = 200;
+// As many as the general codec's reader takes, keys and values counted apart; more is a record made
+// to fill memory, for containers may share their members.
+constexpr std::uint64_t kMaxMembers = std::uint64_t{1} << 23;
+// As deep as that reader goes. Records of devices nest four deep.
+constexpr unsigned kMaxDepth = 512;
 constexpr PlistBuilder::Number kBusy = std::numeric_limits<PlistBuilder::Number>::max();
 constexpr std::uint32_t kNowhere = std::numeric_limits<std::uint32_t>::max();
 

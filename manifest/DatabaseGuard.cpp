@@ -32,10 +32,13 @@ constexpr std::uint64_t kPasses = 3;
 // For reading the schema and preparing statements.
 constexpr std::uint64_t kBaseIntervals = 100;
 
-std::uint64_t IntervalsFor(const std::string &path) {
+// Writing a row takes some hundred instructions, and more when there are many indexes.
+constexpr std::uint64_t kInstructionsPerWrittenRow = 2000;
+
+std::uint64_t IntervalsFor(const std::string &path, std::uint64_t rows) {
     boost::system::error_code error;
     const std::uint64_t size = boost::filesystem::file_size(path, error);
-    return kBaseIntervals +
+    return kBaseIntervals + rows * kInstructionsPerWrittenRow / kInstructionsPerInterval +
            (error ? 0 : size * kInstructionsPerByte * kPasses / kInstructionsPerInterval);
 }
 
@@ -99,8 +102,8 @@ const char *RowIDColumn(SQLite::Database &database) {
     return nullptr;
 }
 
-WorkLimit::WorkLimit(SQLite::Database &database, const std::string &path)
-    : database_(database), intervalsLeft_(IntervalsFor(path)) {
+WorkLimit::WorkLimit(SQLite::Database &database, const std::string &path, std::uint64_t rows)
+    : database_(database), intervalsLeft_(IntervalsFor(path, rows)) {
     sqlite3_progress_handler(database_.getHandle(), kInstructionsPerInterval, &Progress, this);
 }
 

@@ -33,8 +33,9 @@ const char *RowIDColumn(SQLite::Database &database);
 // again and again, and a small file can keep SQLite busy for years.
 class WorkLimit {
   public:
-    // path is that of the database's file; the limit holds until destruction.
-    WorkLimit(SQLite::Database &database, const std::string &path);
+    // path is that of the database's file, rows how many are to be written in it beside reading;
+    // the limit holds until destruction.
+    WorkLimit(SQLite::Database &database, const std::string &path, std::uint64_t rows = 0);
     ~WorkLimit();
     WorkLimit(const WorkLimit &) = delete;
     WorkLimit &operator=(const WorkLimit &) = delete;

@@ -27,8 +27,10 @@ bool IsAsRead(const KVManifestClass &manifest, const DeviceRowRules &rules);
 // is complete, on disk and closed, without companions; the journal mode in its header is as it
 // was. After a failure its content is undefined, and no companions are left.
 //
-// A database whose rows cannot be told apart as a device's can (a table without row numbers or
-// without a unique file ID) is replaced by a new one, as WriteDeviceDatabaseFile makes it.
+// A database whose rows cannot be written one by one as a device's can (a table without row
+// numbers or a unique file ID, with another column that is unique, or with indexes or defaults that
+// compute something) is replaced by
+// a new one, as WriteDeviceDatabaseFile makes it. Check constraints are not looked at.
 //
 // Throws code 13 with SQLite's message, code 3 when what was written cannot be kept, code 1
 // "Failed to serialize entries %@", and code 2 for texts without a UTF-8 form. Memory does not

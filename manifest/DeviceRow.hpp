@@ -25,9 +25,9 @@ struct DeviceRow {
           encryptionKey(described.encryptionData), protectionClass(described.protectionClass) {}
 };
 
-// How the entries of a manifest become rows. Empty functions do nothing and say no. Each is called
-// once at most for an entry, in no promised order, and not for entries of which nothing is
-// written; what it throws ends the writing.
+// How the entries of a manifest become rows. Empty functions do nothing and say no. They are called
+// in no promised order, the two that ask more than once for an entry if need be; what they throw
+// ends the writing.
 struct DeviceRowRules {
     // Changes what is written of an entry that is new, or changed, or rewritten.
     std::function<void(DeviceRow &)> adjust;

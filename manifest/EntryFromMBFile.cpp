@@ -105,21 +105,6 @@ MB::File decodeGenerally(std::span<const std::uint8_t> bytes) {
     return *std::move(record);
 }
 
-// Most records have the usual shape, and opening a backup decodes one for every row.
-void fillFromBytes(KVManifestEntryClass &entry, std::span<const std::uint8_t> bytes) {
-    MBFileView view;
-    if (Kelvane::DecodeMBFile(bytes, view)) {
-        fill(entry, view);
-    } else {
-        fill(entry, decodeGenerally(bytes));
-    }
-}
-
-// A type beyond those that an entry holds is none, rather than the one of its lowest bits.
-std::uint8_t fileTypeOf(int flags) {
-    return flags >= 0 && flags <= UINT8_MAX ? static_cast<std::uint8_t>(flags) : UINT8_MAX;
-}
-
 void logFailure(const char *text) {
     ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelBadRecord,
                 CFSTR("Failed to deserialize MBFile: %s"), text);
@@ -129,6 +114,20 @@ void logFailure(const char *text) {
 
 namespace Kelvane {
 
+// Most records have the usual shape, and opening a backup decodes one for every row.
+void FillFromRecord(KVManifestEntryClass &entry, std::span<const std::uint8_t> record) {
+    MBFileView view;
+    if (DecodeMBFile(record, view)) {
+        fill(entry, view);
+    } else {
+        fill(entry, decodeGenerally(record));
+    }
+}
+
+std::uint8_t FileTypeOf(int flags) noexcept {
+    return flags >= 0 && flags <= UINT8_MAX ? static_cast<std::uint8_t>(flags) : UINT8_MAX;
+}
+
 EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fileID,
                                        CFStringRef domain, CFStringRef relativePath, int flags,
                                        std::span<const std::uint8_t> record,
@@ -136,7 +135,7 @@ EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fil
     auto entry = AllocateEntry(allocator);
     KVManifestEntryClass &body = *entry.get();
     try {
-        fillFromBytes(body, record);
+        FillFromRecord(body, record);
     } catch (const std::bad_alloc &) {
         throw; // says nothing about the record
     } catch (const std::exception &exception) {
@@ -147,7 +146,7 @@ EntryPointer CreateEntryFromMBFileData(CFAllocatorRef allocator, CFStringRef fil
     if (fileID != nullptr) {
         SetFileID(body, CF::Adopt(CF::Made(CFStringCreateCopy(kCFAllocatorDefault, fileID))));
     }
-    body.fileType = fileTypeOf(flags);
+    body.fileType = FileTypeOf(flags);
     body.getFileFunc = loader;
     if (ZLLogIsEnabled(kZLLogLevelDetail)) {
         ZLLogDomain(GetLogDomain(), kZLLogLevelDetail, CFSTR("Created manifest entry %@"),

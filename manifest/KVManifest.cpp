@@ -43,6 +43,10 @@ CFComparisonResult CompareDomainsAndPaths(const KVManifestEntryClass *a,
 
 namespace Kelvane {
 
+bool IsWrittenBefore(const KVManifestEntryClass *a, const KVManifestEntryClass *b) {
+    return CompareDomainsAndPaths(a, b) == kCFCompareLessThan;
+}
+
 KVManifestClass *CreateManifest(CFAllocatorRef allocator, ManifestContents contents,
                                 KVManifestDataVersion version) {
     auto *const manifest = RuntimeBody<KVManifestClass>::Create(allocator, KVManifestGetTypeID());
@@ -57,8 +61,7 @@ CF::Array CopySortedEntries(KVManifestClass *manifest) {
     std::vector<EntryPosition> sorted = manifest->entries.Positions();
     // Stable, so that of entries with one file ID the row of the last stays.
     std::stable_sort(sorted.begin(), sorted.end(), [&](EntryPosition a, EntryPosition b) {
-        return CompareDomainsAndPaths(manifest->entries.At(a), manifest->entries.At(b)) ==
-               kCFCompareLessThan;
+        return IsWrittenBefore(manifest->entries.At(a), manifest->entries.At(b));
     });
     return manifest->entries.ArrayOf(sorted);
 }

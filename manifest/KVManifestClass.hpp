@@ -61,6 +61,8 @@ KVManifestClass *CreateManifest(CFAllocatorRef allocator, ManifestContents conte
 // The entries in the order in which manifests are written: by "domain-path", compared by
 // UTF-16 code units. Entries that compare equal keep their order.
 CF::Array CopySortedEntries(KVManifestClass *manifest);
+// Whether the first comes before the second in that order.
+bool IsWrittenBefore(const KVManifestEntryClass *a, const KVManifestEntryClass *b);
 
 // A manifest of the bytes of a Manifest.mbdb; null, with a line on standard output, when they
 // are none. Throws CF::Error when it is too large.

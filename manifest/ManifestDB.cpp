@@ -54,19 +54,11 @@ ZK::filesystem::path MakeBaseDirectory() {
     return base;
 }
 
-std::string NewWorkingPath() {
-    static const ZK::filesystem::path base = MakeBaseDirectory();
-    const auto uuid = CF::Adopt(CF::Made(CFUUIDCreate(kCFAllocatorDefault)));
-    const auto name =
-        CF::String::Adopt(CF::Made(CFUUIDCreateString(kCFAllocatorDefault, uuid.get())));
-    return (base / name.GetUTF8()).string();
-}
-
 // Copies the database, an open file or a path, to a place of its own, which it returns. The name
 // is for messages.
 template <class Source>
 std::string CopyDatabase(Source &source, const CF::String &name) {
-    std::string destination = NewWorkingPath();
+    std::string destination = NewManifestDatabasePath();
     try {
         ZK::file::copy_new(source, destination);
         return destination;
@@ -129,8 +121,16 @@ void CreateSchema(SQLite::Database &database, int version) {
 
 } // namespace
 
+std::string NewManifestDatabasePath() {
+    static const ZK::filesystem::path base = MakeBaseDirectory();
+    const auto uuid = CF::Adopt(CF::Made(CFUUIDCreate(kCFAllocatorDefault)));
+    const auto name =
+        CF::String::Adopt(CF::Made(CFUUIDCreateString(kCFAllocatorDefault, uuid.get())));
+    return (base / name.GetUTF8()).string();
+}
+
 ManifestDB::ManifestDB(CF::String path)
-    : ManifestDB(path ? CopyDatabaseAt(path) : NewWorkingPath(), !path) {}
+    : ManifestDB(path ? CopyDatabaseAt(path) : NewManifestDatabasePath(), !path) {}
 
 std::unique_ptr<ManifestDB> CopyOpenDatabase(ZK::file::readable_file &source,
                                              const CF::String &path) {

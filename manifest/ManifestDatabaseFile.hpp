@@ -2,6 +2,7 @@
 #pragma once
 
 #include "KVManifest.h"
+#include "manifest/ManifestRowWriter.hpp"
 
 #include <string>
 
@@ -13,6 +14,14 @@ namespace Kelvane {
 // KVManifestCreateManifestDBRepresentation gives, with the same errors but for those of
 // reading back. The caller removes it; after a failure nothing is left to remove.
 std::string WriteManifestDatabaseFile(KVManifestClass *manifest, KVManifestDataVersion version);
+
+// Where a new database file may be made: a path of no file in a private directory under the
+// temporary path. Throws std::runtime_error when that was not set, and code 3.
+std::string NewManifestDatabasePath();
+
+// Adds the rows that stand for a file ID alone, but for those whose file ID an entry has been given
+// since: they would take the place of the entry's row.
+void AddPlaceholders(KVManifestClass *manifest, ManifestRowWriter &writer);
 
 // Removes the database and whatever SQLite keeps beside it. What is not there or cannot be
 // removed stays so.

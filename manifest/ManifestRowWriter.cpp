@@ -17,21 +17,6 @@ constexpr const char *kCachePragma = "PRAGMA cache_size=-65536;";
 constexpr const char *kInsertRow = "INSERT OR REPLACE INTO Files "
                                    "(fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)";
 
-// Sets utf8 to the text in UTF-8. Throws code 2 when it has no such form.
-void EncodeText(CFStringRef text, std::string &utf8) {
-    const CFIndex units = CFStringGetLength(text);
-    constexpr CFIndex kMaximumBytesPerUnit = 3;
-    utf8.resize(static_cast<std::size_t>(units * kMaximumBytesPerUnit));
-    CFIndex written = 0;
-    const CFIndex converted = CFStringGetBytes(text, CFRangeMake(0, units), kCFStringEncodingUTF8,
-                                               0, false, reinterpret_cast<UInt8 *>(utf8.data()),
-                                               static_cast<CFIndex>(utf8.size()), &written);
-    if (converted != units) {
-        throw Error(kKVErrorInvalidArgument, nullptr, "Text cannot be encoded as UTF-8");
-    }
-    utf8.resize(static_cast<std::size_t>(written));
-}
-
 // Sizes are passed to SQLite as int; its own limit is lower.
 void RequireBindable(std::size_t size) {
     if (size > INT_MAX) {
@@ -49,6 +34,20 @@ void BindData(SQLite::Statement &statement, int index, std::span<const std::uint
 }
 
 } // namespace
+
+void EncodeText(CFStringRef text, std::string &utf8) {
+    const CFIndex units = CFStringGetLength(text);
+    constexpr CFIndex kMaximumBytesPerUnit = 3;
+    utf8.resize(static_cast<std::size_t>(units * kMaximumBytesPerUnit));
+    CFIndex written = 0;
+    const CFIndex converted = CFStringGetBytes(text, CFRangeMake(0, units), kCFStringEncodingUTF8,
+                                               0, false, reinterpret_cast<UInt8 *>(utf8.data()),
+                                               static_cast<CFIndex>(utf8.size()), &written);
+    if (converted != units) {
+        throw Error(kKVErrorInvalidArgument, nullptr, "Text cannot be encoded as UTF-8");
+    }
+    utf8.resize(static_cast<std::size_t>(written));
+}
 
 ManifestRowWriter::ManifestRowWriter(ManifestDB &database)
     : database_(RequireOpen(database.database_.get())) {}

@@ -12,11 +12,15 @@
 
 namespace Kelvane {
 
+// Sets utf8 to the text in UTF-8. Throws code 2, "Text cannot be encoded as UTF-8".
+void EncodeText(CFStringRef text, std::string &utf8);
+
 // Keeps the statement prepared between rows.
 class ManifestRowWriter {
   public:
     // Throws code 2, "Database closed", and code 13.
     explicit ManifestRowWriter(ManifestDB &database);
+    explicit ManifestRowWriter(SQLite::Database &database) noexcept : database_(database) {}
     ~ManifestRowWriter();
     ManifestRowWriter(const ManifestRowWriter &) = delete;
     ManifestRowWriter &operator=(const ManifestRowWriter &) = delete;
