@@ -22,9 +22,9 @@ std::span<const std::uint8_t> ZipPacking::Deflate(std::span<const std::uint8_t> 
     if (packed_.size() < content.size()) {
         packed_.resize(content.size());
     }
-    const std::size_t size = libdeflate_deflate_compress(
-        compressor_, content.data(), content.size(), packed_.data(),
-        content.empty() ? 0 : content.size() - 1);
+    const std::size_t size =
+        libdeflate_deflate_compress(compressor_, content.data(), content.size(), packed_.data(),
+                                    content.empty() ? 0 : content.size() - 1);
     return {packed_.data(), size};
 }
 

@@ -4,63 +4,19 @@
 #include "foundation/Boundary.hpp"
 #include "manifest/ExtendedAttributes.hpp"
 #include "manifest/KVManifestClass.hpp"
-#include "manifest/MbdbLimits.hpp"
+#include "manifest/MbdbFields.hpp"
 #include "manifest/MbdbRecord.hpp"
 #include "support/cf/Data.hpp"
 #include "support/zk/Log.hpp"
-
-#include <algorithm>
-#include <array>
-#include <concepts>
 
 namespace Kelvane {
 
 namespace {
 
-constexpr std::array<std::uint8_t, 6> kHeader = {'m', 'b', 'd', 'b', 5, 0};
+using MbdbFields::AppendInteger;
+using MbdbFields::Output;
 
-using Output = std::vector<std::uint8_t>;
-
-template <std::unsigned_integral T>
-void AppendInteger(Output &output, T value) {
-    for (std::size_t i = sizeof(T); i-- > 0;) {
-        output.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-    }
-}
-
-bool AppendData(Output &output, CFDataRef data) {
-    const auto length = static_cast<std::size_t>(CFDataGetLength(data));
-    if (length >= kMbdbByteStringLimit) {
-        return false;
-    }
-    AppendInteger(output, static_cast<std::uint16_t>(length));
-    const UInt8 *const bytes = CFDataGetBytePtr(data);
-    output.insert(output.end(), bytes, bytes + length);
-    return true;
-}
-
-bool AppendText(Output &output, CFStringRef text) {
-    const CFIndex units = CFStringGetLength(text);
-    if (static_cast<std::size_t>(units) >= kMbdbByteStringLimit) {
-        return false; // each unit takes a byte at least
-    }
-    constexpr std::size_t kMaximumBytesPerUnit = 3;
-    const std::size_t start = output.size();
-    const std::size_t textStart = start + sizeof(std::uint16_t);
-    output.resize(textStart + static_cast<std::size_t>(units) * kMaximumBytesPerUnit);
-    CFIndex written = 0;
-    const CFIndex converted = CFStringGetBytes(
-        text, CFRangeMake(0, units), kCFStringEncodingUTF8, 0, false, output.data() + textStart,
-        static_cast<CFIndex>(output.size() - textStart), &written);
-    const auto length = static_cast<std::size_t>(written);
-    if (converted != units || length >= kMbdbByteStringLimit) {
-        return false;
-    }
-    output.resize(textStart + length);
-    output[start] = static_cast<std::uint8_t>(length >> 8);
-    output[start + 1] = static_cast<std::uint8_t>(length);
-    return true;
-}
+constexpr auto kEmpty = MbdbFields::Empty::AsLengthZero;
 
 std::uint32_t TimeField(CFAbsoluteTime time) {
     return static_cast<std::uint32_t>(WrittenUnixTime(time));
@@ -78,46 +34,23 @@ void AppendFixedBlock(Output &output, const KVManifestEntryClass &entry) {
     AppendInteger(output, static_cast<std::uint8_t>(CodeOfProtectionClass(entry.protectionClass)));
 }
 
-// The names of the properties, sorted, so that equal entries give equal bytes. Empty
-// when a name is no string or a value no data; the flag tells that from no properties.
-CF::Array PropertyNames(CFDictionaryRef properties, bool &representable) {
-    const auto names = CF::Array::Mutable();
-    CF::Dictionary(properties).ForEach([&](CFTypeRef name, CFTypeRef value) {
-        representable = representable && CFGetTypeID(name) == CFStringGetTypeID() &&
-                        CFGetTypeID(value) == CFDataGetTypeID();
-        names.Append(name);
-    });
-    if (!representable) {
-        return CF::Array::Mutable();
-    }
-    CFArraySortValues(
-        const_cast<CFMutableArrayRef>(names.get()), CFRangeMake(0, names.GetCount()),
-        [](const void *a, const void *b, void *) {
-            return CFStringCompare(static_cast<CFStringRef>(a), static_cast<CFStringRef>(b), 0);
-        },
-        nullptr);
-    return names;
+bool AppendText(Output &output, CFStringRef text) {
+    return MbdbFields::AppendText(output, text, kEmpty);
+}
+
+bool AppendData(Output &output, CFDataRef data) {
+    return MbdbFields::AppendData(output, data, kEmpty);
 }
 
 bool AppendProperties(Output &output, CFDictionaryRef properties) {
-    bool representable = true;
-    const CF::Array names = PropertyNames(properties, representable);
-    const CFIndex count = names.GetCount();
-    output.push_back(static_cast<std::uint8_t>(count));
-    for (CFIndex i = 0; representable && i < count; ++i) {
-        const auto *const name = static_cast<CFStringRef>(names.GetAt(i));
-        representable =
-            AppendText(output, name) &&
-            AppendData(output, static_cast<CFDataRef>(CFDictionaryGetValue(properties, name)));
-    }
-    return representable;
+    return MbdbFields::AppendProperties(output, properties, kEmpty);
 }
 
 CF::Data WriteEntries(KVManifestClass *manifest) {
     const CF::Array entries = CopySortedEntries(manifest);
     const auto data = CF::Data::Adopt(CF::Made(CFDataCreateMutable(kCFAllocatorDefault, 0)));
     auto *const bytes = const_cast<CFMutableDataRef>(data.get());
-    CFDataAppendBytes(bytes, kHeader.data(), kHeader.size());
+    CFDataAppendBytes(bytes, MbdbFields::kHeader.data(), MbdbFields::kHeader.size());
     const auto failed = CF::Array::Mutable();
     Output record;
     for (CFIndex i = 0; i < entries.GetCount(); ++i) {
