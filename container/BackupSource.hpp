@@ -39,6 +39,8 @@ class BackupSource {
     // a file of more than limit bytes, before it is hashed or unpacked, and what the kind of
     // source reports.
     FileRef Load(const CF::String &name, std::uint64_t limit = kAnySize) const;
+    // Whether a regular file, or a record, has that name.
+    virtual bool Holds(const CF::String &name) const = 0;
     // Hands every file of the source to the consumer, in no particular order. Throws CF::Error:
     // code 3 for a directory that cannot be read, code 9 for a zip.
     virtual void ListFiles(const SourceFileConsumer &consumer) const = 0;

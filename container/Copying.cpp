@@ -30,6 +30,8 @@ void copyInto(KVBackupContainerClass &copy, const KVBackupContainerClass &origin
     copy.statusDict = copyOf(original.statusDict);
     copy.sourceMetadata = original.sourceMetadata;
     copy.baseDirectory = original.baseDirectory;
+    copy.databaseForm = original.databaseForm;
+    copy.folder = original.folder;
     if (!original.password.empty() && original.encryption) {
         copy.password = original.password;
         copy.encryption = original.encryption;

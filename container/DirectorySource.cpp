@@ -24,6 +24,11 @@ class DirectorySource : public BackupSource {
         : directory_(std::move(directory)),
           root_(std::make_shared<ZK::file::root_directory>(directory_.GetUTF8())) {}
 
+    bool Holds(const CF::String &name) const override {
+        struct stat status {};
+        return root_->look(name.GetUTF8(), status) == 0 && S_ISREG(status.st_mode);
+    }
+
     void ListFiles(const SourceFileConsumer &consumer) const override {
         WalkDirectory(directory_.GetUTF8(), Links::Refuse, consumer);
     }
@@ -52,6 +57,11 @@ class LinkedDirectorySource : public BackupSource {
   public:
     explicit LinkedDirectorySource(CF::String directory) : directory_(std::move(directory)) {}
 
+    bool Holds(const CF::String &name) const override {
+        boost::system::error_code ignored; // what cannot be looked at is not held
+        return boost::filesystem::is_regular_file(pathOf(name).GetUTF8(), ignored);
+    }
+
     void ListFiles(const SourceFileConsumer &consumer) const override {
         WalkDirectory(directory_.GetUTF8(), Links::Follow, consumer);
     }
@@ -62,7 +72,7 @@ class LinkedDirectorySource : public BackupSource {
 
   protected:
     FileRef LoadNamed(const CF::String &name, std::uint64_t limit) const override {
-        const auto path = CF::String::Format(CFSTR("%@/%@"), directory_.get(), name.get());
+        const CF::String path = pathOf(name);
         if (limit != kAnySize) {
             requireSizeOnDisk(path, limit);
         }
@@ -75,6 +85,10 @@ class LinkedDirectorySource : public BackupSource {
     }
 
   private:
+    CF::String pathOf(const CF::String &name) const {
+        return CF::String::Format(CFSTR("%@/%@"), directory_.get(), name.get());
+    }
+
     CF::String directory_;
 };
 

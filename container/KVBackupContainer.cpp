@@ -99,6 +99,24 @@ Boolean KVBackupContainerIsEncrypted(const KVBackupContainerClass *container) {
     return container->encryption.has_value();
 }
 
+KVBackupNotes KVBackupContainerGetNotes(const KVBackupContainerClass *container) {
+    KVBackupNotes notes = 0;
+    if (container->databaseForm == Kelvane::DatabaseForm::Decrypted) {
+        notes |= kKVBackupNoteManifestDecrypted;
+    } else if (container->databaseForm == Kelvane::DatabaseForm::Unpadded) {
+        notes |= kKVBackupNoteManifestWithoutPadding;
+    }
+    const auto snapshot = container->statusDict.Get<CF::String>(CFSTR("SnapshotState"));
+    if (snapshot && snapshot != CF::String("finished")) {
+        notes |= kKVBackupNoteUnfinished;
+    }
+    return notes;
+}
+
+CFStringRef KVBackupContainerCopyFolder(const KVBackupContainerClass *container) {
+    return container->folder ? CF::String(container->folder).detach() : nullptr;
+}
+
 CFStringRef KVBackupContainerGetBaseDirectory(const KVBackupContainerClass *container) {
     return container->baseDirectory.get();
 }

@@ -4,6 +4,7 @@
 #include "KVBackupContainer.h"
 #include "MB/ManifestEncryption.hpp"
 #include "container/BackupSource.hpp"
+#include "container/StoredDatabase.hpp"
 #include "support/cf/CF.hpp"
 #include "support/zk/IOSVersion.hpp"
 #include "support/zk/Secret.hpp"
@@ -79,6 +80,10 @@ struct KVBackupContainerClass {
     std::map<std::string, Kelvane::SourceMetadata> sourceMetadata;
     Kelvane::SecretString password;
     std::optional<MB::ManifestEncryption> encryption;
+    // How the source's database lies there, of an encrypted backup.
+    Kelvane::DatabaseForm databaseForm = Kelvane::DatabaseForm::Padded;
+    // The folder of what was opened in which the backup lies; null when it is no folder of it.
+    CF::String folder;
     CF::String baseDirectory;
     ZK::ios_version sourceVersion;
 
@@ -110,13 +115,18 @@ struct OpeningProgress {
 };
 
 // Reads and checks the metadata files and the manifest. Throws CF::Error.
-void LoadMetadata(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
+void LoadMetadata(KVBackupContainerClass &container, KVBackupOpenOptions options,
                   const OpeningProgress &progress);
 
 // The manifest step of it for version 24, and for 30 to 33.
 void LoadBinaryManifest(KVBackupContainerClass &container);
 void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &versionText,
-                          const KVProgressFunction &progress);
+                          KVBackupOpenOptions options, const KVProgressFunction &progress);
+
+// Writes the plaintext of an encrypted backup's Manifest.db, which is open, to a new file. Not for
+// one that lies decrypted.
+void DecryptStoredDatabase(const KVBackupContainerClass &container, ZK::file::readable_file &stored,
+                           const ZK::filesystem::path &target);
 
 // A file's whole content. Throws code 8 when there is more of it than the limit: no
 // backup's metadata is of that size.

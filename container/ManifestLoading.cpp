@@ -24,17 +24,39 @@ constexpr std::uint64_t kMaxMbdbSize = 1ULL << 30;
 ZK::filesystem::path decryptDatabase(const KVBackupContainerClass &container,
                                      ZK::file::readable_file &stored,
                                      const CF::String &versionText) {
+    if (container.databaseForm == DatabaseForm::Decrypted) {
+        return {};
+    }
     const CF::String identifier = CF::UUID::Create().GetString();
     const ZK::filesystem::path target =
         FileManager::GetStorageLocationForTempIdentifier(identifier.get());
     ZLLogDomain(GetLogDomain(), kZLLogLevelDetail,
                 CFSTR("(KVBackupContainer %p) Will decrypt manifest version '%@' to %s"),
                 static_cast<const void *>(&container), versionText.get(), target.c_str());
-    MB::DecryptOpenFile(stored, target, container.encryption->GetManifestKey());
+    DecryptStoredDatabase(container, stored, target);
     ZLLogDomain(GetLogDomain(), kZLLogLevelMilestone,
                 CFSTR("(KVBackupContainer %p) Successfully decrypted manifest"),
                 static_cast<const void *>(&container));
     return target;
+}
+
+void recogniseForm(KVBackupContainerClass &container, ZK::file::readable_file &stored) {
+    try {
+        container.databaseForm = FormOfDatabase(stored, container.encryption->GetManifestKey());
+    } catch (const boost::system::system_error &cause) {
+        throw MakeFSError(cause.code().value(), "Failed to read the manifest database: %s",
+                          cause.what());
+    }
+    if (container.databaseForm == DatabaseForm::Decrypted) {
+        ZLLogDomain(GetLogDomain(), kZLLogLevelMilestone,
+                    CFSTR("(KVBackupContainer %p) The manifest of the encrypted backup is not "
+                          "encrypted itself, and is used as it is"),
+                    static_cast<const void *>(&container));
+    } else if (container.databaseForm == DatabaseForm::Unpadded) {
+        ZLLogDomain(GetLogDomain(), kZLLogLevelMilestone,
+                    CFSTR("(KVBackupContainer %p) The manifest is encrypted without padding"),
+                    static_cast<const void *>(&container));
+    }
 }
 
 void buildBinaryManifest(KVBackupContainerClass &container) {
@@ -56,6 +78,16 @@ void buildBinaryManifest(KVBackupContainerClass &container) {
 
 } // namespace
 
+void DecryptStoredDatabase(const KVBackupContainerClass &container, ZK::file::readable_file &stored,
+                           const ZK::filesystem::path &target) {
+    const auto &key = container.encryption->GetManifestKey();
+    if (container.databaseForm == DatabaseForm::Unpadded) {
+        MB::DecryptOpenFileWithoutPadding(stored, target, key);
+    } else {
+        MB::DecryptOpenFile(stored, target, key);
+    }
+}
+
 void LoadBinaryManifest(KVBackupContainerClass &container) {
     try {
         buildBinaryManifest(container);
@@ -66,7 +98,7 @@ void LoadBinaryManifest(KVBackupContainerClass &container) {
 }
 
 void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &versionText,
-                          const KVProgressFunction &progress) {
+                          KVBackupOpenOptions options, const KVProgressFunction &progress) {
     const FileRef file = container.loader->LoadStoredFile(kManifestDatabaseName);
     const CF::String path(KVFileGetLocalPath(file.get()));
     if (path.IsEmpty()) {
@@ -74,6 +106,9 @@ void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &v
     }
     // Opened as the file itself is, since its path may lead elsewhere by now.
     ZK::file::readable_file stored = OpenContent(*file.get());
+    if (container.encryption && (options & kKVBackupOpenUnusualManifests) != 0) {
+        recogniseForm(container, stored);
+    }
     const ZK::filesystem::path plaintext =
         container.encryption ? decryptDatabase(container, stored, versionText) : "";
     // Of a backup that does not open nobody learns where its plaintext lies.
@@ -81,7 +116,7 @@ void LoadManifestDatabase(KVBackupContainerClass &container, const CF::String &v
     LocalError error;
     CF::Pointer<KVManifestClass *> manifest(
         CF::adopt,
-        container.encryption
+        !plaintext.empty()
             ? KVManifestCreateFromManifestDatabase(
                   kCFAllocatorDefault, CF::String(plaintext.native()).get(), container.Version(),
                   container.MakeGetFileFunction(), progress, error.out())

@@ -99,10 +99,48 @@ bool readBoolean(const CF::Dictionary &dictionary, CFStringRef key) {
     return number ? number.GetInt64() != 0 : dictionary.Get<CF::Boolean>(key).GetValue();
 }
 
-void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
+bool hasOwnEncryption(const ZK::ios_version &version) {
+    return version.major_version == 10 && version.minor_version < 2;
+}
+
+// They lack the key of the manifest, and nobody knows for sure what they have instead.
+void refuseOwnEncryption(const KVBackupContainerClass &container) {
+    const auto lockdown = container.manifestDict.Get<CF::Dictionary>(CFSTR("Lockdown"));
+    const auto version = lockdown.Get<CF::String>(CFSTR("ProductVersion"));
+    if (!container.manifestDict.Get<CF::Data>(CFSTR("ManifestKey")) &&
+        hasOwnEncryption(ZK::ios_version(version.GetUTF8()))) {
+        throw Error(kKVErrorEncryptionUnsupported, nullptr,
+                    CFSTR("Backups that iOS %@ encrypted are not supported: iOS 10.0 and 10.1 did "
+                          "it in a way of their own"),
+                    version.get());
+    }
+}
+
+bool has(KVBackupOpenOptions options, KVBackupOpenOptions bit) { return (options & bit) != 0; }
+
+MB::KeyBagOptions keyBagOptions(KVBackupOpenOptions options,
+                                const MB::DerivationProgress &progress) {
+    return {has(options, kKVBackupOpenKeepDeviceBoundKeysLocked) ? MB::DeviceBoundKeys::KeepLocked
+                                                                 : MB::DeviceBoundKeys::Fail,
+            has(options, kKVBackupOpenOldEncryption) ? MB::OldKeyBags::Accept
+                                                     : MB::OldKeyBags::Refuse,
+            progress};
+}
+
+// Whether this is an encrypted backup of the time before databases, to be opened.
+bool hasOldEncryption(const KVBackupContainerClass &container, KVBackupOpenOptions options) {
+    return has(options, kKVBackupOpenOldEncryption) &&
+           container.statusDict.Get<CF::String>(CFSTR("Version")) == CF::String("2.4");
+}
+
+void unlock(KVBackupContainerClass &container, KVBackupOpenOptions options,
             const MB::DerivationProgress &progress) {
     const bool encrypted = readBoolean(container.manifestDict, CFSTR("IsEncrypted"));
     const bool havePassword = !container.password.empty();
+    const bool old = hasOldEncryption(container, options);
+    if (encrypted && !old && has(options, kKVBackupOpenOldEncryption)) {
+        refuseOwnEncryption(container);
+    }
     if (encrypted && !havePassword) {
         throw Error(kKVErrorPasswordRequired);
     }
@@ -111,8 +149,9 @@ void unlock(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
     }
     if (encrypted) {
         container.encryption.reset();
-        container.encryption.emplace(container.manifestDict, container.password.get(), deviceBound,
-                                     progress);
+        container.encryption.emplace(container.manifestDict, container.password.get(),
+                                     keyBagOptions(options, progress),
+                                     old ? MB::ManifestKeys::None : MB::ManifestKeys::Required);
     }
 }
 
@@ -142,22 +181,25 @@ void refuseEncryption(const KVBackupContainerClass &container, const CF::String 
     }
 }
 
-void loadManifest(KVBackupContainerClass &container, const KVProgressFunction &progress) {
+void loadManifest(KVBackupContainerClass &container, KVBackupOpenOptions options,
+                  const KVProgressFunction &progress) {
     const CF::String versionText = readVersionText(container);
     setVersion(container, versionText);
     switch (container.Version()) {
     case kKVManifestDataVersion24:
-        refuseEncryption(container, versionText);
+        if (!has(options, kKVBackupOpenOldEncryption)) {
+            refuseEncryption(container, versionText);
+        }
         LoadBinaryManifest(container);
         return;
     case kKVManifestDataVersion30:
     case kKVManifestDataVersion31:
         refuseEncryption(container, versionText);
-        LoadManifestDatabase(container, versionText, progress);
+        LoadManifestDatabase(container, versionText, options, progress);
         return;
     case kKVManifestDataVersion32:
     case kKVManifestDataVersion33:
-        LoadManifestDatabase(container, versionText, progress);
+        LoadManifestDatabase(container, versionText, options, progress);
         return;
     default:
         throw Error(kKVErrorUnknownManifestVersion, nullptr,
@@ -189,13 +231,13 @@ std::vector<std::uint8_t> ReadWhole(const KVFileClass *file, std::uint64_t limit
     return bytes;
 }
 
-void LoadMetadata(KVBackupContainerClass &container, MB::DeviceBoundKeys deviceBound,
+void LoadMetadata(KVBackupContainerClass &container, KVBackupOpenOptions options,
                   const OpeningProgress &progress) {
     for (const MetadataFile &file : kMetadataFiles) {
         loadMetadataFile(container, file);
     }
-    unlock(container, deviceBound, progress.derivation);
-    loadManifest(container, progress.manifest);
+    unlock(container, options, progress.derivation);
+    loadManifest(container, options, progress.manifest);
 }
 
 } // namespace Kelvane

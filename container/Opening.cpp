@@ -1,10 +1,12 @@
 // The functions that create containers.
+#include "container/BackupFolder.hpp"
 #include "container/KVBackupContainerClass.hpp"
 
 #include "Kelvane/Error.hpp"
 #include "Kelvane/SharedState.hpp"
 #include "foundation/Boundary.hpp"
 #include "support/zk/File.hpp"
+#include "support/zk/Log.hpp"
 
 #include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/operations.hpp>
@@ -14,16 +16,15 @@ namespace Kelvane {
 namespace {
 
 constexpr KVBackupOpenOptions kKnownOptions =
-    kKVBackupOpenKeepDeviceBoundKeysLocked | kKVBackupOpenFollowLinks;
+    kKVBackupOpenKeepDeviceBoundKeysLocked | kKVBackupOpenFollowLinks | kKVBackupOpenOldEncryption |
+    kKVBackupOpenUnusualManifests | kKVBackupOpenSearchFolder;
 constexpr const char *kWorkingDirectoryName = "KVBackupContainer";
 
-MB::DeviceBoundKeys deviceBoundKeys(KVBackupOpenOptions options) {
+void requireKnown(KVBackupOpenOptions options) {
     if ((options & ~kKnownOptions) != 0) {
         throw Error(kKVErrorInvalidArgument, nullptr, CFSTR("Unknown open options 0x%x"),
                     options & ~kKnownOptions);
     }
-    return (options & kKVBackupOpenKeepDeviceBoundKeysLocked) != 0 ? MB::DeviceBoundKeys::KeepLocked
-                                                                   : MB::DeviceBoundKeys::Fail;
 }
 
 Links linksFor(KVBackupOpenOptions options) {
@@ -38,22 +39,35 @@ struct OpenRequest {
     KVBackupOpenOptions options;
 };
 
+FoundSource findSource(const OpenRequest &request, const CF::String &path) {
+    const bool zip = request.kind == SourceKind::Zip;
+    const Links links = linksFor(request.options);
+    if ((request.options & kKVBackupOpenSearchFolder) != 0) {
+        return zip ? FindBackupInZip(path) : FindBackupInDirectory(path, links);
+    }
+    return {zip ? OpenZipSource(path) : OpenDirectorySource(path, links), {}, path};
+}
+
 ContainerRef open(const OpenRequest &request, const OpeningProgress &progress) {
-    const MB::DeviceBoundKeys deviceBound = deviceBoundKeys(request.options);
+    requireKnown(request.options);
     const CF::String path(request.path);
     if (!path) {
         throw Error(kKVErrorInvalidArgument, nullptr, CFSTR("No path to a backup"));
     }
-    auto source = request.kind == SourceKind::Zip
-                      ? OpenZipSource(path)
-                      : OpenDirectorySource(path, linksFor(request.options));
+    FoundSource found = findSource(request, path);
     ContainerRef container = AllocateContainer(request.allocator);
     KVBackupContainerClass &body = *container.get();
     body.sourceKind = request.kind;
-    body.sourcePath = path;
-    body.loader->source = std::move(source);
+    body.sourcePath = found.path;
+    body.folder = found.folder;
+    body.loader->source = std::move(found.source);
+    if (!body.folder.IsEmpty()) {
+        ZLLogDomain(GetLogDomain(), kZLLogLevelMilestone,
+                    CFSTR("(KVBackupContainer %p) The backup lies in the folder '%@' of '%@'"),
+                    static_cast<const void *>(&body), body.folder.get(), path.get());
+    }
     body.password = SecretString(CF::String(request.password));
-    LoadMetadata(body, deviceBound, progress);
+    LoadMetadata(body, request.options, progress);
     return container;
 }
 

@@ -61,6 +61,11 @@ class ZipSource : public BackupSource {
     ZipSource(CF::String path, unzFile archive) : path_(std::move(path)), archive_(archive) {}
     ~ZipSource() override { unzClose(archive_); }
 
+    bool Holds(const CF::String &name) const override {
+        requireIndex();
+        return positions_.contains(name.GetUTF8());
+    }
+
     void ListFiles(const SourceFileConsumer &consumer) const override {
         const int status = forEachRecord([&](const std::string &name, const auto &info) {
             // Zips of directories mostly hold records for the directories too.
@@ -152,9 +157,7 @@ class ZipSource : public BackupSource {
 
     // Makes the record of exactly that name the current one.
     void locate(const std::string &name) const {
-        if (!indexed_) {
-            buildIndex();
-        }
+        requireIndex();
         const auto found = positions_.find(name);
         int status = indexStatus_ == UNZ_OK ? UNZ_BADZIPFILE : indexStatus_;
         errno = indexErrno_;
@@ -186,6 +189,12 @@ class ZipSource : public BackupSource {
             status = unzGoToNextFile(archive_);
         }
         return status;
+    }
+
+    void requireIndex() const {
+        if (!indexed_) {
+            buildIndex();
+        }
     }
 
     // One walk over the directory, since a search by name walks it for every file. Of two

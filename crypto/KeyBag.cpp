@@ -61,15 +61,17 @@ void verifyPassword(const std::vector<KeyBag::LockedKey> &lockedKeys, const KeyB
 
 } // namespace
 
-// Delegates first, so that the destructor runs, and wipes, when a step below throws.
 KeyBag::KeyBag(const CF::Data &blob, const std::string &password, DeviceBoundKeys deviceBoundKeys)
     : KeyBag(blob, password, deviceBoundKeys, {}) {}
 
 KeyBag::KeyBag(const CF::Data &blob, const std::string &password, DeviceBoundKeys deviceBoundKeys,
                const DerivationProgress &progress)
+    : KeyBag(blob, password, KeyBagOptions{deviceBoundKeys, OldKeyBags::Refuse, progress}) {}
+
+// Delegates first, so that the destructor runs, and wipes, when a step below throws.
+KeyBag::KeyBag(const CF::Data &blob, const std::string &password, const KeyBagOptions &options)
     : KeyBag() {
-    deviceBoundKeys_ = deviceBoundKeys;
-    progress_ = progress;
+    options_ = options;
     password_.assign(password.begin(), password.end());
     records_ = Kelvane::keybag::SplitRecords(blob.GetBytes());
     parseFromRaw();
@@ -89,8 +91,8 @@ void KeyBag::parseFromRaw() {
     }
     readHeader();
     const auto lockedKeys = readBlocks();
-    Key kek = ManifestEncryption::GenerateKEKFromPassword(password_, info_, progress_);
-    progress_ = nullptr;
+    Key kek = ManifestEncryption::GenerateKEKFromPassword(password_, info_, options_.progress);
+    options_.progress = nullptr;
     const ZK::WipeOnExit wipeKEK(kek);
     unlockClassKeys(lockedKeys, kek);
     ZK::Wipe(password_);
@@ -120,14 +122,14 @@ std::vector<KeyBag::LockedKey> KeyBag::readBlocks() {
     }
     std::vector<Block> blocks;
     parseNextBlock(getUUID(first), first + 1, records_.cend(), blocks);
-    info_ = ManifestInfo(blocks.front());
+    info_ = ManifestInfo(blocks.front(), options_.old);
     return {blocks.begin() + 1, blocks.end()};
 }
 
 void KeyBag::unlockClassKeys(const std::vector<LockedKey> &lockedKeys, const Key &kek) {
     bool passwordTried = false;
     for (const LockedKey &locked : lockedKeys) {
-        if (deviceBoundKeys_ == DeviceBoundKeys::KeepLocked && isDeviceBound(locked)) {
+        if (options_.deviceBound == DeviceBoundKeys::KeepLocked && isDeviceBound(locked)) {
             continue;
         }
         classKeys_.emplace(locked.protectionClass, unlock(locked, kek));

@@ -53,12 +53,22 @@ Integer KeyBag::getScalar(const Block &block, const char *tag) {
 }
 template KV_VISIBLE unsigned int KeyBag::getScalar<unsigned int>(const Block &, const char *);
 
-KeyBag::ManifestInfo::ManifestInfo(const Block &block)
+KeyBag::ManifestInfo::ManifestInfo(const Block &block) : ManifestInfo(block, OldKeyBags::Refuse) {}
+
+KeyBag::ManifestInfo::ManifestInfo(const Block &block, OldKeyBags old)
     : uuid(getSequence<16>(block, kUUIDTag)), hmck(getSequence<40>(block, "HMCK")),
       wrap(getScalar<unsigned int>(block, "WRAP")), salt(getSequence<20>(block, "SALT")),
-      iterations(getScalar<unsigned int>(block, "ITER")),
-      dpwt(getScalar<unsigned int>(block, "DPWT")), dpic(getScalar<unsigned int>(block, "DPIC")),
-      dpsl(getSequence<20>(block, "DPSL")) {}
+      iterations(getScalar<unsigned int>(block, "ITER")) {
+    const bool accepted = old == OldKeyBags::Accept;
+    if (!accepted || block.contains("DPWT")) {
+        dpwt = getScalar<unsigned int>(block, "DPWT");
+    }
+    onePass = accepted && !block.contains("DPIC") && !block.contains("DPSL");
+    if (!onePass) {
+        dpic = getScalar<unsigned int>(block, "DPIC");
+        dpsl = getSequence<20>(block, "DPSL");
+    }
+}
 
 KeyBag::LockedKey::LockedKey(const Block &block)
     : uuid(getSequence<16>(block, kUUIDTag)),

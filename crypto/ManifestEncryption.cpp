@@ -76,7 +76,6 @@ void logClass(CFStringRef format, const ManifestEncryption *object, unsigned int
 
 } // namespace
 
-// Delegates first, so that the destructor runs, and wipes, when a step below throws.
 ManifestEncryption::ManifestEncryption(const CF::Dictionary &manifestPlist,
                                        const std::string &password, DeviceBoundKeys deviceBoundKeys)
     : ManifestEncryption(manifestPlist, password, deviceBoundKeys, {}) {}
@@ -84,18 +83,34 @@ ManifestEncryption::ManifestEncryption(const CF::Dictionary &manifestPlist,
 ManifestEncryption::ManifestEncryption(const CF::Dictionary &manifestPlist,
                                        const std::string &password, DeviceBoundKeys deviceBoundKeys,
                                        const DerivationProgress &progress)
+    : ManifestEncryption(manifestPlist, password,
+                         KeyBagOptions{deviceBoundKeys, OldKeyBags::Refuse, progress},
+                         ManifestKeys::Required) {}
+
+// Delegates first, so that the destructor runs, and wipes, when a step below throws.
+ManifestEncryption::ManifestEncryption(const CF::Dictionary &manifestPlist,
+                                       const std::string &password, const KeyBagOptions &options,
+                                       ManifestKeys manifestKeys)
     : ManifestEncryption() {
     const CF::Data keyBag = requiredData(manifestPlist, CFSTR("BackupKeyBag"));
-    const CF::Data manifestKey = requiredData(manifestPlist, CFSTR("ManifestKey"));
+    const CF::Data manifestKey = manifestKeys == ManifestKeys::Required
+                                     ? requiredData(manifestPlist, CFSTR("ManifestKey"))
+                                     : CF::Data();
     ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelDetail,
                 CFSTR("(MB::ManifestEncryption %p) BackupKeyBag: %ld bytes, ManifestKey: %ld "
                       "bytes"),
                 static_cast<const void *>(this), static_cast<long>(keyBag.GetLength()),
                 static_cast<long>(manifestKey.GetLength()));
-    keyBag_.emplace(keyBag, password, deviceBoundKeys, progress);
+    keyBag_.emplace(keyBag, password, options);
     logStep(CFSTR("(MB::ManifestEncryption %p) KeyBag opened"), this);
+    if (manifestKeys == ManifestKeys::Required) {
+        unlockManifestKey(manifestKey);
+    }
+}
+
+void ManifestEncryption::unlockManifestKey(const CF::Data &blob) {
     try {
-        Key key = UnlockKey(manifestKey);
+        Key key = UnlockKey(blob);
         const ZK::WipeOnExit wipeKey(key);
         manifestKey_ = key;
     } catch (const CF::Error &cause) {

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <span>
 
 namespace MB {
 namespace {
@@ -78,6 +79,28 @@ void logPass(CFStringRef format, const void *call, const Stopwatch &stopwatch) {
     ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelMilestone, format, call, stopwatch.seconds());
 }
 
+const CFStringRef kSecondPass =
+    CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword second pass took %.1f seconds");
+const CFStringRef kOnlyPass =
+    CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword only pass took %.1f seconds");
+
+// The pass that makes the key; the caller overwrites it.
+ManifestEncryption::Key lastPass(std::span<const std::uint8_t> secret,
+                                 const KeyBag::ManifestInfo &info, Watch &watch, const void *call,
+                                 CFStringRef format) {
+    ManifestEncryption::Key kek;
+    const Stopwatch stopwatch;
+    try {
+        requireWhole(Kelvane::DeriveBySHA1({secret, info.salt, info.iterations}, kek,
+                                           watch.Observer(info.iterations, kBlocksOfSHA1)));
+    } catch (...) {
+        ZK::Wipe(kek); // a host's callable may throw between two blocks of the key
+        throw;
+    }
+    logPass(format, call, stopwatch);
+    return kek;
+}
+
 } // namespace
 
 ManifestEncryption::Key
@@ -95,6 +118,9 @@ ManifestEncryption::GenerateKEKFromPassword(const std::vector<std::uint8_t> &pas
     const void *call = &info; // tells the lines of calls on several threads apart
     ZLLogDomain(Kelvane::GetLogDomain(), kZLLogLevelMilestone,
                 CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword starting"), call);
+    if (info.onePass) {
+        return lastPass(password, info, watch, call, kOnlyPass);
+    }
     Key first;
     const ZK::WipeOnExit wipeFirst(first);
     const Stopwatch firstPass;
@@ -103,19 +129,7 @@ ManifestEncryption::GenerateKEKFromPassword(const std::vector<std::uint8_t> &pas
     logPass(CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword first pass took %.1f "
                   "seconds"),
             call, firstPass);
-    Key kek;
-    const Stopwatch secondPass;
-    try {
-        requireWhole(Kelvane::DeriveBySHA1({first, info.salt, info.iterations}, kek,
-                                           watch.Observer(info.iterations, kBlocksOfSHA1)));
-    } catch (...) {
-        ZK::Wipe(kek); // a host's callable may throw between two blocks of the key
-        throw;
-    }
-    logPass(CFSTR("(MB::ManifestEncryption %p) GenerateKEKFromPassword second pass took %.1f "
-                  "seconds"),
-            call, secondPass);
-    return kek;
+    return lastPass(first, info, watch, call, kSecondPass);
 }
 
 ManifestEncryption::Key128

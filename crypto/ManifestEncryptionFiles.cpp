@@ -31,14 +31,34 @@ ZK::file::readable_file openForCrypt(const path &source) {
     }
 }
 
-// A part of the plaintext must not stay behind where nobody looks for it.
-template <std::size_t KeySize>
-void cryptOrRemove(Operation operation, ZK::file::readable_file &input, const path &destination,
-                   const std::array<std::uint8_t, KeySize> &key) {
+// A decryptor keeps the last block back, which might be padding. Anything fed after it brings it
+// out, and stays behind itself.
+std::vector<std::uint8_t> lastBlock(Cryptor &decryptor) {
+    constexpr std::array<std::uint8_t, 16> kAnything{};
+    return decryptor.Update(kAnything);
+}
+
+void decryptWithoutPadding(const ManifestEncryption::Key &key, ZK::file::readable_file &input,
+                           ZK::file::writable_file &output) {
+    constexpr std::size_t kBufferSize = 128 * 1024;
+    Cryptor decryptor(Operation::Decrypt, Algorithm::AES256, key, {});
+    std::vector<std::uint8_t> stored(kBufferSize);
+    std::vector<std::uint8_t> plain;
+    while (const std::size_t count = input.read_some(stored)) {
+        decryptor.Update(std::span(stored).first(count), plain);
+        output.write(plain);
+    }
+    output.write(lastBlock(decryptor));
+}
+
+// Has crypt write into the destination. A part of the plaintext must not stay behind where nobody
+// looks for it.
+template <class Crypt>
+void cryptOrRemove(const path &destination, Crypt crypt) {
     bool created = false;
     auto output = ZK::file::writable_file::open_clobber(destination, &created);
     try {
-        Cryptor::Crypt(operation, kAlgorithmOf<KeySize>, key, {}, input, output);
+        crypt(output);
         output.complete();
     } catch (...) {
         if (created) {
@@ -49,17 +69,25 @@ void cryptOrRemove(Operation operation, ZK::file::readable_file &input, const pa
     }
 }
 
-template <std::size_t KeySize>
-void cryptInPlace(bool encrypt, ZK::file::readable_file &input, const path &destination,
-                  const std::array<std::uint8_t, KeySize> &key) {
-    static_assert(KeySize == 16 || KeySize == 32);
+template <class Crypt>
+void cryptTo(const path &destination, Crypt crypt) {
     try {
-        cryptOrRemove(encrypt ? Operation::Encrypt : Operation::Decrypt, input, destination, key);
+        cryptOrRemove(destination, crypt);
     } catch (const boost::system::system_error &cause) {
         throw Kelvane::MakeFSError(cause.code().value(), kCryptFailure, cause.what());
     } catch (const std::exception &cause) {
         throw Kelvane::Error(kKVErrorCrypto, nullptr, kCryptFailure, cause.what());
     }
+}
+
+template <std::size_t KeySize>
+void cryptInPlace(bool encrypt, ZK::file::readable_file &input, const path &destination,
+                  const std::array<std::uint8_t, KeySize> &key) {
+    static_assert(KeySize == 16 || KeySize == 32);
+    cryptTo(destination, [&](ZK::file::writable_file &output) {
+        Cryptor::Crypt(encrypt ? Operation::Encrypt : Operation::Decrypt, kAlgorithmOf<KeySize>,
+                       key, {}, input, output);
+    });
 }
 
 template <std::size_t KeySize>
@@ -74,6 +102,21 @@ void cryptInPlace(bool encrypt, const path &source, const path &destination,
 void DecryptOpenFile(ZK::file::readable_file &source, const path &destination,
                      const ManifestEncryption::Key &key) {
     cryptInPlace(false, source, destination, key);
+}
+
+void DecryptOpenFileWithoutPadding(ZK::file::readable_file &source, const path &destination,
+                                   const ManifestEncryption::Key &key) {
+    cryptTo(destination,
+            [&](ZK::file::writable_file &output) { decryptWithoutPadding(key, source, output); });
+}
+
+std::vector<std::uint8_t> DecryptBlocks(std::span<const std::uint8_t> blocks,
+                                        const ManifestEncryption::Key &key) {
+    Cryptor decryptor(Operation::Decrypt, Algorithm::AES256, key, {});
+    std::vector<std::uint8_t> plain = decryptor.Update(blocks);
+    const std::vector<std::uint8_t> last = lastBlock(decryptor);
+    plain.insert(plain.end(), last.begin(), last.end());
+    return plain;
 }
 
 void ManifestEncryption::DecryptFile(const path &source, const path &destination,

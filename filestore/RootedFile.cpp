@@ -27,6 +27,12 @@ bool tellsThatNothingIsThere(int number) {
     return number == ENOENT || number == ENOTDIR || number == ENAMETOOLONG;
 }
 
+// Which of the files it is cannot be told otherwise where nobody names it in an error above.
+CF::Error unhashed(const CF::String &name, const std::exception &exception) {
+    return Error(kKVErrorUnknown, nullptr, CFSTR("Failed to hash file - %@: %s"), name.get(),
+                 exception.what());
+}
+
 // Why the file could not be opened.
 CF::Error errorOfOpening(const RootDirectory &root, const CF::String &name,
                          const boost::system::system_error &failure) {
@@ -39,7 +45,7 @@ CF::Error errorOfOpening(const RootDirectory &root, const CF::String &name,
         return Error(kKVErrorFileNotFound, nullptr, CFSTR("File does not exist at path '%s'"),
                      pathOf(root, name).GetUTF8().c_str());
     }
-    return Error(kKVErrorUnknown, nullptr, CFSTR("Failed to hash file - %s"), failure.what());
+    return unhashed(name, failure);
 }
 
 ZK::file::readable_file openBelow(const RootDirectory &root, const CF::String &name) {
@@ -55,13 +61,13 @@ CF::Date dateOf(std::time_t time) {
 }
 
 // Size and date are those of the very file that was hashed.
-void readFacts(KVFileClass &file, ZK::file::readable_file &content) {
+void readFacts(KVFileClass &file, const CF::String &name, ZK::file::readable_file &content) {
     try {
         file.hash = ZK::Encryption::HashOfFile(content);
         file.size = content.size();
         file.modifiedDate = dateOf(content.last_write_time());
     } catch (const std::exception &exception) {
-        throw Error(kKVErrorUnknown, nullptr, CFSTR("Failed to hash file - %s"), exception.what());
+        throw unhashed(name, exception);
     }
 }
 
@@ -87,7 +93,7 @@ OwnedFile ReferenceBelow(const RootDirectory &root, const CF::String &name) {
     ZK::file::readable_file content = openBelow(root, name);
     auto reference = CF::Adopt(_KVFileAllocInit());
     KVFileClass &file = *reference.get();
-    readFacts(file, content);
+    readFacts(file, name, content);
     file.localPath = pathOf(root, name);
     file.root = root;
     registerFile(file);

@@ -37,7 +37,26 @@ enum {
      * backups elsewhere. By default nothing is reached over one, whenever it is read: whoever
      * can write into the backup could otherwise have any file read that the process may read.
      * The directory itself may be a link in any case, and a zip holds none. */
-    kKVBackupOpenFollowLinks = 1u << 1
+    kKVBackupOpenFollowLinks = 1u << 1,
+    /* Opens encrypted backups of iOS 4 to 9 too: those of version 2.4, whose manifest is not
+     * encrypted itself, and those whose keybag lacks DPSL and DPIC, as its keys are derived in
+     * one pass, or DPWT. By default the first are code 15 and the others code 17, "Missing %s
+     * field". iOS 10.0 and 10.1 encrypted in a way of their own, which nobody reads: with this
+     * bit such a backup is code 15, before a password is asked for, "Backups that iOS %@
+     * encrypted are not supported: iOS 10.0 and 10.1 did it in a way of their own". It is known
+     * by that ProductVersion in "Lockdown" and a ManifestKey that is missing, by default code
+     * 20, "ManifestKey is missing". */
+    kKVBackupOpenOldEncryption = 1u << 2,
+    /* Takes the Manifest.db of an encrypted backup also as other programs leave it: decrypted,
+     * which it is when it begins as a database does, or encrypted without padding, when its
+     * plaintext begins so and its length is a number of that database's pages. By default both
+     * are code 18, "Failed to decrypt/encrypt: %s". KVBackupContainerGetNotes tells of them. */
+    kKVBackupOpenUnusualManifests = 1u << 3,
+    /* Where there is no Manifest.plist, opens the only folder directly below that holds one, as
+     * people's archivers make it. Several are code 10, "More than one backup lies in %@: %@,
+     * %@". KVBackupContainerCopyFolder tells which it was. A zip then shows what lies in the
+     * folder alone; links are no such folders unless they are followed. */
+    kKVBackupOpenSearchFolder = 1u << 4
 };
 
 /* The type identifier of containers. Any thread. */
@@ -73,7 +92,8 @@ typedef void (*KVBackupProgressCallBack)(int64_t done, int64_t total, double fra
  *       metadata file or the manifest and links are not followed
  *   11  the manifest database cannot be read or holds invalid entries
  *   12  the Status "Version" is not one of 2.4, 3.0, 3.1, 3.2, 3.3
- *   15  an encrypted backup of version 2.4, 3.0 or 3.1
+ *   15  an encrypted backup of version 2.4 (but for kKVBackupOpenOldEncryption), 3.0 or 3.1,
+ *       or of iOS 10.0 or 10.1
  *   17, 18, 20  the keybag or a key is malformed or missing
  *   19  encrypted, and no password was given
  *   22  the keys could not be unlocked; for a wrong password code 21 hangs underneath; the
@@ -179,6 +199,22 @@ KV_EXPORT void KVBackupContainerSetDictionaries(KVBackupContainerClass *containe
 
 /* True exactly when the backup is encrypted; it is unlocked then. */
 KV_EXPORT Boolean KVBackupContainerIsEncrypted(const KVBackupContainerClass *container);
+/* What is unusual about the backup as it lies there: a set of bits. */
+typedef uint32_t KVBackupNotes;
+enum {
+    /* It is encrypted, its Manifest.db is not: everybody can read the names in it. */
+    kKVBackupNoteManifestDecrypted = 1u << 0,
+    /* Its Manifest.db is encrypted without padding. */
+    kKVBackupNoteManifestWithoutPadding = 1u << 1,
+    /* It was cut off: the "SnapshotState" of Status.plist is something else than "finished".
+     * Files may be missing. */
+    kKVBackupNoteUnfinished = 1u << 2
+};
+KV_EXPORT KVBackupNotes KVBackupContainerGetNotes(const KVBackupContainerClass *container);
+/* The name of the folder in which the backup was found (kKVBackupOpenSearchFolder); null when it
+ * lies where it was looked for. The caller releases it. */
+KV_EXPORT CFStringRef KVBackupContainerCopyFolder(const KVBackupContainerClass *container);
+
 /* A path that the host may note with the container: borrowed, may be null. The library
  * shows it in the description of a zip container and never looks there for files. */
 KV_EXPORT CFStringRef KVBackupContainerGetBaseDirectory(const KVBackupContainerClass *container);

@@ -49,6 +49,22 @@ enum class DeviceBoundKeys {
 // code 22, "The derivation of keys was stopped". Empty: no calls.
 using DerivationProgress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
 
+// What becomes of keybags in older forms, as encrypted backups of iOS 4 to 9 hold them: those
+// without DPSL and DPIC, whose key-encryption key is derived in one pass, and those that lack
+// DPWT, which plays no part.
+enum class OldKeyBags {
+    // Code 17, "Missing %s field".
+    Refuse,
+    Accept,
+};
+
+// How a keybag is opened.
+struct KeyBagOptions {
+    DeviceBoundKeys deviceBound = DeviceBoundKeys::Fail;
+    OldKeyBags old = OldKeyBags::Refuse;
+    DerivationProgress progress; // empty: no calls
+};
+
 // An opened keybag. All work is done by the constructor; afterwards the object does not
 // change and may be read from any thread. Copies are independent of each other. Keys are
 // overwritten before their memory is given back, and so is the password, which is not
@@ -77,10 +93,12 @@ class KV_VISIBLE KeyBag {
     static constexpr std::size_t kMaxRecords = 4096;
 
     // The header block. From a block: every field is mandatory; code 17 with "Missing %s
-    // field" or "Invalid %s field" (wrong size), naming the tag.
+    // field" or "Invalid %s field" (wrong size), naming the tag. Where old keybags are
+    // accepted DPWT may be missing, and DPIC together with DPSL.
     struct KV_VISIBLE ManifestInfo {
         ManifestInfo() = default;
         explicit ManifestInfo(const Block &block);
+        ManifestInfo(const Block &block, OldKeyBags old);
 
         UUIDBytes uuid{};             // UUID
         WrappedKey hmck{};            // HMCK, kept only
@@ -90,6 +108,8 @@ class KV_VISIBLE KeyBag {
         std::uint32_t dpwt = 0;       // DPWT, kept only
         std::uint32_t dpic = 0;       // DPIC, iterations of the first derivation pass
         Salt dpsl{};                  // DPSL, salt of the first derivation pass
+        // An old keybag: SALT and ITER are those of the only pass, which starts from the password.
+        bool onePass = false;
     };
 
     // A class block. Failures as for ManifestInfo.
@@ -148,6 +168,8 @@ class KV_VISIBLE KeyBag {
     // The same, telling how far the derivation is.
     KeyBag(const CF::Data &blob, const std::string &password, DeviceBoundKeys deviceBoundKeys,
            const DerivationProgress &progress);
+    // The same with all options.
+    KeyBag(const CF::Data &blob, const std::string &password, const KeyBagOptions &options);
     KeyBag(const KeyBag &) = default;
     KeyBag &operator=(const KeyBag &) = default;
     ~KeyBag();
@@ -197,8 +219,7 @@ class KV_VISIBLE KeyBag {
     std::vector<Record> records_;
     ManifestInfo info_;
     ClassKeys classKeys_;
-    DeviceBoundKeys deviceBoundKeys_ = DeviceBoundKeys::Fail;
-    DerivationProgress progress_; // empty once parsed
+    KeyBagOptions options_; // its progress is empty once parsed
 };
 
 } // namespace MB

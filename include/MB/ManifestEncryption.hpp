@@ -22,6 +22,9 @@
 
 namespace MB {
 
+// Whether a backup's manifest has a key, which a binary manifest is not encrypted with.
+enum class ManifestKeys { Required, None };
+
 // The constructor does the work; afterwards the object does not change, and its const
 // functions may run on several threads at once. Copies are independent of each other.
 // Keys are overwritten before their memory is given back.
@@ -46,11 +49,16 @@ class KV_VISIBLE ManifestEncryption {
     // The same, telling how far the derivation is.
     ManifestEncryption(const CF::Dictionary &manifestPlist, const std::string &password,
                        DeviceBoundKeys deviceBoundKeys, const DerivationProgress &progress);
+    // The same with all options of the keybag. With ManifestKeys::None the "ManifestKey" is
+    // not looked at.
+    ManifestEncryption(const CF::Dictionary &manifestPlist, const std::string &password,
+                       const KeyBagOptions &options, ManifestKeys manifestKeys);
     ManifestEncryption(const ManifestEncryption &) = default;
     ManifestEncryption &operator=(const ManifestEncryption &) = default;
     ~ManifestEncryption();
 
-    // The key that the backup's manifest database is encrypted with. Borrowed.
+    // The key that the backup's manifest database is encrypted with. Borrowed. Zeros, and of
+    // no use, with ManifestKeys::None.
     const Key &GetManifestKey() const noexcept { return manifestKey_; }
     const KeyBag &GetKeyBag() const noexcept { return *keyBag_; }
 
@@ -67,8 +75,9 @@ class KV_VISIBLE ManifestEncryption {
 
     // The key-encryption key of a keybag: PBKDF2-HMAC-SHA-256 of the password with salt
     // DPSL and DPIC iterations, then PBKDF2-HMAC-SHA-1 of those 32 bytes with salt SALT
-    // and ITER iterations; 32 bytes. Throws code 17, "Too many iterations (DPIC %u, ITER
-    // %u)", when the two counts exceed kMaxIterations together. The caller overwrites the
+    // and ITER iterations; 32 bytes. Of an old keybag (info.onePass) PBKDF2-HMAC-SHA-1 of the
+    // password with salt SALT and ITER iterations alone. Throws code 17, "Too many iterations (DPIC
+    // %u, ITER %u)", when the two counts exceed kMaxIterations together. The caller overwrites the
     // key when done with it.
     static Key GenerateKEKFromPassword(const std::vector<std::uint8_t> &password,
                                        const KeyBag::ManifestInfo &info);
@@ -106,6 +115,7 @@ class KV_VISIBLE ManifestEncryption {
 
   private:
     ManifestEncryption() = default;
+    [[gnu::visibility("hidden")]] void unlockManifestKey(const CF::Data &blob);
     // The open key of the class; throws code 17, "Missing key class %u".
     [[gnu::visibility("hidden")]] const Key &classKey(std::uint32_t protectionClass) const;
 

@@ -271,8 +271,8 @@ TEST_P(Links, AreNotTheOnlyThingsThatAreNoFiles) {
     const CopiedFile copied = CopyFileForPath(OpenPath(copy.root()), stored.domain, stored.path);
     EXPECT_FALSE(copied.file);
     EXPECT_EQ(copied.error.GetUnderlying().GetCode(), static_cast<CFIndex>(kKVErrorUnknown));
-    EXPECT_TRUE(copied.error.GetUnderlying().GetFailureReason().GetUTF8().starts_with(
-        "Failed to hash file - Not a regular file"));
+    EXPECT_THAT(copied.error.GetUnderlying().GetFailureReason().GetUTF8(),
+                testing::MatchesRegex("Failed to hash file - .*Not a regular file.*"));
 }
 
 using Listing = std::map<std::string, bool>;

@@ -171,8 +171,12 @@ class Messages(ToolTest):
         self.assertTrue(messages[1].startswith("  caused by: "), messages)
 
     def test_of_a_keybag_that_lacks_a_field(self) -> None:
-        self.assertEqual(self.fail_with(FAILED, "ls", small(*ENCRYPTED, "--without-dpwt"), *WITH_PASSWORD),
-                         ["kelvane: Backup KeyBag is invalid: Missing DPWT field (code 17)"])
+        path = self.copy(*ENCRYPTED)
+        values = plistlib.loads((path / "Manifest.plist").read_bytes())
+        values["BackupKeyBag"] = values["BackupKeyBag"].replace(b"DPSL", b"XPSL")
+        (path / "Manifest.plist").write_bytes(plistlib.dumps(values))
+        self.assertEqual(self.fail_with(FAILED, "ls", path, *WITH_PASSWORD),
+                         ["kelvane: Backup KeyBag is invalid: Missing DPSL field (code 17)"])
 
     def test_of_an_unknown_domain_and_path(self) -> None:
         for name in ("ls", "extract"):
@@ -187,14 +191,23 @@ class Messages(ToolTest):
         self.assertEqual(self.fail_with(FAILED, "cat", small(), NOTES, "no"), [missing])
         self.assertEqual(self.fail_with(FAILED, "cat", small(), "no", "Documents/Welcome.txt"), [missing])
         for path in ("", "Documents", "Documents/Gone"):
-            self.assertEqual(self.fail_with(FAILED, "cat", small(), NOTES, path), ["kelvane: This is not a file"])
+            self.assertEqual(self.fail_with(FAILED, "cat", small(), NOTES, path),
+                             [f"kelvane: {f'{NOTES}/{path}'.rstrip('/')}: This is not a file"])
+
+    def test_of_a_manifest_that_cannot_be_read_names_it(self) -> None:
+        path = self.copy()
+        (path / "Manifest.db").unlink()
+        (path / "Manifest.db").mkdir()
+        self.assertEqual(self.fail_with(FAILED, "info", path), [
+            "kelvane: Unknown Error: Failed to hash file - Manifest.db: Not a regular file: Is a directory (code 1)"])
 
     def test_of_a_missing_stored_file(self) -> None:
         path = small("--hostile", "stored-missing")
         entry = next(entry for entry in entries_of(path) if entry["damaged"])
         name = entry["fileID"][:2] + "/" + entry["fileID"]
         self.assertEqual(self.fail_with(FAILED, "cat", path, entry["domain"], entry["path"]), [
-            f"kelvane: Error loading external representation of backup data: Failed to load file ({name}) (code 8)",
+            f"kelvane: {entry['domain']}/{entry['path']}: its stored content is missing",
+            f"  caused by: Error loading external representation of backup data: Failed to load file ({name}) (code 8)",
             f"  caused by: File not found: File does not exist at path '{path}/{name}' (code 16)"])
 
     def test_of_arguments_that_are_no_text(self) -> None:

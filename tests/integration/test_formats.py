@@ -43,7 +43,7 @@ class FormatTest(ToolTest):
                             ("formatVersion", "version"), ("encrypted", "encrypted"), ("domains", "domains"),
                             ("files", "files"), ("directories", "directories"), ("totalSize", "totalSize")):
             self.assertEqual(described.pop(name), wanted[other], name)
-        self.assertEqual(described, {})
+        self.assertEqual(described, {"backupState": "new", "snapshotState": "finished"})
 
     def assert_listed(self, path: Path, *options: str) -> None:
         listed = [json.loads(line) for line in self.succeed("ls", path, "--all", "--json", *options).splitlines()]

@@ -111,7 +111,9 @@ class Unprivileged(ToolTest):
         (path / welcome["fileID"][:2] / welcome["fileID"]).chmod(0)
         messages = self.extract_unprivileged(path, status=FAILED)
         count = len(entries_of(path))
-        self.assertTrue(messages[0].startswith(f"kelvane: {NOTES}/Documents/Welcome.txt: Error loading"), messages)
+        self.assertTrue(messages[0].startswith(f"kelvane: {NOTES}/Documents/Welcome.txt: its stored content"
+                                               " cannot be read"), messages)
+        self.assertTrue(any("Permission denied" in message for message in messages), messages)
         self.assertEqual(messages[-1], f"kelvane: {count - 1} of {count} entries extracted, 1 failed")
 
     def test_reports_a_backup_that_may_not_be_read(self) -> None:

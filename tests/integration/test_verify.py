@@ -337,13 +337,42 @@ class Files(VerifyTest):
         path = self.copy()
         identifier = self.entry(path)["fileID"]
         strays = ["stray", f"{identifier[:2]}/stray", f"00/{'0' * 40}", identifier, f"ff/{identifier}",
-                  "a/b/c/deep", ".DS_Store", "3d/two\nlines", "3d/back\\slash"]
+                  "a/b/c/deep", "DS_Store", "Snapshots/a", "3d/two\nlines", "3d/back\\slash"]
         for name in strays:
             (path / name).parent.mkdir(parents=True, exist_ok=True)
             (path / name).write_text("mine")
         problems, _ = self.verify(path)
         self.assertEqual([one["storedName"] for one in problems], sorted(strays))
         self.assertEqual({(one["kind"], one["message"]) for one in problems}, {("stray-file", "no entry names it")})
+
+    def test_that_other_programs_leave_are_remarks(self) -> None:
+        path = self.copy()
+        names = [".DS_Store", "3d/.DS_Store", "._Manifest.plist", "Thumbs.db", "3d/thumbs.db", "desktop.ini",
+                 "__MACOSX/a/b"]
+        for name in [*names, "Snapshot/3d/x"]:
+            (path / name).parent.mkdir(parents=True, exist_ok=True)
+            (path / name).write_text("theirs")
+        found, summary = self.verify(path, status=DONE)
+        self.assertEqual((summary["problems"], summary["remarks"]), (0, len(names) + 1))
+        kinds = {one["storedName"]: one["kind"] for one in found}
+        self.assertEqual(kinds, dict.fromkeys(names, "foreign-file") | {"Snapshot/3d/x": "snapshot-file"})
+        self.assertEqual({one["severity"] for one in found}, {"remark"})
+        lines = run("verify", path).stdout.decode().splitlines()
+        self.assertIn("remark: file .DS_Store: a file manager or an archiver left it", lines)
+        self.assertTrue(lines[-1].endswith("checked: 0 problems, 8 remarks"), lines[-1])
+
+    def test_of_a_backup_that_was_cut_off(self) -> None:
+        path = self.copy()
+        values = plistlib.loads((path / "Status.plist").read_bytes())
+        (path / "Status.plist").write_bytes(plistlib.dumps(values | {"SnapshotState": "uploading"}))
+        [found], summary = self.verify(path, status=DONE)
+        self.assertEqual((found["severity"], found["kind"], found["storedName"], found["message"]), (
+            "warning", "unfinished", "Status.plist",
+            "the backup was cut off: its SnapshotState is 'uploading', not 'finished'"))
+        result = run("info", path)
+        self.assertEqual(result.stderr.decode().splitlines(),
+                         ["kelvane: warning: the backup was cut off: its SnapshotState is 'uploading', not 'finished'"])
+        self.assertIn(b"Snapshot state:     uploading\n", result.stdout)
 
     def test_that_no_entry_of_a_binary_manifest_names(self) -> None:
         path = self.copy("--version", "2.4")

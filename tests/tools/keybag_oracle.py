@@ -3,7 +3,7 @@
 
 Usage: keybag_oracle.py [--seed N] [--version N] [--type N] [--dpic N] [--iter N]
                         [--password TEXT] [--classes N,N,...] [--device-bound N,N,...]
-                        [--shuffle]
+                        [--shuffle] [--old]
 
 Output: one "NAME VALUE" a line, VALUE in hexadecimal:
   blob          the keybag
@@ -41,6 +41,7 @@ def arguments():
     parser.add_argument("--classes", type=numbers, default=[1, 2, 3, 4, 6, 7, 8])
     parser.add_argument("--device-bound", type=numbers, default=[])
     parser.add_argument("--shuffle", action="store_true")
+    parser.add_argument("--old", action="store_true", help="one derivation, without DPWT, DPIC and DPSL")
     return parser.parse_args()
 
 
@@ -61,17 +62,21 @@ class Maker:
 
     def derive(self):
         o = self.options
+        if o.old:
+            return hashlib.pbkdf2_hmac("sha1", o.password.encode(), self.salt, max(o.iter, 1), 32)
         first = hashlib.pbkdf2_hmac("sha256", o.password.encode(), self.dpsl, max(o.dpic, 1), 32)
         return hashlib.pbkdf2_hmac("sha1", first, self.salt, max(o.iter, 1), 32)
 
     def header(self):
         o = self.options
-        return b"".join([
+        records = [
             record("VERS", o.version), record("TYPE", o.type),
             record("UUID", self.rng.randbytes(16)), record("HMCK", self.rng.randbytes(40)),
             record("WRAP", 0), record("SALT", self.salt), record("ITER", o.iter),
-            record("DPWT", 1), record("DPIC", o.dpic), record("DPSL", self.dpsl),
-        ])
+        ]
+        if not o.old:
+            records += [record("DPWT", 1), record("DPIC", o.dpic), record("DPSL", self.dpsl)]
+        return b"".join(records)
 
     def under_device(self, key):
         encryptor = Cipher(algorithms.AES(self.device), modes.CBC(bytes(16))).encryptor()

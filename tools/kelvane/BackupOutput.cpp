@@ -9,6 +9,7 @@
 #include "ProgressBar.hpp"
 #include "Selection.hpp"
 #include "Units.hpp"
+#include "Unloadable.hpp"
 #include "support/cf/Array.hpp"
 
 #include <cmath>
@@ -89,12 +90,17 @@ Entry *entryOf(const Container &container, const CF::Error &error) {
     return KVBackupContainerGetEntryForLocalFilename(container.get(), name.get(), nullptr);
 }
 
+// Loading a stored file that is not there, or cannot be read, ends in an error about an argument.
+Failure describe(const CF::Error &error) {
+    return FindCode(error, kKVErrorInvalidArgument) ? UnloadableContent(error) : Failure(error);
+}
+
 void printErrors(const Container &container, const CF::Array &errors) {
     for (CFIndex i = 0; i < errors.GetCount(); ++i) {
         const CF::Error error = errorAt(errors, i);
         Entry *entry = entryOf(container, error);
         if (entry != nullptr) {
-            Failure(error).PrintFor(FullPath(entry));
+            describe(error).PrintFor(FullPath(entry));
         } else {
             Failure(error).Print();
         }

@@ -17,6 +17,15 @@ struct CloseDirectory {
     void operator()(DIR *directory) const noexcept { closedir(directory); }
 };
 
+constexpr int kOneLevel = 1;
+constexpr int kTwoLevels = 2;
+
+// 0 for what is not there.
+mode_t modeOf(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode : 0;
+}
+
 // Of what exists of the path, with links resolved.
 std::filesystem::path realPath(const std::string &path) {
     std::error_code error;
@@ -39,12 +48,13 @@ BackupPlace::BackupPlace(const std::string &backup) {
     itself_ = {status.st_dev, status.st_ino};
     if (S_ISDIR(status.st_mode)) {
         directories_.insert(itself_);
-        addFolders(backup);
+        addFolders(backup, S_ISREG(modeOf(backup + "/Manifest.plist")) ? kOneLevel : kTwoLevels);
     }
 }
 
-// A folder of the backup may be mounted elsewhere too. A backup has no deeper ones.
-void BackupPlace::addFolders(const std::string &backup) {
+// A folder of the backup may be mounted elsewhere too. A backup has no deeper ones, but may itself
+// be a folder of what is named.
+void BackupPlace::addFolders(const std::string &backup, int levels) {
     const std::unique_ptr<DIR, CloseDirectory> directory(opendir(backup.c_str()));
     while (const dirent *item = directory ? readdir(directory.get()) : nullptr) {
         const std::string name = item->d_name;
@@ -54,6 +64,9 @@ void BackupPlace::addFolders(const std::string &backup) {
             fstatat(dirfd(directory.get()), item->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISDIR(status.st_mode)) {
             directories_.insert({status.st_dev, status.st_ino});
+            if (levels > kOneLevel) {
+                addFolders(backup + "/" + name, levels - 1);
+            }
         }
     }
 }

@@ -25,7 +25,7 @@ class BackupPlace {
 
   private:
     using Identity = std::pair<dev_t, ino_t>;
-    void addFolders(const std::string &backup);
+    void addFolders(const std::string &backup, int levels);
 
     std::set<Identity> directories_;
     Identity itself_{};

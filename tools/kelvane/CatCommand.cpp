@@ -7,6 +7,8 @@
 #include "Kelvane/Error.hpp"
 #include "Output.hpp"
 
+#include <optional>
+
 namespace tool {
 
 namespace {
@@ -22,13 +24,24 @@ Entry *findEntry(const Container &container, const CatOptions &options) {
     return entry;
 }
 
+// What keeps the content from being had is the entry's.
+void open(std::optional<Content> &content, const Container &container, Entry *entry,
+          const TemporaryArea &area) {
+    try {
+        content.emplace(container, entry, area);
+    } catch (const Failure &failure) {
+        throw failure.Within(FullPath(entry));
+    }
+}
+
 } // namespace
 
 int RunCat(const Container &container, const TemporaryArea &area, const CatOptions &options) {
     Entry *entry = findEntry(container, options);
-    const Content content(container, entry, area);
-    content.Read(&WriteOutput);
-    const std::string deviation = content.Deviation();
+    std::optional<Content> content;
+    open(content, container, entry, area);
+    content->Read(&WriteOutput);
+    const std::string deviation = content->Deviation();
     if (!deviation.empty()) {
         PrintMessage(FullPath(entry) + ": the content is damaged: " + deviation);
     }

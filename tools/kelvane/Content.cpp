@@ -1,6 +1,7 @@
 #include "Content.hpp"
 
 #include "Diagnostics.hpp"
+#include "Unloadable.hpp"
 
 #include <algorithm>
 #include <unistd.h>
@@ -15,18 +16,19 @@ constexpr unsigned long kChunkSize = 256 * 1024;
 constexpr std::size_t kSHA1Size = 20;
 
 // Calls the function of the library with a place for an error. It returns null without an
-// error for an entry that has no content to give; the message says why.
-template <class Get>
-KVFileClass *require(Get get, const char *messageWithoutError) {
+// error for an entry that has no content to give; the message says why. describe makes the
+// failure of an error.
+template <class Get, class Describe>
+KVFileClass *require(Get get, const char *messageWithoutError, Describe describe) {
     CFErrorRef raised = nullptr;
     KVFileClass *file = nullptr;
     try {
         file = get(&raised);
     } catch (const CF::Error &error) {
-        throw Failure(error);
+        throw describe(error);
     }
     if (file == nullptr) {
-        throw raised != nullptr ? Failure(CF::Error::Adopt(raised)) : Failure(messageWithoutError);
+        throw raised != nullptr ? describe(CF::Error::Adopt(raised)) : Failure(messageWithoutError);
     }
     return file;
 }
@@ -34,7 +36,7 @@ KVFileClass *require(Get get, const char *messageWithoutError) {
 // Borrowed from the entry.
 KVFileClass *storedFile(Entry *entry) {
     return require([&](CFErrorRef *error) { return KVManifestEntryGetFile(entry, error); },
-                   "This is not a file");
+                   "This is not a file", UnloadableContent);
 }
 
 FileReference plainFile(const Container &container, Entry *entry) {
@@ -43,7 +45,8 @@ FileReference plainFile(const Container &container, Entry *entry) {
                                             return KVBackupContainerCopyFileForEntry(
                                                 container.get(), entry, error);
                                         },
-                                        "The backup holds no key for this file"));
+                                        "The backup holds no key for this file",
+                                        [](const CF::Error &error) { return Failure(error); }));
 }
 
 bool isHashOf(const FileReference &file, std::span<const std::uint8_t> digest) {

@@ -2,9 +2,9 @@
 
 #include "Diagnostics.hpp"
 #include "KVError.h"
+#include "Unloadable.hpp"
 
 #include <algorithm>
-#include <cerrno>
 
 namespace tool {
 
@@ -37,10 +37,6 @@ Loaded loadPlain(const Container &container, Entry *entry) {
 
 bool isHashOf(const FileReference &file, const CF::Data &digest) {
     return std::ranges::equal(KVFileGetHash(file.get()), digest.GetBytes());
-}
-
-bool isLink(const CF::Error &cause) {
-    return cause && CFEqual(cause.GetDomain(), kCFErrorDomainPOSIX) && cause.GetCode() == ELOOP;
 }
 
 std::string sizeMessage(std::uint64_t plain, std::uint64_t stored, std::int64_t recorded) {
@@ -86,18 +82,8 @@ void ContentCheck::checkRecorded(Entry *entry, const FileReference &stored,
 }
 
 void ContentCheck::reportUnloadable(Entry *entry, const CF::Error &error) const {
-    const CF::Error invalid = FindCode(error, kKVErrorInvalidBackup);
-    // The refusal of a name has nothing underneath, but for one that a link leads to; a zip's
-    // error, of a record that it lacks, has minizip's.
-    if (invalid && isLink(invalid.GetUnderlying())) {
-        report(entry, "linked-content", "its stored content lies behind a symbolic link", error);
-    } else if (FindCode(error, kKVErrorFileNotFound) || (invalid && invalid.GetUnderlying())) {
-        report(entry, "content-missing", "its stored content is missing", error);
-    } else if (invalid) {
-        report(entry, "unsafe-name", "its file ID makes no safe file name", error);
-    } else {
-        report(entry, "content-unreadable", "its stored content cannot be read", error);
-    }
+    const Unloadable why = WhyUnloadable(error);
+    report(entry, why.kind, why.message, error);
 }
 
 void ContentCheck::reportLocked(Entry *entry, const CF::Error &error) const {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <ranges>
 #include <vector>
 
 namespace tool {
@@ -27,9 +28,12 @@ class Extraction {
         : container_(container), area_(area), entries_(entries),
           tree_(options.output, options.force, place), bar_(totalSize(entries)) {}
 
-    // Links come after everything that is written, and directories' attributes last of all:
-    // a read-only directory could not be filled, and filling it changes its time.
+    // Directories come first, in whatever order their rows lie: one of an earlier extraction may
+    // have to be made writable. Links come after everything that is written, and directories'
+    // attributes last of all: a read-only directory could not be filled, and filling it changes
+    // its time.
     int Run() {
+        makeDirectories();
         forEach([this](Entry *entry) { extractContent(entry); });
         forEach([this](Entry *entry) {
             if (TypeOf(entry) == EntryType::Symlink) {
@@ -81,17 +85,34 @@ class Extraction {
         }
     }
 
+    static std::ptrdiff_t depthOf(Entry *directory) {
+        const std::string path = CF::String::GetUTF8(KVManifestEntryGetPath(directory));
+        return path.empty() ? -1 : std::ranges::count(path, '/');
+    }
+
+    void makeDirectories() {
+        std::vector<Entry *> directories;
+        for (CFIndex i = 0; i < entries_.GetCount(); ++i) {
+            if (TypeOf(EntryAt(entries_, i)) == EntryType::Directory) {
+                directories.push_back(EntryAt(entries_, i));
+            }
+        }
+        std::ranges::stable_sort(directories, std::less{}, depthOf);
+        for (Entry *entry : directories) {
+            attempt(entry, [this](Entry *directory) {
+                const EntryRecord record = Describe(directory);
+                tree_.MakeDirectory(SplitTreePath(record.domain, record.path));
+                directories_.push_back(directory);
+            });
+        }
+    }
+
     void extractContent(Entry *entry) {
         switch (TypeOf(entry)) {
         case EntryType::File:
             extractFile(entry);
             break;
-        case EntryType::Directory: {
-            const EntryRecord record = Describe(entry);
-            tree_.MakeDirectory(SplitTreePath(record.domain, record.path));
-            directories_.push_back(entry);
-            break;
-        }
+        case EntryType::Directory:
         case EntryType::Symlink:
             break;
         case EntryType::Other:
@@ -140,11 +161,7 @@ class Extraction {
 
     // Deepest first: those above must still be passable.
     void finishDirectories() {
-        std::ranges::stable_sort(directories_, std::greater{}, [](Entry *directory) {
-            const std::string path = CF::String::GetUTF8(KVManifestEntryGetPath(directory));
-            return path.empty() ? -1 : std::ranges::count(path, '/');
-        });
-        for (Entry *entry : directories_) {
+        for (Entry *entry : directories_ | std::views::reverse) {
             attempt(entry, [this](Entry *directory) {
                 const EntryRecord record = Describe(directory);
                 tree_.FinishDirectory(pathOf(record), attributesOf(record));

@@ -94,6 +94,8 @@ JSON gather(const Container &container) {
     json["uniqueIdentifier"] = uniqueIdentifier(metadata);
     json["date"] = backupDate(metadata);
     json["formatVersion"] = orNull(metadata.status.Get<CF::String>(CFSTR("Version")));
+    json["backupState"] = orNull(metadata.status.Get<CF::String>(CFSTR("BackupState")));
+    json["snapshotState"] = orNull(metadata.status.Get<CF::String>(CFSTR("SnapshotState")));
     json["encrypted"] = KVBackupContainerIsEncrypted(container.get()) != 0;
     json["domains"] = domains.GetCount();
     json["files"] = counts.files;
@@ -101,6 +103,13 @@ JSON gather(const Container &container) {
     json["links"] = counts.links;
     json["totalSize"] = KVManifestGetTotalFileSize(manifest);
     return json;
+}
+
+void warnOfCut(const Container &container) {
+    if ((KVBackupContainerGetNotes(container.get()) & kKVBackupNoteUnfinished) != 0) {
+        PrintMessage("warning: the backup was cut off: its SnapshotState is '" +
+                     SnapshotState(container) + "', not 'finished'");
+    }
 }
 
 // What it would tell shows as unknown.
@@ -113,7 +122,7 @@ void warnOfUnreadableMetadata(const Container &container) {
     }
 }
 
-constexpr std::array<std::pair<const char *, const char *>, 14> kLabels = {{
+constexpr std::array<std::pair<const char *, const char *>, 16> kLabels = {{
     {"deviceName", "Device name"},
     {"deviceType", "Device type"},
     {"osVersion", "OS version"},
@@ -122,6 +131,8 @@ constexpr std::array<std::pair<const char *, const char *>, 14> kLabels = {{
     {"uniqueIdentifier", "Unique identifier"},
     {"date", "Date"},
     {"formatVersion", "Format version"},
+    {"backupState", "Backup state"},
+    {"snapshotState", "Snapshot state"},
     {"encrypted", "Encrypted"},
     {"domains", "Domains"},
     {"files", "Files"},
@@ -154,6 +165,7 @@ std::string valueText(const std::string &key, const JSON &value) {
 
 int RunInfo(const Container &container, const InfoOptions &options) {
     warnOfUnreadableMetadata(container);
+    warnOfCut(container);
     const JSON json = gather(container);
     if (options.json) {
         PrintLine(Serialize(json));

@@ -32,7 +32,8 @@ CF::String pathString(const std::string &path) {
 // Null with the error stored.
 Container open(const BackupOptions &options, const CF::String &password, CF::Error &error) {
     const KVBackupOpenOptions bits =
-        kKVBackupOpenKeepDeviceBoundKeysLocked |
+        kKVBackupOpenKeepDeviceBoundKeysLocked | kKVBackupOpenOldEncryption |
+        kKVBackupOpenUnusualManifests | kKVBackupOpenSearchFolder |
         (options.followLinks ? kKVBackupOpenFollowLinks : kKVBackupOpenDefault);
     const CF::String pathText = pathString(options.backup);
     CFErrorRef raised = nullptr;
@@ -45,6 +46,13 @@ Container open(const BackupOptions &options, const CF::String &password, CF::Err
         error = CF::Error::Adopt(raised);
     }
     return container;
+}
+
+void warnOfNotes(const Container &container) {
+    if ((KVBackupContainerGetNotes(container.get()) & kKVBackupNoteManifestDecrypted) != 0) {
+        PrintMessage("warning: Manifest.db of this encrypted backup is not encrypted itself, and "
+                     "was used as it is");
+    }
 }
 
 } // namespace
@@ -68,12 +76,18 @@ Container OpenBackup(const BackupOptions &options) {
         const int status = IsPasswordError(error) ? kPassword : kFailed;
         throw Failure(error).WithStatus(status);
     }
+    warnOfNotes(container);
     return container;
 }
 
 CF::Error MetadataError(const Container &container, const char *fileName) {
     return CF::Error::Adopt(
         KVBackupContainerCopyMetadataError(container.get(), CF::String(fileName).get()));
+}
+
+std::string SnapshotState(const Container &container) {
+    const auto status = CF::Dictionary::Adopt(KVBackupContainerCopyStatusDict(container.get()));
+    return status.Get<CF::String>(CFSTR("SnapshotState")).GetUTF8();
 }
 
 bool UsesDatabase(const Container &container) {

@@ -29,6 +29,9 @@ inline constexpr std::array kPropertyLists = {"Manifest.plist", "Info.plist", "S
 // Why a metadata file that is there was taken for empty; else null.
 CF::Error MetadataError(const Container &container, const char *fileName);
 
+// What Status.plist says of the snapshot that the backup is; empty when it says nothing.
+std::string SnapshotState(const Container &container);
+
 // False for a backup of the version with a binary manifest.
 bool UsesDatabase(const Container &container);
 

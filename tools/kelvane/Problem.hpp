@@ -9,7 +9,8 @@
 namespace tool {
 
 struct Problem {
-    enum class Severity { Problem, Warning };
+    // A remark is about what harms nothing.
+    enum class Severity { Problem, Warning, Remark };
 
     Severity severity = Severity::Problem;
     // A word for machines.

@@ -1,6 +1,7 @@
 #include "Verification.hpp"
 
 #include "EntryRecord.hpp"
+#include "ForeignFile.hpp"
 #include "KVManifest.h"
 
 #include <algorithm>
@@ -15,6 +16,8 @@ constexpr CFIndex kDirectoryLength = 2;
 
 constexpr std::array kMetadata = {"Manifest.plist", "Info.plist", "Status.plist", "Manifest.mbdb",
                                   "Manifest.db"};
+// Where a system puts what it has backed up until the backup is complete.
+constexpr const char *kSnapshot = "Snapshot/";
 constexpr const char *kLog = "Manifest.db-wal";
 constexpr const char *kJournal = "Manifest.db-journal";
 // Only tells processes that have the database open about the log.
@@ -111,6 +114,23 @@ void Verification::CheckMetadata() {
             problem.message = "what it holds cannot be read";
             sink_(problem);
         }
+    }
+}
+
+void Verification::CheckNotes() {
+    const KVBackupNotes notes = KVBackupContainerGetNotes(container_.get());
+    if ((notes & kKVBackupNoteManifestDecrypted) != 0) {
+        reportFile(Problem::Severity::Warning, "manifest-decrypted", kMetadata.back(),
+                   "it is not encrypted, though the backup is");
+    }
+    if ((notes & kKVBackupNoteManifestWithoutPadding) != 0) {
+        reportFile(Problem::Severity::Remark, "manifest-unpadded", kMetadata.back(),
+                   "it is encrypted without padding");
+    }
+    if ((notes & kKVBackupNoteUnfinished) != 0) {
+        reportFile(Problem::Severity::Warning, "unfinished", "Status.plist",
+                   "the backup was cut off: its SnapshotState is '" + SnapshotState(container_) +
+                       "', not 'finished'");
     }
 }
 
@@ -216,6 +236,18 @@ void Verification::CheckSourceFiles() {
     // A directory has no order of its own.
     std::ranges::sort(strays_);
     for (const std::string &name : strays_) {
+        reportUnnamed(name);
+    }
+}
+
+void Verification::reportUnnamed(const std::string &name) const {
+    if (IsLeftByOthers(name)) {
+        reportFile(Problem::Severity::Remark, "foreign-file", name,
+                   "a file manager or an archiver left it");
+    } else if (name.starts_with(kSnapshot)) {
+        reportFile(Problem::Severity::Remark, "snapshot-file", name,
+                   "it is what a backup leaves that was not finished, and no entry names it");
+    } else {
         reportFile(Problem::Severity::Problem, "stray-file", name, "no entry names it");
     }
 }

@@ -27,6 +27,8 @@ class Verification {
     void CheckFileIDs();
     // Whether the metadata files gave what they hold.
     void CheckMetadata();
+    // Whether the backup was finished, and how its manifest lies in it.
+    void CheckNotes();
     // After CheckFileIDs: files that no entry names, and what lies beside the manifest.
     void CheckSourceFiles();
 
@@ -43,6 +45,7 @@ class Verification {
     void checkSourceFile(const KVBackupSourceFile &file);
     bool countAsContent(const std::string &name, bool regular);
     bool isInPlaceOfFolder(const std::string &name, bool regular) const;
+    void reportUnnamed(const std::string &name) const;
     void reportFile(Problem::Severity severity, const char *kind, const std::string &name,
                     const std::string &message) const;
 

@@ -9,15 +9,32 @@
 #include "Quoting.hpp"
 #include "Verification.hpp"
 
+#include <array>
+
 namespace tool {
 
 namespace {
 
-bool isWarning(const Problem &problem) { return problem.severity == Problem::Severity::Warning; }
+struct SeverityName {
+    const char *json;
+    const char *text; // before the line
+};
+
+SeverityName nameOf(Problem::Severity severity) {
+    switch (severity) {
+    case Problem::Severity::Problem:
+        break;
+    case Problem::Severity::Warning:
+        return {"warning", "warning: "};
+    case Problem::Severity::Remark:
+        return {"remark", "remark: "};
+    }
+    return {"problem", ""};
+}
 
 // One line, and one for each cause.
 std::string textOf(const Problem &problem) {
-    std::string line = isWarning(problem) ? "warning: " : "";
+    std::string line = nameOf(problem.severity).text;
     if (problem.entry != nullptr) {
         line += FullPath(problem.entry) + ": ";
     } else if (!problem.storedName.empty()) {
@@ -32,7 +49,7 @@ std::string textOf(const Problem &problem) {
 
 std::string jsonOf(const Problem &problem) {
     JSON json;
-    json["severity"] = isWarning(problem) ? "warning" : "problem";
+    json["severity"] = nameOf(problem.severity).json;
     json["kind"] = problem.kind;
     if (problem.entry != nullptr) {
         json["domain"] = CF::String::GetUTF8(KVManifestEntryGetDomain(problem.entry));
@@ -57,7 +74,7 @@ class Report {
           bar_(KVManifestGetTotalFileSize(KVBackupContainerGetManifest(container.get()))) {}
 
     void Add(const Problem &problem) {
-        ++(isWarning(problem) ? warnings_ : problems_);
+        ++counts_[static_cast<std::size_t>(problem.severity)];
         // Both may be on one terminal.
         bar_.Hide();
         PrintLine(options_.json ? jsonOf(problem) : textOf(problem));
@@ -79,24 +96,33 @@ class Report {
             json["entries"] = entries_;
             json["files"] = files_;
             json["sourceFiles"] = sourceFiles;
-            json["problems"] = problems_;
-            json["warnings"] = warnings_;
+            json["problems"] = countOf(Problem::Severity::Problem);
+            json["warnings"] = countOf(Problem::Severity::Warning);
+            json["remarks"] = countOf(Problem::Severity::Remark);
             PrintLine(Serialize(json));
         } else {
             PrintLine(std::to_string(entries_) + " entries, " + count(files_, "file") +
-                      " checked: " + count(problems_, "problem") +
-                      (warnings_ > 0 ? ", " + count(warnings_, "warning") : ""));
+                      " checked: " + count(countOf(Problem::Severity::Problem), "problem") +
+                      further(Problem::Severity::Warning) + further(Problem::Severity::Remark));
         }
-        return problems_ == 0 ? kDone : kFailed;
+        return countOf(Problem::Severity::Problem) == 0 ? kDone : kFailed;
     }
 
   private:
+    std::int64_t countOf(Problem::Severity severity) const {
+        return counts_[static_cast<std::size_t>(severity)];
+    }
+
+    std::string further(Problem::Severity severity) const {
+        const std::int64_t number = countOf(severity);
+        return number > 0 ? ", " + count(number, nameOf(severity).json) : "";
+    }
+
     const VerifyOptions &options_;
     ProgressBar bar_;
     std::int64_t entries_ = 0;
     std::int64_t files_ = 0;
-    std::int64_t problems_ = 0;
-    std::int64_t warnings_ = 0;
+    std::array<std::int64_t, 3> counts_{}; // by severity
 };
 
 } // namespace
@@ -108,6 +134,7 @@ int RunVerify(const Container &container, const TemporaryArea &area, const Verif
     verification.CheckEntries([&](Entry *entry) { report.CountEntry(entry); });
     verification.CheckFileIDs();
     verification.CheckMetadata();
+    verification.CheckNotes();
     verification.CheckSourceFiles();
     return report.Finish(verification.SourceFileCount());
 }
