@@ -123,7 +123,8 @@ class Info(ToolTest):
             "OS version": wanted["productVersion"], "OS build": wanted["buildVersion"],
             "Serial number": wanted["serialNumber"], "Unique identifier": wanted["uniqueIdentifier"],
             "Date": time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime(wanted["date"])),
-            "Format version": wanted["version"], "Encrypted": "no", "Domains": str(wanted["domains"]),
+            "Format version": wanted["version"], "Backup state": "new", "Snapshot state": "finished", "Encrypted": "no",
+            "Domains": str(wanted["domains"]),
             "Files": str(wanted["files"]), "Directories": str(wanted["directories"]),
             "Links": str(wanted["symlinks"]),
             "Total size": f"{wanted['totalSize'] / 1000:.1f} kB ({wanted['totalSize']} bytes)"})

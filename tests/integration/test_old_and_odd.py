@@ -33,7 +33,8 @@ class OldEncryption(OldTest):
             described = json.loads(self.succeed("info", path, "--json", *WITH_PASSWORD))
             self.assertIs(described["encrypted"], True)
             lines = self.succeed("ls", path, "--all", "--json", *WITH_PASSWORD).splitlines()
-            self.assertEqual([json.loads(line)["path"] for line in lines], [entry["path"] for entry in entries_of(path)])
+            self.assertEqual([json.loads(line)["path"] for line in lines],
+                             [entry["path"] for entry in entries_of(path)])
 
     def test_is_copied_out(self) -> None:
         for path in self.each(OLD):

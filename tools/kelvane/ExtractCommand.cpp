@@ -37,7 +37,7 @@ class Extraction {
         forEach([this](Entry *entry) { extractContent(entry); });
         forEach([this](Entry *entry) {
             if (TypeOf(entry) == EntryType::Symlink) {
-                extractLink(Describe(entry));
+                extractLink(entry, Describe(entry));
             }
         });
         finishDirectories();
@@ -101,7 +101,11 @@ class Extraction {
         for (Entry *entry : directories) {
             attempt(entry, [this](Entry *directory) {
                 const EntryRecord record = Describe(directory);
-                tree_.MakeDirectory(SplitTreePath(record.domain, record.path));
+                if (!tree_.MakeDirectory(SplitTreePath(record.domain, record.path))) {
+                    PrintMessage(FullPath(directory) +
+                                 ": it is one directory here with another of the backup");
+                    ++merged_;
+                }
                 directories_.push_back(directory);
             });
         }
@@ -130,8 +134,7 @@ class Extraction {
 
     void extractFile(Entry *entry) {
         const EntryRecord record = Describe(entry);
-        const TreePath path = pathOf(record);
-        tree_.CheckVacant(path);
+        const TreePath path = tree_.PlaceFor(pathOf(record));
         const Content content(container_, entry, area_);
         tree_.WriteFile(path, attributesOf(record), [&](int fd) {
             content.Read([&](std::span<const std::uint8_t> bytes) {
@@ -139,7 +142,17 @@ class Extraction {
                 bar_.Advance(static_cast<std::int64_t>(bytes.size()));
             });
         });
+        reportTwin(entry, record, path);
         reportDeviation(entry, content.Deviation());
+    }
+
+    // Nothing of the backup is lost where the file system takes two of its names for one.
+    void reportTwin(Entry *entry, const EntryRecord &record, const TreePath &path) {
+        if (path != pathOf(record)) {
+            PrintMessage(FullPath(entry) + ": extracted as '" + path.back() +
+                         "', since its name is that of another entry here");
+            ++renamed_;
+        }
     }
 
     // The file stays: it is all that there is of it.
@@ -150,13 +163,13 @@ class Extraction {
         }
     }
 
-    void extractLink(const EntryRecord &record) {
-        const TreePath path = pathOf(record);
+    void extractLink(Entry *entry, const EntryRecord &record) {
         if (record.target.find('\0') != std::string::npos) {
             throw Failure("The link's target holds a NUL");
         }
-        tree_.CheckVacant(path);
+        const TreePath path = tree_.PlaceFor(pathOf(record));
         tree_.MakeLink(path, record.target, attributesOf(record));
+        reportTwin(entry, record, path);
     }
 
     // Deepest first: those above must still be passable.
@@ -179,6 +192,12 @@ class Extraction {
         if (damaged_ > 0) {
             text += ", " + std::to_string(damaged_) + " damaged";
         }
+        if (renamed_ > 0) {
+            text += ", " + std::to_string(renamed_) + " under another name";
+        }
+        if (merged_ > 0) {
+            text += ", " + std::to_string(merged_) + " merged into other directories";
+        }
         PrintMessage(text);
         return failed_ + damaged_ == 0 ? kDone : kFailed;
     }
@@ -191,6 +210,8 @@ class Extraction {
     std::vector<Entry *> directories_;
     long failed_ = 0;
     long damaged_ = 0;
+    long renamed_ = 0;
+    long merged_ = 0;
 };
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "Diagnostics.hpp"
 #include "Interruption.hpp"
 #include "Rename.hpp"
+#include "TwinName.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -212,11 +213,15 @@ int OutputTree::openParent(const TreePath &path) {
     return cached_;
 }
 
-void OutputTree::MakeDirectory(const TreePath &path) {
+bool OutputTree::MakeDirectory(const TreePath &path) {
     // Private until it gets its own permissions, which may keep others out.
     const int directory = enter(openParent(path), path.back(), 0700);
     makeWritable(directory);
+    struct stat status;
+    const bool first =
+        fstat(directory, &status) != 0 || made_.emplace(status.st_dev, status.st_ino).second;
     close(directory);
+    return first;
 }
 
 void OutputTree::FinishDirectory(const TreePath &path, const Attributes &attributes) {
@@ -234,10 +239,30 @@ void OutputTree::FinishDirectory(const TreePath &path, const Attributes &attribu
     }
 }
 
-void OutputTree::CheckVacant(const TreePath &path) {
+bool OutputTree::hasMade(const struct stat &status) const {
+    return made_.contains({status.st_dev, status.st_ino});
+}
+
+// A place for what may not replace anything of this run, nor a directory.
+bool OutputTree::isFree(int directory, const std::string &name) const {
     struct stat status;
-    if (fstatat(openParent(path), path.back().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        return;
+    if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return true;
+    }
+    return replace_ && !S_ISDIR(status.st_mode) && !hasMade(status);
+}
+
+TreePath OutputTree::PlaceFor(const TreePath &path) {
+    const int directory = openParent(path);
+    struct stat status;
+    if (fstatat(directory, path.back().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return path;
+    }
+    if (hasMade(status)) {
+        TreePath marked = path;
+        marked.back() = FreeTwinName(
+            path.back(), [&](const std::string &name) { return isFree(directory, name); });
+        return marked;
     }
     if (S_ISDIR(status.st_mode)) {
         errno = EISDIR;
@@ -247,17 +272,12 @@ void OutputTree::CheckVacant(const TreePath &path) {
         errno = EEXIST;
         throwSystemFailure("It exists already (--force replaces it)");
     }
-    if (made_.contains({status.st_dev, status.st_ino})) {
-        errno = EEXIST;
-        throwSystemFailure("Another entry of the backup has been extracted to that name");
-    }
+    return path;
 }
 
-// Remembered, because on a file system that takes two names for one, or with a backup that
-// holds a name twice, replacing would lose the entry that came first.
 void OutputTree::remember(int directory, const std::string &name) {
     struct stat status;
-    if (replace_ && fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         made_.emplace(status.st_dev, status.st_ino);
     }
 }

@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+struct stat;
+
 namespace tool {
 
 // Permissions and times that an entry gets when it is complete.
@@ -39,22 +41,27 @@ class OutputTree {
     OutputTree &operator=(const OutputTree &) = delete;
     ~OutputTree();
 
-    // Makes the directory and those above it; one that exists is kept.
-    void MakeDirectory(const TreePath &path);
+    // Makes the directory and those above it; one that exists is kept. False when it is one with
+    // a directory for which this was called before.
+    bool MakeDirectory(const TreePath &path);
     // Writes a file under another name first: either it is there whole or not at all.
     void WriteFile(const TreePath &path, const Attributes &attributes,
                    const std::function<void(int fd)> &writeContent);
     void MakeLink(const TreePath &path, const std::string &target, const Attributes &attributes);
     // For when nothing more is to be written into the directory.
     void FinishDirectory(const TreePath &path, const Attributes &attributes);
-    // Throws when something is in the way of a new file or link, unless it may be replaced.
-    void CheckVacant(const TreePath &path);
+    // Where a new file or link is to go: to the path, or beside it under a marked name, "name
+    // (2).txt", when this object has put something there already: file systems that take two names
+    // for one would lose it. Throws when anything else is in the way, unless it may be replaced.
+    TreePath PlaceFor(const TreePath &path);
 
   private:
     // The directory that is to hold the last component; borrowed until the next call.
     int openParent(const TreePath &path);
     int enter(int directory, const std::string &name, mode_t mode) const;
     void remember(int directory, const std::string &name);
+    bool hasMade(const struct stat &status) const;
+    bool isFree(int directory, const std::string &name) const;
 
     int root_ = -1;
     bool replace_;
@@ -62,7 +69,7 @@ class OutputTree {
     // The directory used last: entries of one directory follow each other.
     TreePath cachedPath_;
     int cached_ = -1;
-    // The files and links that this object made, when it may replace others.
+    // What this object made, and the directories that it was to make.
     std::set<std::pair<dev_t, ino_t>> made_;
 };
 
