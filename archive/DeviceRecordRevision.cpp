@@ -25,6 +25,14 @@ constexpr std::uint32_t kNowhere = std::numeric_limits<std::uint32_t>::max();
 
 [[noreturn]] void fail(const char *what) { throw std::invalid_argument(what); }
 
+// Readers differ in which of several values a key has.
+template <class Value>
+void requireFirst(const std::optional<Value> &value) {
+    if (value) {
+        fail("The record's archive has a key twice");
+    }
+}
+
 void require(ZK::bplist::Status status) {
     if (!status) {
         fail(ZK::bplist::Reason(status.fault));
@@ -84,9 +92,12 @@ DeviceRecordEncoder::Revision::ReferenceIn(const Object &object) const {
         require(object.Uid(entry));
         return entry;
     }
-    if (object.type != Type::Dictionary || object.count != 1 ||
+    if (object.type != Type::Dictionary || object.count == 0 ||
         !ObjectAt(MemberOf(object, 0)).TextEquals("CF$UID")) {
         return std::nullopt;
+    }
+    if (object.count > 1) {
+        fail("The record's archive has a reference that is more than one");
     }
     const Object number = ObjectAt(MemberOf(object, 1));
     if (number.type != Type::Integer || !number.Integer().FitsUInt64() ||
@@ -116,9 +127,11 @@ void DeviceRecordEncoder::Revision::ReadRoot() {
     for (std::uint64_t i = 0; i < root.count; ++i) {
         const Pair pair{MemberOf(root, i), MemberOf(root, root.count + i), kUnknownKey};
         const Object key = ObjectAt(pair.key);
-        if (key.TextEquals("$objects") && !table) {
+        if (key.TextEquals("$objects")) {
+            requireFirst(table);
             table = pair.value;
-        } else if (key.TextEquals("$top") && !top) {
+        } else if (key.TextEquals("$top")) {
+            requireFirst(top);
             top = pair.value;
         } else if (!key.TextEquals("$version") && !key.TextEquals("$archiver")) {
             further_.push_back(pair);
@@ -144,10 +157,14 @@ void DeviceRecordEncoder::Revision::ReadTable(const Object &table) {
 }
 
 void DeviceRecordEncoder::Revision::ReadTop(const Object &top) {
-    Object root;
-    bool found = false;
-    require(document_.Find(top, "root", found, root));
-    const std::optional<Entry> entry = found ? ReferenceIn(root) : std::nullopt;
+    std::optional<Entry> entry;
+    Spend(top.count);
+    for (std::uint64_t i = 0; i < top.count; ++i) {
+        if (ObjectAt(MemberOf(top, i)).TextEquals("root")) {
+            requireFirst(entry);
+            entry = ReferenceIn(ObjectAt(MemberOf(top, top.count + i)));
+        }
+    }
     if (!entry || *entry == kNullEntry || *entry >= table_.size()) {
         fail("The record's archive has no root");
     }

@@ -16,8 +16,8 @@ constexpr const char *kSelectRow = "SELECT fileID, domain, relativePath, flags, 
 // Partial indexes, indexes on expressions, and defaults that call something.
 constexpr const char *kComputedParts[] = {
     "SELECT 1 FROM pragma_index_list('Files') WHERE partial;",
-    "SELECT 1 FROM pragma_index_list('Files') AS list, pragma_index_xinfo(list.name) AS part "
-    "WHERE part.cid=-2;",
+    ("SELECT 1 FROM pragma_index_list('Files') AS list, pragma_index_xinfo(list.name) AS part "
+     "WHERE part.cid=-2;"),
     "SELECT 1 FROM pragma_table_xinfo('Files') WHERE instr(dflt_value, '(') > 0;",
 };
 constexpr const char *kUniqueIndexes =
