@@ -107,7 +107,7 @@ KVBackupNotes KVBackupContainerGetNotes(const KVBackupContainerClass *container)
         notes |= kKVBackupNoteManifestWithoutPadding;
     }
     const auto snapshot = container->statusDict.Get<CF::String>(CFSTR("SnapshotState"));
-    if (snapshot && snapshot != CF::String("finished")) {
+    if (snapshot && !CFEqual(snapshot.get(), CFSTR("finished"))) {
         notes |= kKVBackupNoteUnfinished;
     }
     return notes;

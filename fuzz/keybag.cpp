@@ -1,4 +1,4 @@
-// Opens keybags under both rules for device-bound keys, with the seeds' password.
+// Opens keybags under both rules for device-bound keys, and old ones, with the seeds' password.
 #include "MB/KeyBag.hpp"
 #include "support/cf/CF.hpp"
 
@@ -20,8 +20,8 @@ static Bytes withLowCounts(Bytes blob) {
     return blob;
 }
 
-static void open(const CF::Data &blob, MB::DeviceBoundKeys bound) try {
-    const MB::KeyBag keyBag(blob, "correct horse", bound);
+static void open(const CF::Data &blob, const MB::KeyBagOptions &options) try {
+    const MB::KeyBag keyBag(blob, "correct horse", options);
     std::size_t left = blob.GetBytes().size();
     for (const auto &record : keyBag.GetRecords()) {
         left -= 8 + record.second.size();
@@ -34,7 +34,8 @@ static void open(const CF::Data &blob, MB::DeviceBoundKeys bound) try {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t size) {
     const CF::Data blob(withLowCounts({bytes, bytes + size}));
-    open(blob, MB::DeviceBoundKeys::Fail);
-    open(blob, MB::DeviceBoundKeys::KeepLocked);
+    open(blob, {MB::DeviceBoundKeys::Fail, MB::OldKeyBags::Refuse, {}});
+    open(blob, {MB::DeviceBoundKeys::KeepLocked, MB::OldKeyBags::Refuse, {}});
+    open(blob, {MB::DeviceBoundKeys::KeepLocked, MB::OldKeyBags::Accept, {}});
     return 0;
 }

@@ -178,6 +178,11 @@ class InAFolder(OldTest):
         self.assertEqual(self.fail_with(FAILED, "ls", self.above), [
             f"kelvane: Invalid backup: More than one backup lies in {self.above}: my backup, other (code 10)"])
 
+    def test_leaves_room_beside_it(self) -> None:
+        self.write("export", self.backup, self.folder / "wanted")
+        self.assertEqual(run("export", self.above, self.above / "beside").returncode, DONE)
+        self.assertEqual(facts_of(self.above / "beside"), facts_of(self.folder / "wanted"))
+
     def test_is_never_written_into(self) -> None:
         folder = next(item for item in self.backup.iterdir() if item.is_dir())
         os.rename(folder, self.folder / "elsewhere")

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
+#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -17,13 +18,38 @@ struct CloseDirectory {
     void operator()(DIR *directory) const noexcept { closedir(directory); }
 };
 
-constexpr int kOneLevel = 1;
-constexpr int kTwoLevels = 2;
-
-// 0 for what is not there.
-mode_t modeOf(const std::string &path) {
+bool holdsBackup(const std::string &folder) {
     struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode : 0;
+    return stat((folder + "/Manifest.plist").c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// Whether what was listed may be a folder; links are none.
+bool isFolder(DIR *directory, const dirent &item, struct stat &status) {
+    const std::string_view name = item.d_name;
+    // A flat backup has hundreds of thousands of files, which are not looked at.
+    return (item.d_type == DT_DIR || item.d_type == DT_UNKNOWN) && name != "." && name != ".." &&
+           fstatat(dirfd(directory), item.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISDIR(status.st_mode);
+}
+
+// The only folder that holds a backup, where what is named holds none itself; else what is named.
+std::string backupIn(const std::string &named) {
+    if (holdsBackup(named)) {
+        return named;
+    }
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(named.c_str()));
+    std::string found;
+    struct stat status {};
+    while (const dirent *item = directory ? readdir(directory.get()) : nullptr) {
+        const std::string folder = named + "/" + item->d_name;
+        if (isFolder(directory.get(), *item, status) && holdsBackup(folder)) {
+            if (!found.empty()) {
+                return named; // several, none of which is opened
+            }
+            found = folder;
+        }
+    }
+    return found.empty() ? named : found;
 }
 
 // Of what exists of the path, with links resolved.
@@ -41,32 +67,25 @@ std::filesystem::path realPath(const std::string &path) {
 } // namespace
 
 BackupPlace::BackupPlace(const std::string &backup) {
-    struct stat status;
-    if (stat(backup.c_str(), &status) != 0) {
+    const std::string place = backupIn(backup);
+    struct stat status {};
+    if (stat(place.c_str(), &status) != 0) {
         return;
     }
     itself_ = {status.st_dev, status.st_ino};
     if (S_ISDIR(status.st_mode)) {
         directories_.insert(itself_);
-        addFolders(backup, S_ISREG(modeOf(backup + "/Manifest.plist")) ? kOneLevel : kTwoLevels);
+        addFolders(place);
     }
 }
 
-// A folder of the backup may be mounted elsewhere too. A backup has no deeper ones, but may itself
-// be a folder of what is named.
-void BackupPlace::addFolders(const std::string &backup, int levels) {
+// A folder of the backup may be mounted elsewhere too. A backup has no deeper ones.
+void BackupPlace::addFolders(const std::string &backup) {
     const std::unique_ptr<DIR, CloseDirectory> directory(opendir(backup.c_str()));
+    struct stat status {};
     while (const dirent *item = directory ? readdir(directory.get()) : nullptr) {
-        const std::string name = item->d_name;
-        struct stat status;
-        // A flat backup has hundreds of thousands of files, which are not looked at.
-        if ((item->d_type == DT_DIR || item->d_type == DT_UNKNOWN) && name != "." && name != ".." &&
-            fstatat(dirfd(directory.get()), item->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISDIR(status.st_mode)) {
+        if (isFolder(directory.get(), *item, status)) {
             directories_.insert({status.st_dev, status.st_ino});
-            if (levels > kOneLevel) {
-                addFolders(backup + "/" + name, levels - 1);
-            }
         }
     }
 }

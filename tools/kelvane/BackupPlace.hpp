@@ -11,7 +11,8 @@ struct stat;
 namespace tool {
 
 // Where a backup lies, by device and inode: links, bind mounts, and file systems that take two
-// names for one show different paths to it. A zip, and what is not there, has no inside.
+// names for one show different paths to it. A zip, and what is not there, has no inside. Where a
+// folder of what is named is the backup, as opening finds it, the place is that folder.
 class BackupPlace {
   public:
     explicit BackupPlace(const std::string &backup);
@@ -25,7 +26,7 @@ class BackupPlace {
 
   private:
     using Identity = std::pair<dev_t, ino_t>;
-    void addFolders(const std::string &backup, int levels);
+    void addFolders(const std::string &backup);
 
     std::set<Identity> directories_;
     Identity itself_{};
