@@ -5,9 +5,12 @@
 #include <boost/system/system_error.hpp>
 
 #include <cerrno>
+#include <memory>
 #include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +60,10 @@ filesystem::path withoutTrailingSeparators(filesystem::path path) {
     return path;
 }
 
+[[noreturn]] void raise(const char *step) {
+    throw boost::system::system_error(errno, boost::system::system_category(), step);
+}
+
 } // namespace
 
 void create_private_directories(const filesystem::path &path) {
@@ -94,6 +101,27 @@ directory directory::create_new(const filesystem::path &given) {
     return made;
 }
 
+directory directory::open(const filesystem::path &path) {
+    int fd = -1;
+    do {
+        fd = ::open(path.c_str(), kDirectoryFlags & ~O_NOFOLLOW);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        raise("open", path, errno);
+    }
+    return directory(fd);
+}
+
+directory directory::open_directory(const std::string &name,
+                                    boost::system::error_code &error) const {
+    error.clear();
+    directory opened(openDirectory(native_handle(), name.c_str()));
+    if (!opened.is_open()) {
+        error.assign(errno, boost::system::system_category());
+    }
+    return opened;
+}
+
 directory directory::enter(const std::string &name, boost::system::error_code &error) const {
     error.clear();
     int fd = openDirectory(native_handle(), name.c_str());
@@ -113,6 +141,80 @@ directory directory::enter(const std::string &name, boost::system::error_code &e
 
 void directory::remove_file(const std::string &name) const noexcept {
     (void)::unlinkat(native_handle(), name.c_str(), 0);
+}
+
+void directory::lock() const {
+    int result = -1;
+    do {
+        result = ::flock(native_handle(), LOCK_EX | LOCK_NB);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        raise("flock");
+    }
+}
+
+void directory::sync() const {
+    int result = -1;
+    do {
+        result = ::fsync(native_handle());
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        raise("fsync");
+    }
+}
+
+std::vector<std::string> directory::list() const {
+    // The stream takes over a descriptor with a position of its own.
+    unique_descriptor fd(openDirectory(native_handle(), "."));
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(
+        fd.get() < 0 ? nullptr : ::fdopendir(fd.get()), &::closedir);
+    if (stream == nullptr) {
+        raise("opendir");
+    }
+    (void)fd.release();
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent *const entry = ::readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        raise("readdir");
+    }
+    return names;
+}
+
+bool directory::holds(const std::string &name) const {
+    struct stat status {};
+    if (::fstatat(native_handle(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        return true;
+    }
+    if (errno != ENOENT) {
+        raise("stat");
+    }
+    return false;
+}
+
+void directory::rename(const std::string &name, const directory &target,
+                       const std::string &newName) const {
+    if (::renameat(native_handle(), name.c_str(), target.native_handle(), newName.c_str()) != 0) {
+        raise("rename");
+    }
+}
+
+void directory::unlink(const std::string &name) const {
+    if (::unlinkat(native_handle(), name.c_str(), 0) != 0 && errno != ENOENT) {
+        raise("unlink");
+    }
+}
+
+void directory::unlink_directory(const std::string &name) const {
+    if (::unlinkat(native_handle(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+        raise("rmdir");
+    }
 }
 
 } // namespace ZK::file
