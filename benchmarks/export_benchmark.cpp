@@ -1,10 +1,13 @@
-// Writing a backup of many files out: to a directory against `cp -r` and `sha1sum` of the
-// same tree, to a zip against `zip -r -q` of it. Half of the content is random.
+// Writing a backup of many files out. In the plain form: to a directory against `cp -r` and
+// `sha1sum` of the same tree, to a zip against `zip -r -q` of it. In the devices' form: to a
+// directory against `cp -r` alone, since nothing is hashed that is carried over, and to a zip
+// against the same `zip -r -q`. Half of the content is random.
 //
 // KELVANE_BENCH_BYTES: size of the backup in all, by default 2147483648.
 // KELVANE_BENCH_FILES: number of files, by default 10000.
 // KELVANE_BENCH_ZIP_ROUNDS: by default 3; 0 leaves the zip out.
 #include "KVBackupContainer.h"
+#include "KVBackupWriting.h"
 #include "KVTemporaryPath.h"
 #include "Measure.hpp"
 #include "container/KVBackupContainerClass.hpp"
@@ -101,7 +104,20 @@ void makeBackup(const Data &data, std::size_t bytes, int files) {
     CFRelease(backup);
 }
 
-Seconds timedExport(const Data &data, bool zip) {
+enum class Form { Plain, Device };
+
+bool exportTo(KVBackupContainerClass *backup, const CF::String &output, bool zip, Form form) {
+    if (form == Form::Plain) {
+        return zip ? KVBackupContainerExportToZip(backup, output.get(), {})
+                   : KVBackupContainerExportToDirectory(backup, output.get(), {});
+    }
+    KVBackupWriteOptions options{};
+    options.size = sizeof options;
+    options.target = zip ? kKVBackupTargetZip : kKVBackupTargetDirectory;
+    return KVBackupContainerWrite(backup, output.get(), &options, nullptr) != 0;
+}
+
+Seconds timedExport(const Data &data, bool zip, Form form) {
     return measure::InChild([&] {
         CFErrorRef error = nullptr;
         auto *const backup = KVBackupContainerCreateFromDirectory(
@@ -112,10 +128,8 @@ Seconds timedExport(const Data &data, bool zip) {
         const auto *const name = zip ? ".zip" : "";
         const CF::String output(data.output + name);
         bool finished = false;
-        const Seconds seconds = measure::Timed([&] {
-            finished = zip ? KVBackupContainerExportToZip(backup, output.get(), {})
-                           : KVBackupContainerExportToDirectory(backup, output.get(), {});
-        });
+        const Seconds seconds =
+            measure::Timed([&] { finished = exportTo(backup, output, zip, form); });
         if (!finished) {
             fail("the export failed");
         }
@@ -130,32 +144,40 @@ void report(const char *what, const measure::Series &ours, const char *floorName
                 ours.Processor(), floor.Processor(), ours.Processor() / floor.Processor());
 }
 
-void measureDirectory(const Data &data) {
+void measureDirectory(const Data &data, Form form) {
     measure::Series ours;
     measure::Series floor;
+    const std::string hashed =
+        " && find '" + data.source + "' -type f -print0 | xargs -0 sha1sum > /dev/null";
     for (int i = 0; i < kRounds; ++i) {
-        ours.Add(timedExport(data, false));
+        ours.Add(timedExport(data, false, form));
         run("diff -rq --exclude='*.plist' --exclude=Manifest.db '" + data.source + "' '" +
             data.output + "' && rm -rf '" + data.output + "'");
-        floor.Add(timedCommand("cp -r '" + data.source + "' '" + data.output + "' && find '" +
-                               data.source + "' -type f -print0 | xargs -0 sha1sum > /dev/null"));
+        floor.Add(timedCommand("cp -r '" + data.source + "' '" + data.output + "'" +
+                               (form == Form::Plain ? hashed : "")));
         run("rm -rf '" + data.output + "'");
     }
-    report("to a directory", ours, "cp -r and sha1sum", floor);
+    report(form == Form::Plain ? "to a directory" : "to a directory, as devices write it", ours,
+           form == Form::Plain ? "cp -r and sha1sum" : "cp -r", floor);
 }
 
 void measureZip(const Data &data, long rounds) {
     measure::Series ours;
+    measure::Series device;
     measure::Series floor;
     const std::string zip = data.output + ".zip";
+    const std::string removal = "ls -l '" + zip + "' && rm '" + zip + "'";
     for (long i = 0; i < rounds; ++i) {
-        ours.Add(timedExport(data, true));
-        run("ls -l '" + zip + "' && rm '" + zip + "'");
+        ours.Add(timedExport(data, true, Form::Plain));
+        run(removal);
+        device.Add(timedExport(data, true, Form::Device));
+        run(removal);
         floor.Add(timedCommand("cd '" + data.source + "' && zip -r -q '" + zip + "' ."));
-        run("ls -l '" + zip + "' && rm '" + zip + "'");
+        run(removal);
     }
     if (rounds > 0) {
         report("to a zip", ours, "zip -r -q", floor);
+        report("to a zip, as devices write it", device, "zip -r -q", floor);
     }
 }
 
@@ -174,7 +196,8 @@ int main() {
     if (::stat((source + "/Status.plist").c_str(), &status) != 0) {
         makeBackup(data, static_cast<std::size_t>(bytes), static_cast<int>(files));
     }
-    measureDirectory(data);
+    measureDirectory(data, Form::Plain);
+    measureDirectory(data, Form::Device);
     measureZip(data, measure::NumberFromEnvironment("KELVANE_BENCH_ZIP_ROUNDS", 3));
     run("rm -rf '" + directory + "/export-temporary'");
     return 0;

@@ -2,6 +2,7 @@
 
 #include "Kelvane/Error.hpp"
 #include "container/StoredName.hpp"
+#include "filestore/Reading.hpp"
 
 namespace Kelvane {
 
@@ -10,6 +11,17 @@ FileRef BackupSource::Load(const CF::String &name, std::uint64_t limit) const {
         ThrowUnsafeStoredName(name);
     }
     return LoadNamed(name, limit);
+}
+
+ZK::file::readable_file BackupSource::Open(const CF::String &name) const {
+    if (!IsSafeStoredName(name)) {
+        ThrowUnsafeStoredName(name);
+    }
+    return OpenNamed(name);
+}
+
+ZK::file::readable_file BackupSource::OpenNamed(const CF::String &name) const {
+    return OpenContent(*LoadNamed(name, kAnySize).get());
 }
 
 void RequireSizeWithin(std::uint64_t size, std::uint64_t limit) {

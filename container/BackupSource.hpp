@@ -4,6 +4,7 @@
 #include "KVFile.h"
 #include "support/cf/Pointer.hpp"
 #include "support/cf/String.hpp"
+#include "support/zk/File.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -41,6 +42,9 @@ class BackupSource {
     FileRef Load(const CF::String &name, std::uint64_t limit = kAnySize) const;
     // Whether a regular file, or a record, has that name.
     virtual bool Holds(const CF::String &name) const = 0;
+    // The same file, open at its beginning, without being hashed where the source holds it as it
+    // is.
+    ZK::file::readable_file Open(const CF::String &name) const;
     // Hands every file of the source to the consumer, in no particular order. Throws CF::Error:
     // code 3 for a directory that cannot be read, code 9 for a zip.
     virtual void ListFiles(const SourceFileConsumer &consumer) const = 0;
@@ -51,6 +55,8 @@ class BackupSource {
     BackupSource() = default;
     // The name is safe.
     virtual FileRef LoadNamed(const CF::String &name, std::uint64_t limit) const = 0;
+    // Loads the file, unless the source knows better.
+    virtual ZK::file::readable_file OpenNamed(const CF::String &name) const;
 };
 
 // Throws code 8 "The file is too large to be read into memory (%llu bytes)".

@@ -108,21 +108,6 @@ FileRef writeBinaryManifest(const KVBackupContainerClass &container) {
                         error.get());
 }
 
-FileRef writeMetadata(const CF::Dictionary &dictionary, CFStringRef name) {
-    LocalError error;
-    const auto data = CF::PropertyListType<CF::Dictionary>::ToPropertyListData(
-        dictionary, kCFPropertyListXMLFormat_v1_0, error.out());
-    const auto failure =
-        CF::String::Format(CFSTR("Failed to create data representation of metadata (%@)"), name);
-    try {
-        RequireSizeWithin(data ? static_cast<std::uint64_t>(data.GetLength()) : 0,
-                          kMaxMetadataSize);
-    } catch (const CF::Error &tooLarge) {
-        throw Error(kKVErrorUnknown, tooLarge, failure); // nobody could open the backup
-    }
-    return fileFromData(data, failure.get(), error.get());
-}
-
 // The manifest and metadata files are written anew. Empty for every other name.
 FileRef writeGenerated(const KVBackupContainerClass &container, const CF::String &name) {
     const std::string text = name.GetUTF8();
@@ -133,13 +118,13 @@ FileRef writeGenerated(const KVBackupContainerClass &container, const CF::String
         return writeBinaryManifest(container);
     }
     if (text == kManifestPlistName) {
-        return writeMetadata(container.manifestDict, name.get());
+        return WriteMetadata(container.manifestDict, name.get(), kCFPropertyListXMLFormat_v1_0);
     }
     if (text == kInfoPlistName) {
-        return writeMetadata(container.infoDict, name.get());
+        return WriteMetadata(container.infoDict, name.get(), kCFPropertyListXMLFormat_v1_0);
     }
     if (text == kStatusPlistName) {
-        return writeMetadata(container.statusDict, name.get());
+        return WriteMetadata(container.statusDict, name.get(), kCFPropertyListXMLFormat_v1_0);
     }
     return {};
 }
@@ -170,6 +155,22 @@ FileRef copyStoredFile(const KVBackupContainerClass &container, const CF::String
 }
 
 } // namespace
+
+FileRef WriteMetadata(const CF::Dictionary &dictionary, CFStringRef name,
+                      CFPropertyListFormat format) {
+    LocalError error;
+    const auto data =
+        CF::PropertyListType<CF::Dictionary>::ToPropertyListData(dictionary, format, error.out());
+    const auto failure =
+        CF::String::Format(CFSTR("Failed to create data representation of metadata (%@)"), name);
+    try {
+        RequireSizeWithin(data ? static_cast<std::uint64_t>(data.GetLength()) : 0,
+                          kMaxMetadataSize);
+    } catch (const CF::Error &tooLarge) {
+        throw Error(kKVErrorUnknown, tooLarge, failure); // nobody could open the backup
+    }
+    return fileFromData(data, failure.get(), error.get());
+}
 
 WrittenManifestDatabase::WrittenManifestDatabase(const KVBackupContainerClass &container) {
     try {

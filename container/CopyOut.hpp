@@ -25,4 +25,9 @@ class WrittenManifestDatabase {
     FileRef file_;
 };
 
+// A metadata dictionary as a file of the store. Throws code 1 "Failed to create data representation
+// of metadata (%@)", code 8 underneath for one that would be too large to be read again.
+FileRef WriteMetadata(const CF::Dictionary &dictionary, CFStringRef name,
+                      CFPropertyListFormat format);
+
 } // namespace Kelvane

@@ -29,6 +29,11 @@ void copyInto(KVBackupContainerClass &copy, const KVBackupContainerClass &origin
     copy.infoDict = copyOf(original.infoDict);
     copy.statusDict = copyOf(original.statusDict);
     copy.sourceMetadata = original.sourceMetadata;
+    copy.metadataFormats = original.metadataFormats;
+    copy.removedFileIDs = original.removedFileIDs;
+    copy.setMetadata = original.setMetadata;
+    copy.openedState = original.openedState;
+    copy.saved = original.saved;
     copy.baseDirectory = original.baseDirectory;
     copy.databaseForm = original.databaseForm;
     copy.folder = original.folder;

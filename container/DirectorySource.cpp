@@ -46,6 +46,9 @@ class DirectorySource : public BackupSource {
         }
         return ReferenceBelow(root_, name);
     }
+    ZK::file::readable_file OpenNamed(const CF::String &name) const override {
+        return OpenBelow(root_, name);
+    }
 
   private:
     CF::String directory_;
@@ -82,6 +85,12 @@ class LinkedDirectorySource : public BackupSource {
             throw error.get();
         }
         return file;
+    }
+    ZK::file::readable_file OpenNamed(const CF::String &name) const override {
+        boost::system::error_code error;
+        ZK::file::readable_file file(directory_.GetUTF8() + "/" + name.GetUTF8(), error);
+        // What keeps the file from being opened, loading reports.
+        return error ? BackupSource::OpenNamed(name) : std::move(file);
     }
 
   private:

@@ -3,6 +3,9 @@
 #include "Kelvane/Error.hpp"
 #include "manifest/MbdbLimits.hpp"
 
+#include <set>
+#include <string>
+
 namespace Kelvane {
 
 namespace {
@@ -128,9 +131,17 @@ void Edit::RemoveTree(CFStringRef path) {
 }
 
 void Edit::Apply() {
-    if (!change_.removed.empty() || !change_.added.empty()) {
-        ApplyChange(container_.manifest.get(), change_);
+    if (change_.removed.empty() && change_.added.empty()) {
+        return;
     }
+    std::set<std::string> removed;
+    for (const EntryPointer &entry : change_.removed) {
+        if (!entry.get()->external && KVManifestEntryIsFile(entry.get())) {
+            removed.insert(CF::String::GetUTF8(entry.get()->fileID.get()));
+        }
+    }
+    ApplyChange(container_.manifest.get(), change_);
+    container_.removedFileIDs.merge(removed); // takes no memory, and so cannot fail
 }
 
 } // namespace Kelvane

@@ -9,22 +9,10 @@
 #include <boost/filesystem/operations.hpp>
 
 #include <exception>
-#include <unordered_set>
 
 namespace Kelvane {
 
 namespace {
-
-struct HashText {
-    std::size_t operator()(CFStringRef text) const noexcept { return CFHash(text); }
-};
-struct EqualTexts {
-    bool operator()(CFStringRef one, CFStringRef other) const noexcept {
-        return CFEqual(one, other);
-    }
-};
-// Borrowed names: there may be a million.
-using NameSet = std::unordered_set<CFStringRef, HashText, EqualTexts>;
 
 // Runs a step of one file. One file must not end the export, so what fails in another way
 // than by our own error becomes such an error.
@@ -96,7 +84,7 @@ void exportContent(Export &job, ExportTarget &target, CFStringRef name) {
     }
 }
 
-void exportFile(Export &job, ExportTarget &target, CFStringRef name, NameSet &known) {
+void exportFile(Export &job, ExportTarget &target, CFStringRef name, StoredNames &known) {
     if (job.manner != ExportManner::Plain && CFStringGetLength(name) == 0) {
         return; // reported with its entry
     }
@@ -140,11 +128,14 @@ void WriteStoredFiles(Export &job, ExportTarget &target) {
     if (job.manner != ExportManner::Plain) {
         reportNameless(job, target);
     }
-    NameSet known;
+    StoredNames known;
     const CFIndex count = names.GetCount();
     for (CFIndex i = 0; i < count; ++i) {
         exportFile(job, target, static_cast<CFStringRef>(names.GetAt(i)), known);
         job.progress.FileDone();
+    }
+    if (job.manner == ExportManner::Device) {
+        WriteUnlistedFiles(job, target, known);
     }
 }
 

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_set>
 
 namespace Kelvane {
 
@@ -26,6 +27,8 @@ struct Export {
     std::unique_ptr<ExportForm> form;
     ExportProgress progress;
     ExportReport report;
+    // In the devices' manner: whether files of the source that no entry names go along.
+    bool keepsUnlisted = false;
 };
 
 // Where the files of a backup go.
@@ -69,6 +72,20 @@ void RequireWritableManifest(const Export &job);
 // %@ - %s (%d)".
 std::unique_ptr<ExportTarget> CreateDirectoryTarget(const CF::String &path);
 std::unique_ptr<ZipExportTarget> CreateZipTarget(const CF::String &path, ExportManner manner);
+
+// Borrowed stored names: there may be a million.
+struct HashName {
+    std::size_t operator()(CFStringRef text) const noexcept { return CFHash(text); }
+};
+struct EqualNames {
+    bool operator()(CFStringRef one, CFStringRef other) const noexcept {
+        return CFEqual(one, other);
+    }
+};
+using StoredNames = std::unordered_set<CFStringRef, HashName, EqualNames>;
+
+// Counts the files of the source that are not among the names, and writes them if the job says so.
+void WriteUnlistedFiles(Export &job, ExportTarget &target, const StoredNames &named);
 
 // Writes everything that the backup stores to the target, skipping and reporting what fails.
 void WriteStoredFiles(Export &job, ExportTarget &target);

@@ -1,5 +1,5 @@
 // The exported functions that write a backup out.
-#include "container/Export.hpp"
+#include "container/ExportRun.hpp"
 #include "foundation/Boundary.hpp"
 
 #include <utility>
@@ -7,70 +7,6 @@
 namespace Kelvane {
 
 namespace {
-
-using ProgressFunction = std::function<void(double)>;
-
-ProgressFunction asFunction(KVBackupExportProgressCallBack callback, void *context) {
-    if (callback == nullptr) {
-        return {};
-    }
-    return [callback, context](double fraction) { callback(fraction, context); };
-}
-
-Export begin(KVBackupContainerClass *container, ExportManner manner, ProgressFunction progress,
-             const KVBackupExportReport *report) {
-    return {
-        container, manner,
-        manner == ExportManner::Plain ? MakePlainForm(*container) : MakeUnlimitedForm(*container),
-        ExportProgress(std::move(progress)), ExportReport(report != nullptr, container->Version())};
-}
-
-void writeDirectory(Export &job, const CF::String &path) {
-    job.progress.Start();
-    RequireNothingAt(path);
-    RequireWritableManifest(job);
-    WriteStoredFiles(job, *CreateDirectoryTarget(path));
-}
-
-// Without a report there is nobody to tell that the archive is missing but the log.
-void completeZip(Export &job, ZipExportTarget &target) {
-    try {
-        target.Complete();
-    } catch (const CF::Error &error) {
-        if (job.manner != ExportManner::Plain) {
-            throw;
-        }
-        job.report.Log(error);
-    }
-}
-
-void writeZip(Export &job, const CF::String &path) {
-    job.progress.Start();
-    RequireNothingAt(path);
-    RequireWritableManifest(job);
-    const auto target = CreateZipTarget(path, job.manner);
-    if (!target->IsOpen() && job.manner != ExportManner::Plain) {
-        target->Complete(); // tells why
-    }
-    WriteStoredFiles(job, *target);
-    if (target->IsOpen()) {
-        completeZip(job, *target);
-    }
-}
-
-// Runs the steps of an export; true when they come to their end.
-template <class Steps>
-bool run(Export job, KVBackupExportReport *report, Steps steps) {
-    bool finished = true;
-    try {
-        steps(job);
-    } catch (const CF::Error &error) {
-        job.report.Failed(error);
-        finished = false;
-    }
-    job.report.FillIn(report);
-    return finished;
-}
 
 // For hosts in C: what ends an export by an exception ends up in the report.
 template <class Run>
@@ -89,16 +25,6 @@ Boolean atClosedBoundary(KVBackupExportReport *report, Run run) noexcept {
     return finished;
 }
 
-bool exportToDirectory(Export job, CFStringRef path, KVBackupExportReport *report) {
-    return run(std::move(job), report,
-               [path](Export &started) { writeDirectory(started, CF::String(path)); });
-}
-
-bool exportToZip(Export job, CFStringRef path, KVBackupExportReport *report) {
-    return run(std::move(job), report,
-               [path](Export &started) { writeZip(started, CF::String(path)); });
-}
-
 } // namespace
 
 } // namespace Kelvane
@@ -106,18 +32,16 @@ bool exportToZip(Export job, CFStringRef path, KVBackupExportReport *report) {
 bool KVBackupContainerExportToDirectory(KVBackupContainerClass *container,
                                         CFStringRef directoryPath,
                                         std::function<void(double)> progress) {
-    return Kelvane::exportToDirectory(
-        Kelvane::begin(container, Kelvane::ExportManner::Plain, std::move(progress), nullptr),
-        directoryPath, nullptr);
+    return Kelvane::RunDirectoryExport(container, Kelvane::ExportManner::Plain, std::move(progress),
+                                       directoryPath, nullptr);
 }
 
 bool KVBackupContainerExportToDirectoryWithReport(KVBackupContainerClass *container,
                                                   CFStringRef directoryPath,
                                                   std::function<void(double)> progress,
                                                   KVBackupExportReport *report) {
-    return Kelvane::exportToDirectory(
-        Kelvane::begin(container, Kelvane::ExportManner::Unlimited, std::move(progress), report),
-        directoryPath, report);
+    return Kelvane::RunDirectoryExport(container, Kelvane::ExportManner::Unlimited,
+                                       std::move(progress), directoryPath, report);
 }
 
 Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
@@ -126,23 +50,21 @@ Boolean KVBackupContainerWriteDirectory(KVBackupContainerClass *container,
                                         KVBackupExportReport *report) {
     return Kelvane::atClosedBoundary(report, [&] {
         return KVBackupContainerExportToDirectoryWithReport(
-            container, directoryPath, Kelvane::asFunction(progress, context), report);
+            container, directoryPath, Kelvane::AsFunction(progress, context), report);
     });
 }
 
 bool KVBackupContainerExportToZip(KVBackupContainerClass *container, CFStringRef zipPath,
                                   std::function<void(double)> progress) {
-    return Kelvane::exportToZip(
-        Kelvane::begin(container, Kelvane::ExportManner::Plain, std::move(progress), nullptr),
-        zipPath, nullptr);
+    return Kelvane::RunZipExport(container, Kelvane::ExportManner::Plain, std::move(progress),
+                                 zipPath, nullptr);
 }
 
 bool KVBackupContainerExportToZipWithReport(KVBackupContainerClass *container, CFStringRef zipPath,
                                             std::function<void(double)> progress,
                                             KVBackupExportReport *report) {
-    return Kelvane::exportToZip(
-        Kelvane::begin(container, Kelvane::ExportManner::Unlimited, std::move(progress), report),
-        zipPath, report);
+    return Kelvane::RunZipExport(container, Kelvane::ExportManner::Unlimited, std::move(progress),
+                                 zipPath, report);
 }
 
 Boolean KVBackupContainerWriteZipFile(KVBackupContainerClass *container, CFStringRef zipPath,
@@ -150,6 +72,6 @@ Boolean KVBackupContainerWriteZipFile(KVBackupContainerClass *container, CFStrin
                                       KVBackupExportReport *report) {
     return Kelvane::atClosedBoundary(report, [&] {
         return KVBackupContainerExportToZipWithReport(
-            container, zipPath, Kelvane::asFunction(progress, context), report);
+            container, zipPath, Kelvane::AsFunction(progress, context), report);
     });
 }

@@ -70,6 +70,7 @@ void ExportReport::Failed(const CF::Error &error) {
     errors_ = CF::Array::Mutable();
     notes_ = CF::Array::Mutable();
     filesWritten_ = 0;
+    unlistedFiles_ = 0;
     missing_.insert(kNoManifestName);
     Skipped(error);
 }

@@ -26,17 +26,21 @@ class ExportReport {
     void Log(const CF::Error &error) const;
     // A file was written.
     void Written(const std::string &name);
+    // A file of the source that no entry names.
+    void Unlisted() noexcept { ++unlistedFiles_; }
     // The backup is complete without that file.
     void NotNeeded(const std::string &name) { missing_.erase(name); }
 
     // Hands the report out; null is allowed.
     void FillIn(KVBackupExportReport *report) const;
+    std::int64_t UnlistedFiles() const noexcept { return unlistedFiles_; }
 
   private:
     bool keepErrors_;
     CF::Array errors_ = CF::Array::Mutable();
     CF::Array notes_ = CF::Array::Mutable();
     std::int64_t filesWritten_ = 0;
+    std::int64_t unlistedFiles_ = 0;
     // What a backup cannot do without, as far as it is not yet written.
     std::set<std::string> missing_;
 };

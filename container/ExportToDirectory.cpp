@@ -83,7 +83,7 @@ class NewFile {
 
     writable_file open(boost::system::error_code &error) const {
         try {
-            return writable_file::create_append(parent_, name_, error);
+            return writable_file::create_new(parent_, name_, error);
         } catch (const boost::system::system_error &exception) {
             throw Error(kKVErrorFilesystem, nullptr,
                         CFSTR("The file could not be opened for writing - %s (%d)"),

@@ -43,6 +43,7 @@ void replace(KVBackupContainerClass &container, CF::Dictionary KVBackupContainer
     if (replacement != nullptr) {
         container.*stored = CF::Dictionary(replacement);
         container.sourceMetadata.erase(fileName);
+        container.setMetadata.insert(fileName);
     }
 }
 
@@ -138,6 +139,7 @@ void KVBackupContainerSetSystemDomainsVersion(KVBackupContainerClass *container,
         container->manifestDict = CF::Dictionary::MutableCopy(container->manifestDict.get());
         container->manifestDict.Set(CFSTR("SystemDomainsVersion"), version);
         container->sourceMetadata.erase(Kelvane::kManifestPlistName);
+        container->setMetadata.insert(Kelvane::kManifestPlistName);
     }
 }
 

@@ -4,6 +4,7 @@
 #include "KVBackupContainer.h"
 #include "MB/ManifestEncryption.hpp"
 #include "container/BackupSource.hpp"
+#include "container/SourceState.hpp"
 #include "container/StoredDatabase.hpp"
 #include "support/cf/CF.hpp"
 #include "support/zk/IOSVersion.hpp"
@@ -14,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -78,6 +80,17 @@ struct KVBackupContainerClass {
     CF::Dictionary statusDict = CF::Dictionary::Mutable();
     // By file name, as long as the host has not set the dictionary.
     std::map<std::string, Kelvane::SourceMetadata> sourceMetadata;
+    // How the metadata files of the source are written, by file name; those of a missing one lack.
+    std::map<std::string, CFPropertyListFormat> metadataFormats;
+    // Of files that edits took out of the source's manifest: their content is not to be taken for
+    // files that nobody names.
+    std::set<std::string> removedFileIDs;
+    // The metadata files whose dictionary the host has set.
+    std::set<std::string> setMetadata;
+    // Of a backup that can be changed in place: what it was like before it was read.
+    std::optional<Kelvane::SourceState> openedState;
+    // The backup has been changed in place: it is no longer what was read.
+    bool saved = false;
     Kelvane::SecretString password;
     std::optional<MB::ManifestEncryption> encryption;
     // How the source's database lies there, of an encrypted backup.

@@ -5,7 +5,9 @@
 #include "foundation/Boundary.hpp"
 #include "support/cf/Extensions.hpp"
 
+#include <algorithm>
 #include <array>
+#include <string_view>
 
 namespace Kelvane {
 
@@ -47,6 +49,16 @@ CF::Error whyUnreadable(const CF::Data &bytes, const CF::Error &cause, const CF:
                  CFSTR("The root of the property list is no dictionary (%@)"), name.get());
 }
 
+CFPropertyListFormat formatOf(const CF::Data &bytes) {
+    constexpr std::string_view kMagic = "bplist";
+    const auto content = bytes.GetBytes();
+    return std::equal(kMagic.begin(), kMagic.end(), content.begin(),
+                      content.begin() +
+                          static_cast<std::ptrdiff_t>(std::min(kMagic.size(), content.size())))
+               ? kCFPropertyListBinaryFormat_v1_0
+               : kCFPropertyListXMLFormat_v1_0;
+}
+
 // A file that is empty, no property list or no dictionary leaves the target empty: what
 // the backup lacks then shows in the checks that follow.
 void readDictionary(KVBackupContainerClass &container, const MetadataFile &metadata,
@@ -61,6 +73,7 @@ void readDictionary(KVBackupContainerClass &container, const MetadataFile &metad
     if (parsed) {
         CFDictionarySetValues(target.mutableRef(), parsed.get());
     }
+    container.metadataFormats.insert_or_assign(metadata.name, formatOf(bytes));
     container.sourceMetadata.insert_or_assign(
         metadata.name,
         SourceMetadata{file, parsed ? CF::Error() : whyUnreadable(bytes, cause.get(), name)});

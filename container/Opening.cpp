@@ -67,6 +67,9 @@ ContainerRef open(const OpenRequest &request, const OpeningProgress &progress) {
                     static_cast<const void *>(&body), body.folder.get(), path.get());
     }
     body.password = SecretString(CF::String(request.password));
+    if (request.kind == SourceKind::Directory && linksFor(request.options) == Links::Refuse) {
+        body.openedState = TakeSourceState(found.path.GetUTF8());
+    }
     LoadMetadata(body, request.options, progress);
     return container;
 }

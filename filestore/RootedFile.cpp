@@ -48,14 +48,6 @@ CF::Error errorOfOpening(const RootDirectory &root, const CF::String &name,
     return unhashed(name, failure);
 }
 
-ZK::file::readable_file openBelow(const RootDirectory &root, const CF::String &name) {
-    try {
-        return {*root, name.GetUTF8()};
-    } catch (const boost::system::system_error &failure) {
-        throw errorOfOpening(root, name, failure);
-    }
-}
-
 CF::Date dateOf(std::time_t time) {
     return CF::Date::FromAbsoluteTime(static_cast<double>(time) - kCFAbsoluteTimeIntervalSince1970);
 }
@@ -89,8 +81,16 @@ OwnedFile referenceAgainBelow(const KVFileClass &file) {
 
 } // namespace
 
+ZK::file::readable_file OpenBelow(const RootDirectory &root, const CF::String &name) {
+    try {
+        return {*root, name.GetUTF8()};
+    } catch (const boost::system::system_error &failure) {
+        throw errorOfOpening(root, name, failure);
+    }
+}
+
 OwnedFile ReferenceBelow(const RootDirectory &root, const CF::String &name) {
-    ZK::file::readable_file content = openBelow(root, name);
+    ZK::file::readable_file content = OpenBelow(root, name);
     auto reference = CF::Adopt(_KVFileAllocInit());
     KVFileClass &file = *reference.get();
     readFacts(file, name, content);

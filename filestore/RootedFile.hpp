@@ -3,6 +3,7 @@
 
 #include "filestore/Storage.hpp"
 #include "support/cf/String.hpp"
+#include "support/zk/File.hpp"
 #include "support/zk/RootDirectory.hpp"
 
 #include <memory>
@@ -16,6 +17,9 @@ using RootDirectory = std::shared_ptr<const ZK::file::root_directory>;
 // way. The name is safe. Throws what KVFileCreateFromFileAtPath reports, and UnsafeStoredName
 // for a link in the place of the file or of a directory on the way to it.
 OwnedFile ReferenceBelow(const RootDirectory &root, const CF::String &name);
+
+// That file, open for reading. Throws the same.
+ZK::file::readable_file OpenBelow(const RootDirectory &root, const CF::String &name);
 
 // A reference of its own to what a file refers to, which must still be there: code 6.
 OwnedFile ReferenceAgain(const KVFileClass &file);

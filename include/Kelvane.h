@@ -13,6 +13,7 @@
 #define KELVANE_VERSION_STRING "1.0.0"
 
 #include "KVBackupContainer.h"
+#include "KVBackupWriting.h"
 #include "KVBase.h"
 #include "KVError.h"
 #include "KVFile.h"

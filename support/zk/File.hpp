@@ -88,10 +88,10 @@ class writable_file : public descriptor {
     // Creates the file or appends to the one that is there.
     static writable_file open_append(const filesystem::path &path,
                                      boost::system::error_code &error);
-    // Creates the file in an open directory, to be appended to; fails when anything bears
-    // the name, a dangling link included.
-    static writable_file create_append(const directory &parent, const std::string &name,
-                                       boost::system::error_code &error);
+    // Creates the file in an open directory; fails when anything bears the name, a dangling link
+    // included.
+    static writable_file create_new(const directory &parent, const std::string &name,
+                                    boost::system::error_code &error);
 
     // Writes every byte before it returns, or fails; some bytes may be written then.
     void write(std::span<const std::uint8_t> bytes);

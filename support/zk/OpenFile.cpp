@@ -296,11 +296,11 @@ writable_file writable_file::open_append(const filesystem::path &path,
     return file;
 }
 
-writable_file writable_file::create_append(const directory &parent, const std::string &name,
-                                           boost::system::error_code &error) {
+writable_file writable_file::create_new(const directory &parent, const std::string &name,
+                                        boost::system::error_code &error) {
     int fd = -1;
     const Location where(parent.native_handle(), name);
-    const Failure failure = createExclusively(where, O_WRONLY | O_APPEND, fd);
+    const Failure failure = createExclusively(where, O_WRONLY, fd);
     assign(failure, error);
     if (failure) {
         return {};

@@ -40,7 +40,7 @@ class EditTest(ResultTest):
         results = []
         for source in self.each_form():
             self.output = self.folder / f"out {source.name}"
-            results.append((facts_of(source, as_written=True), self.edit(source, *operations)))
+            results.append((self.facts_before(source), self.edit(source, *operations)))
         return results
 
     def assert_changed_only(self, before: Facts, after: Facts, *places: Place) -> None:

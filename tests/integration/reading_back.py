@@ -80,17 +80,29 @@ def facts_of(path: Path, as_written: bool = False) -> dict[Place, dict[str, Any]
 class ResultTest(ToolTest):
     """Verbs for commands that write backups, and judgements of the results."""
 
+    # What is written is in the form of the program's first version instead of the devices'.
+    legacy = False
+
     def password_for(self, path: Path) -> tuple[str, ...]:
         return WITH_PASSWORD if read(path).encrypted else ()
 
     def write(self, name: str, source: Path, target: Path, *options: str | Path) -> list[str]:
         """Runs export or edit, which must succeed; gives its messages."""
-        return self.fail_with(DONE, name, source, target, *options, *self.password_for(source))
+        form = ("--form=legacy",) if self.legacy else ()
+        return self.fail_with(DONE, name, source, target, *form, *options, *self.password_for(source))
+
+    def facts_before(self, source: Path) -> dict[Place, dict[str, Any]]:
+        """What is to be read of the source's entries once they are written anew."""
+        return facts_of(source, as_written=self.legacy)
 
     def assert_sound(self, path: Path) -> None:
         """Accounted for to the last byte, and accepted by everything at hand."""
         backup = read(path)
         self.assertEqual(list(account(backup)), [])
+        if self.legacy:
+            self.assert_xml(path)
+        else:
+            self.assert_device_form(path)
         self.assert_forms(path, backup)
         if path.is_dir():
             self.assert_private(path)
@@ -106,13 +118,16 @@ class ResultTest(ToolTest):
         """Every record, row, size, digest and padding is as devices write it, and accounted for."""
         self.assertEqual(list(account(read(path, strict=True))), [])
 
+    def assert_xml(self, path: Path) -> None:
+        for name in PLISTS:
+            self.assertTrue(raw(path)[name].startswith(b"<?xml"), name)
+
     def assert_forms(self, path: Path, backup: Backup) -> None:
         files = raw(path)
         with tempfile.TemporaryDirectory() as folder:
-            for name in PLISTS:
+            for name in files.keys() & set(PLISTS):
                 (item := Path(folder) / name).write_bytes(files[name])
                 self.accepted("plistutil", "-i", item, "-o", os.devnull)
-                self.assertTrue(files[name].startswith(b"<?xml"), name)
             if backup.version != BINARY_VERSION:
                 database = Path(folder) / "Manifest.db"
                 database.write_bytes(self.plain_database(files, backup))
@@ -146,7 +161,8 @@ class ResultTest(ToolTest):
     def assert_same_metadata(self, source: Path, target: Path) -> None:
         one, other = raw(source), raw(target)
         for name in PLISTS:
-            self.assertEqual(plistlib.loads(one[name]) if name in one else {}, plistlib.loads(other[name]), name)
+            dictionaries = [plistlib.loads(files[name]) if name in files else {} for files in (one, other)]
+            self.assertEqual(*dictionaries, name)
 
     def assert_same_entries(self, found: dict[Place, Any], wanted: dict[Place, Any]) -> None:
         self.assertEqual(set(found), set(wanted))

@@ -4,18 +4,23 @@ from __future__ import annotations
 
 import hashlib
 import os
+import sqlite3
 import stat
 from pathlib import Path
 
-from editing import CIPHER, EditTest, Facts, LATEST, NOTES, SIZES, WELCOME
-from reading_back import Place, facts_of, raw, read
-from tool_testing import DONE, ENCRYPTED, FAILED, USAGE, WITH_PASSWORD, backup, entries_of, main, run
+from editing import CIPHER, EditTest, Facts, LATEST, NOTES, SHOPPING, SIZES, WELCOME
+from reading_back import Place, facts_of, raw, read, rows
+from tool_testing import DONE, ENCRYPTED, FAILED, USAGE, WITH_PASSWORD, backup, entries_of, main, make, run
 
 from backup_maker import hostile  # found through tool_testing
 
 KEPT = ("mode", "uid", "gid", "birth", "modified", "changed", "inode", "protection")
 FRESH_FILE = {"mode": 0o100644, "uid": 501, "gid": 501, "protection": 4}
 FRESH_DIRECTORY = {"mode": 0o040755, "uid": 501, "gid": 501, "protection": 0, "size": 0, "key": None}
+
+
+def identifier(domain: str, path: str) -> str:
+    return hashlib.sha1(f"{domain}-{path}".encode()).hexdigest()
 
 
 class Put(EditTest):
@@ -53,7 +58,7 @@ class Put(EditTest):
         source = backup("--device-bound", *ENCRYPTED)
         names = [f"Documents/size-{size:06}.bin" for size in (1, 15, 16, 17)]
         operations = [word for name in names for word in ("--put", SIZES, name, str(self.file))]
-        before, after = facts_of(source, as_written=True), self.edit(source, *operations)
+        before, after = self.facts_before(source), self.edit(source, *operations)
         self.assertEqual({before[SIZES, name]["protection"] for name in names}, {1, 2, 3, 4})
         keybag = read(self.output).keybag
         assert keybag is not None
@@ -74,7 +79,8 @@ class Put(EditTest):
             facts = self.edit(source, "--put", NOTES, WELCOME, self.file)[NOTES, WELCOME]
             identifier = facts["file_id"]
             stored = (self.output / identifier[:2] / identifier).read_bytes()
-            self.assertEqual((facts["size"], facts["digest"]), (len(stored), hashlib.sha1(stored).digest()))
+            size = len(stored) if self.legacy else self.file.stat().st_size
+            self.assertEqual((facts["size"], facts["digest"]), (size, hashlib.sha1(stored).digest()))
             self.assertEqual(stored == self.file.read_bytes(), not options)
 
     def test_over_a_link_makes_a_file(self) -> None:
@@ -147,6 +153,62 @@ class Put(EditTest):
         source = backup("--tree", "small", "--hostile", "device-bound", *CIPHER)
         self.edit(source, "--mkdir", hostile.DOMAIN, "Documents", "--put", hostile.DOMAIN, "Documents/device-bound.txt",
                   self.file)
+
+
+    def test_of_an_empty_file_stores_a_block_of_padding(self) -> None:
+        self.file.write_bytes(b"")
+        facts = self.edit(backup("--tree", "small", *CIPHER), "--put", NOTES, "empty", self.file)[NOTES, "empty"]
+        stored = raw(self.output)[f"{facts['file_id'][:2]}/{facts['file_id']}"]
+        self.assertEqual((len(stored), facts["size"]), (0 if self.legacy else 16, 0))
+
+
+class PutInLegacyForm(Put):
+    legacy = True
+
+
+class Kept(EditTest):
+    """What a change does not concern stays as the device wrote it, byte for byte."""
+
+    def test_rows_in_their_order(self) -> None:
+        for options in ((), CIPHER):
+            source = backup("--placeholders", "3", *options)
+            self.output = self.folder / f"out{len(options)}"
+            self.edit(source, "--put", NOTES, WELCOME, self.file, "--rm", NOTES, SHOPPING, "--mkdir", NOTES, "new")
+            before, after = ({row[0]: row for row in rows(self.plain_database(raw(path), read(path)))}
+                             for path in (source, self.output))
+            changed = {identifier(NOTES, path) for path in (WELCOME, SHOPPING, "new")}
+            self.assertEqual({key: row for key, row in after.items() if key not in changed},
+                             {key: row for key, row in before.items() if key not in changed})
+            self.assertEqual(list(after), [key for key in before if key != identifier(NOTES, SHOPPING)]
+                             + [identifier(NOTES, "new")])
+
+    def test_what_later_systems_add(self) -> None:
+        source = make(self.folder / "source", "--tree", "small")
+        connection = sqlite3.connect(source / "Manifest.db")
+        connection.executescript("""PRAGMA journal_mode=DELETE;
+            CREATE TABLE Extra (number INTEGER); INSERT INTO Extra VALUES (1);
+            ALTER TABLE Files ADD COLUMN origin TEXT; UPDATE Files SET origin = 'device ' || fileID;
+            CREATE INDEX FilesOriginIdx ON Files(origin);
+            INSERT INTO Properties VALUES ('key', x'00');""")
+        schema = connection.execute("SELECT * FROM sqlite_master").fetchall()
+        connection.close()
+        self.write("edit", source, self.output, "--put", NOTES, WELCOME, self.file)
+        self.succeed("verify", self.output, "--json")
+        connection = sqlite3.connect(self.output / "Manifest.db")
+        self.addCleanup(connection.close)
+        self.assertEqual(connection.execute("SELECT * FROM sqlite_master").fetchall(), schema)
+        self.assertEqual(connection.execute("SELECT * FROM Properties").fetchall(), [("key", b"\0")])
+        self.assertEqual(connection.execute("SELECT * FROM Files WHERE origin IS NOT 'device ' || fileID").fetchall(), [])
+
+    def test_records(self) -> None:
+        source = backup("--version", "2.4")
+        self.edit(source, "--put", NOTES, WELCOME, self.file)
+        old, new = ((path / "Manifest.mbdb").read_bytes() for path in (source, self.output))
+        # One record has another digest, size and perhaps length; the rest is the same.
+        start = len(os.path.commonprefix([old, new]))
+        end = len(os.path.commonprefix([old[:start - 1:-1], new[:start - 1:-1]]))
+        self.assertIn(WELCOME.encode(), new[start - 200:len(new) - end])
+        self.assertLess(len(new) - start - end, 200)
 
 
 class MakeDirectory(EditTest):

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import plistlib
 import zipfile
 from pathlib import Path
 from typing import Any
@@ -10,8 +11,8 @@ from typing import Any
 from exporting import CIPHER, ExportTest
 from reading_back import facts_of, raw, read
 from terminal import Terminal
-from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, USAGE, WITH_PASSWORD, backup, command, main, make, \
-    run, snapshot
+from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, USAGE, WITH_PASSWORD, backup, command, \
+    entries_of, main, make, run, snapshot
 
 
 class Whole(ExportTest):
@@ -24,7 +25,7 @@ class Whole(ExportTest):
         self.assertRegex(messages[0], rf"^kelvane: {len(files)} files, [0-9.]+ .?B \({size} bytes\), written to the"
                          rf" {kind} '{target}'$")
         self.assert_sound(target)
-        self.assert_same_entries(facts_of(target), facts_of(source, as_written=True))
+        self.assert_same_entries(facts_of(target), self.facts_before(source))
         self.assertEqual(read(target).placeholders, read(source).placeholders)
         self.assert_same_metadata(source, target)
         for name, content in files.items():
@@ -58,9 +59,6 @@ class Whole(ExportTest):
     def test_encrypted_fourth_database(self) -> None:
         self.check_all_ways("--version", "3.3", "--placeholders", "3", *CIPHER)
 
-    def test_backup_without_info(self) -> None:
-        self.check(backup("--tree", "small", "--without-info"), self.output)
-
     def test_backup_without_entries(self) -> None:
         self.check(backup("--tree", "none"), self.output)
 
@@ -71,6 +69,93 @@ class Whole(ExportTest):
         source = backup("--tree", "none", "--size-of-one", "20000001")
         self.check(source, self.output)
         self.check(source, self.folder / "large.zip")
+
+
+class WholeInLegacyForm(Whole):
+    legacy = True
+
+    def test_backup_without_info(self) -> None:
+        self.check(backup("--tree", "small", "--without-info"), self.output)
+
+
+class Untouched(ExportTest):
+    """What a device wrote comes out as it went in."""
+
+    def check(self, *options: str) -> None:
+        source = backup(*options)
+        target = self.folder / f"out {source.name}"
+        self.write("export", source, target)
+        self.accepted("diff", "-r", source, target)
+        self.write("export", source, zipped := self.folder / f"{source.name}.zip")
+        self.assertEqual(raw(zipped), raw(source))
+        self.write("export", zipped, again := self.folder / f"again {source.name}")
+        self.assertEqual(raw(again), raw(source))
+
+    def test_binary_manifest(self) -> None:
+        self.check("--version", "2.4")
+
+    def test_databases(self) -> None:
+        for version in ("3.0", "3.1", "3.2", "3.3"):
+            with self.subTest(version):
+                self.check("--version", version, "--placeholders", "3")
+
+    def test_encrypted(self) -> None:
+        self.check("--version", "3.3", "--placeholders", "3", *CIPHER)
+
+    def test_edit_of_nothing(self) -> None:
+        source = backup(*CIPHER)
+        self.write("edit", source, self.output)
+        self.accepted("diff", "-r", source, self.output)
+
+    def test_without_info(self) -> None:
+        source = backup("--tree", "small", "--without-info")
+        self.write("export", source, self.output)
+        self.accepted("diff", "-r", source, self.output)
+
+    def test_binary_info_and_xml_status(self) -> None:
+        source = make(self.folder / "source", "--tree", "small")
+        for name, form in (("Info.plist", plistlib.FMT_BINARY), ("Status.plist", plistlib.FMT_XML)):
+            content = plistlib.loads((source / name).read_bytes())
+            (source / name).write_bytes(plistlib.dumps(content, fmt=form))
+        self.write("export", source, self.output)
+        self.accepted("diff", "-r", source, self.output)
+
+
+class Unlisted(ExportTest):
+    """Files that no entry names."""
+
+    def source(self, *options: str) -> Path:
+        source = make(self.folder / "source", "--tree", "small", *options)
+        for name in ("Snapshot/Manifest.db", "notes.txt", "ab/" + "ab" * 20):
+            (source / name).parent.mkdir(exist_ok=True)
+            (source / name).write_bytes(name.encode())
+        (source / "Manifest.db-shm").write_bytes(b"shared memory")
+        return source
+
+    def test_are_left_out_and_counted(self) -> None:
+        source = self.source()
+        messages = self.write("export", source, self.output)
+        self.assertEqual(messages[-1], "kelvane: 3 files of the backup are not named by its manifest and were left out"
+                         " (see --keep-unlisted)")
+        self.assertEqual(raw(source).keys() - raw(self.output).keys(),
+                         {"Snapshot/Manifest.db", "notes.txt", "ab/" + "ab" * 20, "Manifest.db-shm"})
+
+    def test_are_taken_along_when_asked_for(self) -> None:
+        source = self.source(*CIPHER)
+        for target in (self.output, self.folder / "out.zip"):
+            messages = self.write("export", source, target, "--keep-unlisted")
+            self.assertEqual(messages[-1],
+                             "kelvane: 3 files of the backup are not named by its manifest and were taken along")
+            wanted = raw(source)
+            wanted.pop("Manifest.db-shm")
+            self.assertEqual(raw(target), wanted)
+
+    def test_are_none_whose_entries_were_removed(self) -> None:
+        source = self.source()
+        gone = {entry["fileID"] for entry in entries_of(source, "file") if entry["domain"] == "CameraRollDomain"}
+        self.write("edit", source, self.output, "--keep-unlisted", "--rm", "CameraRollDomain", "")
+        self.assertFalse(gone & {os.path.basename(name) for name in raw(self.output)})
+        self.assertIn("notes.txt", raw(self.output))
 
 
 class Again(ExportTest):

@@ -110,7 +110,7 @@ class FromAFile(ToolTest):
         self.succeed("info", backup("--tree", "small"), "--password-file", self.write(b"\n"))
 
     def test_is_checked_before_the_version_is_refused(self) -> None:
-        for version in ("2.4", "3.0", "3.1"):
+        for version in ("3.0", "3.1"):
             path = encrypted("--version", version)
             self.assertEqual(self.fail_with(FAILED, "info", path, *WITH_PASSWORD), [
                 "kelvane: Encrypted backups are not supported: Encrypted backups are not supported for manifest"

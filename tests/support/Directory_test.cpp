@@ -36,7 +36,7 @@ class Directories : public testing::Test {
     }
     static int errnoOfCreating(const directory &parent, const std::string &name) {
         boost::system::error_code error;
-        const bool open = writable_file::create_append(parent, name, error).is_open();
+        const bool open = writable_file::create_new(parent, name, error).is_open();
         EXPECT_EQ(open, !error);
         return error.value();
     }

@@ -4,6 +4,7 @@
 #include "Diagnostics.hpp"
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
+#include "KVBackupWriting.h"
 #include "KVManifest.h"
 #include "NewOutput.hpp"
 #include "ProgressBar.hpp"
@@ -59,18 +60,36 @@ struct Outcome {
     bool finished = false;
     bool isBackup = false;
     std::int64_t filesWritten = 0;
+    std::int64_t unlistedFiles = 0;
     CF::Array errors;
     CF::Array notes;
 };
 
-Outcome runExport(const Container &container, const std::string &path, bool zip) {
+KVBackupWriteFlags flagsOf(const BackupOutputOptions &options) {
+    return (options.keepUnlisted ? kKVBackupWriteKeepUnlisted : kKVBackupWriteDefault) |
+           (options.decrypted ? kKVBackupWriteDecrypted : kKVBackupWriteDefault);
+}
+
+Outcome runExport(const Container &container, const std::string &path,
+                  const BackupOutputOptions &output) {
     Progress progress(container);
-    KVBackupExportReport report{};
-    const auto write = zip ? &KVBackupContainerWriteZipFile : &KVBackupContainerWriteDirectory;
-    const bool finished = write(container.get(), ArgumentText(path).get(), &Progress::Report,
-                                &progress, &report) != 0;
-    return {finished, report.metadataWritten != 0, report.filesWritten,
-            CF::Array::Adopt(report.errors), CF::Array::Adopt(report.notes)};
+    KVBackupWriteOptions options{};
+    options.size = sizeof options;
+    options.target = asZip(output) ? kKVBackupTargetZip : kKVBackupTargetDirectory;
+    options.form = output.legacy ? kKVBackupFormLegacy : kKVBackupFormDevice;
+    options.flags = flagsOf(output);
+    options.progress = &Progress::Report;
+    options.context = &progress;
+    KVBackupWriteReport report{};
+    report.size = sizeof report;
+    const bool finished =
+        KVBackupContainerWrite(container.get(), ArgumentText(path).get(), &options, &report) != 0;
+    return {finished,
+            report.metadataWritten != 0,
+            report.filesWritten,
+            report.unlistedFiles,
+            CF::Array::Adopt(report.errors),
+            CF::Array::Adopt(report.notes)};
 }
 
 CF::Error errorAt(const CF::Array &errors, CFIndex index) {
@@ -90,9 +109,13 @@ Entry *entryOf(const Container &container, const CF::Error &error) {
     return KVBackupContainerGetEntryForLocalFilename(container.get(), name.get(), nullptr);
 }
 
-// Loading a stored file that is not there, or cannot be read, ends in an error about an argument.
+// A stored file that is not there, or cannot be read, is not to be told as an error of the program.
+// What cannot be decrypted is there.
 Failure describe(const CF::Error &error) {
-    return FindCode(error, kKVErrorInvalidArgument) ? UnloadableContent(error) : Failure(error);
+    const bool unloaded = error.GetCode() == kKVErrorLoadRepresentation &&
+                          !FindCode(error, kKVErrorUnlockFailed) &&
+                          !FindCode(error, kKVErrorCrypto);
+    return unloaded ? UnloadableContent(error) : Failure(error);
 }
 
 void printErrors(const Container &container, const CF::Array &errors) {
@@ -135,6 +158,16 @@ std::string countText(std::size_t count, const char *what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+// Files that no entry names are no part of a backup, but may be what somebody put there.
+void printUnlisted(std::int64_t count, const BackupOutputOptions &options) {
+    if (count > 0) {
+        PrintMessage(countText(static_cast<std::size_t>(count), "file") + " of the backup " +
+                     (count == 1 ? "is" : "are") + " not named by its manifest and " +
+                     (count == 1 ? "was" : "were") +
+                     (options.keepUnlisted ? " taken along" : " left out (see --keep-unlisted)"));
+    }
+}
+
 } // namespace
 
 void CheckBackupOutput(const BackupOutputOptions &options, const BackupOptions &backup) {
@@ -162,8 +195,7 @@ void WarnOfUnreadChanges(const Container &container) {
 
 int WriteBackup(const Container &container, const BackupOutputOptions &options) {
     NewOutput output(options.output, IfPresent::Refuse);
-    const bool zip = asZip(options);
-    const Outcome outcome = runExport(container, output.PartialPath(), zip);
+    const Outcome outcome = runExport(container, output.PartialPath(), options);
     printErrors(container, outcome.errors);
     printNotes(outcome.notes);
     if (!outcome.finished || !outcome.isBackup) {
@@ -175,8 +207,9 @@ int WriteBackup(const Container &container, const BackupOutputOptions &options) 
     output.Publish();
     PrintMessage(countText(static_cast<std::size_t>(outcome.filesWritten), "file") + ", " +
                  SizeText(bytes) + " (" + std::to_string(bytes) + " bytes), written to the " +
-                 (zip ? "zip" : "directory") + " '" + options.output + "'" +
+                 (asZip(options) ? "zip" : "directory") + " '" + options.output + "'" +
                  (skipped > 0 ? "; " + countText(skipped, "file") + " skipped" : ""));
+    printUnlisted(outcome.unlistedFiles, options);
     return skipped == 0 ? kDone : kFailed;
 }
 

@@ -9,7 +9,10 @@ namespace tool {
 
 struct BackupOutputOptions {
     std::string output;
-    bool zip = false; // also when the name does not say so
+    bool zip = false;          // also when the name does not say so
+    bool legacy = false;       // rows and metadata in the form of earlier versions
+    bool keepUnlisted = false; // files of the source that no entry names go along
+    bool decrypted = false;    // as a plain backup
 };
 
 // For before the backup is opened, which may take long. Throws Failure when the output exists

@@ -41,7 +41,9 @@ class Parser {
         addExtract();
         addVerify();
         addExport();
+        addDecrypt();
         addEdit();
+        addRecover();
         addCSV();
     }
 
@@ -153,16 +155,43 @@ class Parser {
         command->callback([this] { result_.command = verify_; });
     }
 
-    void addBackupOutput(CLI::App *command, BackupOutputOptions &options) {
-        command->add_option("OUT", options.output, "New directory, or a zip when it ends in .zip")
-            ->required()
-            ->check(&requireText);
+    CLI::Option *addBackupOutput(CLI::App *command, BackupOutputOptions &options) {
+        CLI::Option *output =
+            command
+                ->add_option("OUT", options.output, "New directory, or a zip when it ends in .zip")
+                ->check(&requireText);
         command->add_flag("--zip", options.zip, "Write a zip whatever its name");
+        command->add_flag("--keep-unlisted", options.keepUnlisted,
+                          "Take along files of the backup that its manifest does not name");
+        return output;
+    }
+
+    void addForm(CLI::App *command, BackupOutputOptions &options) {
+        command
+            ->add_option_function<std::string>(
+                "--form",
+                [&options](const std::string &form) { options.legacy = form == "legacy"; },
+                "device (default): as devices write it, unchanged rows as they are; legacy: as"
+                " this program's first version wrote it")
+            ->type_name("FORM")
+            ->check(CLI::IsMember({"device", "legacy"}));
+    }
+
+    void addDecrypt() {
+        CLI::App *command = addCommand("decrypt", "Write an encrypted backup anew as a plain one");
+        addBackupOutput(command, decrypt_.output)->required();
+        command
+            ->add_option("--domain", decrypt_.domains,
+                         "Only this domain; may be given several times")
+            ->type_name("DOMAIN")
+            ->allow_extra_args(false);
+        command->callback([this] { result_.command = decrypt_; });
     }
 
     void addExport() {
         CLI::App *command = addCommand("export", "Write the whole backup anew");
-        addBackupOutput(command, export_.output);
+        addBackupOutput(command, export_.output)->required();
+        addForm(command, export_.output);
         command->callback([this] { result_.command = export_; });
     }
 
@@ -186,7 +215,15 @@ class Parser {
     void addEdit() {
         CLI::App *command =
             addCommand("edit", "Write the backup anew with changes, made in the order given");
-        addBackupOutput(command, edit_.output);
+        CLI::Option *output = addBackupOutput(command, edit_.output);
+        addForm(command, edit_.output);
+        command
+            ->add_flag("--in-place", edit_.inPlace,
+                       "Change BACKUP itself, a directory, instead of writing OUT")
+            ->excludes(output)
+            ->excludes("--zip")
+            ->excludes("--form")
+            ->excludes("--keep-unlisted");
         addOperation(command, "put", "DOMAIN PATH FILE", 3,
                      "Store FILE there; a file that is there keeps its attributes and class");
         addOperation(command, "mkdir", "DOMAIN PATH", 2, "Make a directory and those above it");
@@ -206,7 +243,19 @@ class Parser {
             ->allow_extra_args(false)
             ->check(&requireText)
             ->trigger_on_parse();
-        command->callback([this] { result_.command = edit_; });
+        command->callback([this, output] {
+            if (!edit_.inPlace && output->empty()) {
+                throw CLI::RequiredError("OUT or --in-place");
+            }
+            result_.command = edit_;
+        });
+    }
+
+    void addRecover() {
+        CLI::App *command =
+            addCommand("recover", "Complete or take back a change that 'edit --in-place' began",
+                       "Backup directory");
+        command->callback([this] { result_.command = RecoverOptions{}; });
     }
 
     void addCSV() {
@@ -229,6 +278,7 @@ class Parser {
     ExtractOptions extract_;
     VerifyOptions verify_;
     ExportOptions export_;
+    DecryptOptions decrypt_;
     EditOptions edit_;
     CSVOptions csv_;
 };

@@ -11,7 +11,7 @@ struct CommandLine {
     BackupOptions backup;
     int verbosity = 0;
     std::variant<InfoOptions, ListOptions, CatOptions, ExtractOptions, VerifyOptions, ExportOptions,
-                 EditOptions, CSVOptions>
+                 DecryptOptions, EditOptions, RecoverOptions, CSVOptions>
         command;
 };
 

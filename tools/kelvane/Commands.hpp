@@ -46,12 +46,18 @@ int RunExtract(const BackupOptions &backup, const TemporaryArea &area,
 struct VerifyOptions {
     bool json = false;
 };
-int RunVerify(const Container &container, const TemporaryArea &area, const VerifyOptions &options);
+int RunVerify(const BackupOptions &backup, const TemporaryArea &area, const VerifyOptions &options);
 
 struct ExportOptions {
     BackupOutputOptions output;
 };
 int RunExport(const BackupOptions &backup, const ExportOptions &options);
+
+struct DecryptOptions {
+    BackupOutputOptions output;
+    std::vector<std::string> domains; // none: all
+};
+int RunDecrypt(const BackupOptions &backup, const DecryptOptions &options);
 
 struct EditScriptFile {
     std::string path; // "-": standard input
@@ -59,10 +65,14 @@ struct EditScriptFile {
 using EditStep = std::variant<Operation, EditScriptFile>;
 struct EditOptions {
     BackupOutputOptions output;
+    bool inPlace = false; // the backup itself is changed, and there is no output
     // In the order of the command line.
     std::vector<EditStep> steps;
 };
 int RunEdit(const BackupOptions &backup, const EditOptions &options);
+
+struct RecoverOptions {};
+int RunRecover(const BackupOptions &backup);
 
 struct CSVOptions {
     std::string output; // empty: standard output

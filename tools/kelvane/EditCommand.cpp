@@ -3,6 +3,7 @@
 #include "EditScript.hpp"
 #include "Editor.hpp"
 #include "ExitStatus.hpp"
+#include "InPlace.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -50,19 +51,33 @@ void apply(Editor &editor, const Operation &operation) {
 
 } // namespace
 
-int RunEdit(const BackupOptions &backup, const EditOptions &options) {
-    requireOneUseOfStandardInput(backup, options.steps);
-    CheckBackupOutput(options.output, backup);
-    const std::vector<Operation> operations = expand(options.steps);
-    const Container container = OpenBackup(backup);
-    WarnOfUnreadChanges(container);
+namespace {
+
+void applyAll(const Container &container, const std::vector<Operation> &operations) {
     Editor editor(container);
     for (const Operation &operation : operations) {
         apply(editor, operation);
     }
     PrintMessage(std::to_string(operations.size()) +
                  (operations.size() == 1 ? " operation done" : " operations done"));
-    return WriteBackup(container, options.output);
+}
+
+} // namespace
+
+int RunEdit(const BackupOptions &backup, const EditOptions &options) {
+    requireOneUseOfStandardInput(backup, options.steps);
+    if (!options.inPlace) {
+        CheckBackupOutput(options.output, backup);
+    }
+    const std::vector<Operation> operations = expand(options.steps);
+    if (options.inPlace) {
+        RecoverBackup(backup);
+    }
+    const Container container = OpenBackup(backup);
+    WarnOfUnreadChanges(container);
+    applyAll(container, operations);
+    return options.inPlace ? SaveInPlace(container, backup)
+                           : WriteBackup(container, options.output);
 }
 
 } // namespace tool

@@ -2,6 +2,7 @@
 
 #include "DerivationNotice.hpp"
 #include "Diagnostics.hpp"
+#include "KVBackupWriting.h"
 #include "Password.hpp"
 #include "support/cf/Dictionary.hpp"
 #include "support/cf/Error.hpp"
@@ -77,6 +78,10 @@ Container OpenBackup(const BackupOptions &options) {
         throw Failure(error).WithStatus(status);
     }
     warnOfNotes(container);
+    if (KVBackupNeedsRecovery(pathString(options.backup).get())) {
+        PrintMessage(
+            "warning: a change of the backup was not brought to its end; see 'kelvane recover'");
+    }
     return container;
 }
 

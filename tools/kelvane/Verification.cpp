@@ -20,6 +20,8 @@ constexpr std::array kMetadata = {"Manifest.plist", "Info.plist", "Status.plist"
 constexpr const char *kSnapshot = "Snapshot/";
 constexpr const char *kLog = "Manifest.db-wal";
 constexpr const char *kJournal = "Manifest.db-journal";
+// Where a change of the backup in place is prepared.
+constexpr std::string_view kChanges = ".kelvane-journal";
 // Only tells processes that have the database open about the log.
 constexpr const char *kSharedMemory = "Manifest.db-shm";
 
@@ -212,6 +214,9 @@ void Verification::checkSourceFile(const KVBackupSourceFile &file) {
     const std::string name = CF::String::GetUTF8(file.name);
     ++sourceFiles_;
     const bool regular = file.isRegularFile != 0;
+    if (name.substr(0, name.find('/')) == kChanges) {
+        return; // said already
+    }
     if (!countAsMetadata(name) && !isBesideDatabase(name, file.size) &&
         !countAsContent(name, regular) && !isInPlaceOfFolder(name, regular)) {
         strays_.push_back(name);

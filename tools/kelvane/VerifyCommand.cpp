@@ -3,10 +3,12 @@
 #include "EntryRecord.hpp"
 #include "ExitStatus.hpp"
 #include "JSON.hpp"
+#include "KVBackupWriting.h"
 #include "KVManifest.h"
 #include "Output.hpp"
 #include "ProgressBar.hpp"
 #include "Quoting.hpp"
+#include "Selection.hpp"
 #include "Verification.hpp"
 
 #include <array>
@@ -127,10 +129,27 @@ class Report {
 
 } // namespace
 
-int RunVerify(const Container &container, const TemporaryArea &area, const VerifyOptions &options) {
+namespace {
+
+void checkForUnfinishedChange(const BackupOptions &backup, Report &report) {
+    if (KVBackupNeedsRecovery(ArgumentText(backup.backup).get())) {
+        Problem problem;
+        problem.kind = "unfinished-change";
+        problem.message =
+            "a change of the backup was not brought to its end; see 'kelvane recover'";
+        report.Add(problem);
+    }
+}
+
+} // namespace
+
+int RunVerify(const BackupOptions &backup, const TemporaryArea &area,
+              const VerifyOptions &options) {
+    const Container container = OpenBackup(backup);
     Report report(container, options);
     Verification verification(container, area,
                               [&](const Problem &problem) { report.Add(problem); });
+    checkForUnfinishedChange(backup, report);
     verification.CheckEntries([&](Entry *entry) { report.CountEntry(entry); });
     verification.CheckFileIDs();
     verification.CheckMetadata();

@@ -28,9 +28,11 @@ struct RunCommand {
     int operator()(const ExtractOptions &options) const {
         return RunExtract(backup, area, options);
     }
-    int operator()(const VerifyOptions &options) const { return RunVerify(open(), area, options); }
+    int operator()(const VerifyOptions &options) const { return RunVerify(backup, area, options); }
     int operator()(const ExportOptions &options) const { return RunExport(backup, options); }
+    int operator()(const DecryptOptions &options) const { return RunDecrypt(backup, options); }
     int operator()(const EditOptions &options) const { return RunEdit(backup, options); }
+    int operator()(const RecoverOptions &) const { return RunRecover(backup); }
     int operator()(const CSVOptions &options) const { return RunCSV(backup, area, options); }
 
   private:

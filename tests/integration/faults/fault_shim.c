@@ -9,6 +9,7 @@
  *   FAULT_AT      which operation fails, from 1; 0 or unset: none
  *   FAULT_ERRNO   the error number it fails with
  *   FAULT_STICKY  when set, all that write fail from then on, as on a full disk
+ *   FAULT_KILL    when set, the process is killed instead; removing counts as an operation then
  *   FAULT_LOG     a file that receives a line for each operation: its number, name and path */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -16,6 +17,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/openat2.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -42,6 +44,7 @@ static atomic_long counter;
 static long fault_at;
 static int fault_errno = EIO;
 static int sticky;
+static int kills;
 static int log_descriptor = -1;
 static const char *root;
 static size_t root_length;
@@ -72,6 +75,7 @@ __attribute__((constructor)) static void start(void) {
     const char *const number = getenv("FAULT_ERRNO");
     fault_errno = number == NULL ? EIO : atoi(number);
     sticky = getenv("FAULT_STICKY") != NULL;
+    kills = getenv("FAULT_KILL") != NULL;
     const char *const log = getenv("FAULT_LOG");
     if (log != NULL) {
         log_descriptor = (int)syscall(SYS_openat, AT_FDCWD, log,
@@ -117,6 +121,9 @@ static int fails(const char *name, int writes, const char *what) {
     write_log(number, name, what);
     if (fault_at == 0 || number < fault_at || (number > fault_at && !(sticky && writes))) {
         return 0;
+    }
+    if (kills) {
+        syscall(SYS_kill, getpid(), SIGKILL);
     }
     errno = fault_errno;
     return 1;
@@ -259,6 +266,15 @@ int mkdirat(int directory, const char *path, mode_t mode) {
     return (int)syscall(SYS_mkdirat, directory, path, mode);
 }
 int mkdir(const char *path, mode_t mode) { return mkdirat(AT_FDCWD, path, mode); }
+/* Programs may well ignore that something cannot be removed, which is therefore not made to fail.
+ */
+int unlinkat(int directory, const char *path, int flags) {
+    if (kills && is_watched_at(directory, path)) {
+        fails("unlink", 1, path);
+    }
+    return (int)syscall(SYS_unlinkat, directory, path, flags);
+}
+int unlink(const char *path) { return unlinkat(AT_FDCWD, path, 0); }
 
 /* ---- Standard I/O: streams whose operations are those above */
 

@@ -1,0 +1,16 @@
+// Changing a backup in its own directory.
+#pragma once
+
+#include "OpenBackup.hpp"
+
+namespace tool {
+
+// Completes or takes back a change that did not come to its end, and says so. True when there was
+// one. Throws Failure.
+bool RecoverBackup(const BackupOptions &backup);
+
+// Saves the changes of the container that was opened from the backup, and says what that was.
+// Returns the exit status or throws Failure.
+int SaveInPlace(const Container &container, const BackupOptions &backup);
+
+} // namespace tool
