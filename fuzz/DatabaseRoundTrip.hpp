@@ -27,6 +27,10 @@ inline CF::Data WriteDatabase(const Manifest &manifest) try {
     return {};
 }
 
+inline CFIndex CountEntries(const Manifest &manifest) {
+    return CFArrayGetCount(KVManifestGetEntries(manifest.get()));
+}
+
 inline void CheckDatabase(const Workplace &work, const std::string &path) {
     const Manifest first = ReadDatabase(path);
     const CF::Data written = first ? WriteDatabase(first) : CF::Data();
@@ -36,7 +40,15 @@ inline void CheckDatabase(const Workplace &work, const std::string &path) {
     const Manifest second = ReadDatabase(work.Write("again.db", written.GetBytes()));
     Require(static_cast<bool>(second));
     Require(KVManifestGetTotalFileCount(second.get()) <= KVManifestGetTotalFileCount(first.get()));
-    Require(WriteDatabase(second) == written);
+    const CF::Data again = WriteDatabase(second);
+    Require(static_cast<bool>(again));
+    // Of entries with one file ID the last has the row. Where one had taken another's, the pages
+    // are filled in another way, though not with other rows.
+    if (CountEntries(second) == CountEntries(first)) {
+        Require(again == written);
+    } else {
+        Require(WriteDatabase(ReadDatabase(work.Write("more.db", again.GetBytes()))) == again);
+    }
 }
 
 } // namespace Fuzz
