@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <ranges>
 #include <vector>
 
 namespace tool {
@@ -174,7 +173,8 @@ class Extraction {
 
     // Deepest first: those above must still be passable.
     void finishDirectories() {
-        for (Entry *entry : directories_ | std::views::reverse) {
+        std::ranges::reverse(directories_);
+        for (Entry *entry : directories_) {
             attempt(entry, [this](Entry *directory) {
                 const EntryRecord record = Describe(directory);
                 tree_.FinishDirectory(pathOf(record), attributesOf(record));
