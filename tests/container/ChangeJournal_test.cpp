@@ -15,9 +15,9 @@ class Journal : public testing::Test {
   protected:
     Journal() {
         fs::create_directory(root_);
-        for (const auto &[name, content] : {std::pair("Manifest.db", "old manifest"),
-                                            std::pair("ab/abcd", "old content"),
-                                            std::pair("cd/cdef", "to be removed")}) {
+        for (const auto &[name, content] :
+             {std::pair("Manifest.db", "old manifest"), std::pair("ab/abcd", "old content"),
+              std::pair("cd/cdef", "to be removed")}) {
             write(name, content);
         }
         before_ = ReadTree(root_);
@@ -51,9 +51,8 @@ class Journal : public testing::Test {
 
     const testing_support::TemporaryDirectory temporary_;
     const std::string root_ = (temporary_ / "backup").string();
-    const Tree after_ = {{"Manifest.db", "new manifest"},
-                         {"ab/abcd", "new content"},
-                         {"ef/efgh", "added content"}};
+    const Tree after_ = {
+        {"Manifest.db", "new manifest"}, {"ab/abcd", "new content"}, {"ef/efgh", "added content"}};
     Tree before_;
     ZK::file::directory directory_;
 };
@@ -125,7 +124,8 @@ TEST_F(Journal, ThatWasNotDecidedIsTakenBack) {
 
 TEST_F(Journal, ThatWasDecidedIsCompletedFromAnyPoint) {
     write(".kelvane-journal/plan",
-          Kelvane::FormatPlan({{true, 0, "ab/abcd"}, {true, 1, "Manifest.db"}, {false, 0, "cd/cdef"}}));
+          Kelvane::FormatPlan(
+              {{true, 0, "ab/abcd"}, {true, 1, "Manifest.db"}, {false, 0, "cd/cdef"}}));
     // The first has its place already.
     write("ab/abcd", "new content");
     write(".kelvane-journal/new-1", "new manifest");

@@ -62,9 +62,9 @@ TEST(ChangePlan, CannotNameItsOwnFolder) {
 }
 
 TEST(ChangePlan, OfOtherLinesIsRefused) {
-    for (const char *line : {"put 61\n", "put x 61\n", "put -1 61\n", "put 1  61\n", "move 61\n",
-                             "remove 6\n", "remove 6G\n", "remove 6A\n", "\n",
-                             "put 99999999999999999999999 61\n", "remove 61"}) {
+    for (const char *line :
+         {"put 61\n", "put x 61\n", "put -1 61\n", "put 1  61\n", "move 61\n", "remove 6\n",
+          "remove 6G\n", "remove 6A\n", "\n", "put 99999999999999999999999 61\n", "remove 61"}) {
         EXPECT_FALSE(ParsePlan(sealed(line))) << line;
     }
 }
