@@ -9,7 +9,7 @@ from pathlib import Path
 from typing import Any
 
 from exporting import CIPHER, ExportTest
-from reading_back import facts_of, raw, read
+from reading_back import account, facts_of, raw, read
 from terminal import Terminal
 from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, USAGE, WITH_PASSWORD, backup, command, \
     entries_of, main, make, run, snapshot
@@ -73,6 +73,13 @@ class Whole(ExportTest):
 
 class WholeInLegacyForm(Whole):
     legacy = True
+
+    def test_is_not_what_devices_write(self) -> None:
+        for name, options in (("plain", ()), ("encrypted", CIPHER)):
+            self.write("export", backup("--tree", "small", *options), target := self.folder / name)
+            faults = "\n".join(account(read(target, strict=True)))
+            for reason in ("the root is {'root': {'CF$UID': 1}}", "auto_vacuum is 0", "FilesFlagsIdx is made by"):
+                self.assertIn(reason, faults)
 
     def test_backup_without_info(self) -> None:
         self.check(backup("--tree", "small", "--without-info"), self.output)

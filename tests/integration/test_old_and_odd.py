@@ -67,13 +67,13 @@ class OldEncryption(OldTest):
             for name in (path.name, f"{path.name}.zip"):
                 self.write("export", path, self.folder / name)
                 self.assert_sound(self.folder / name)
-                found, wanted = facts_of(self.folder / name), facts_of(path, as_written=True)
+                found, wanted = facts_of(self.folder / name), self.facts_before(path)
                 self.assertEqual(found, wanted)
 
     def test_is_edited(self) -> None:
         for path in self.each(OLD):
             self.output = self.folder / f"out {path.name}"
-            before = facts_of(path, as_written=True)
+            before = self.facts_before(path)
             after = self.edit(path, "--put", NOTES, WELCOME, self.file, "--put", NOTES, "Documents/new.txt", self.file,
                               "--rm", "HomeDomain", "Library/SMS/sms.txt")
             self.assert_changed_only(before, after, (NOTES, WELCOME), (NOTES, "Documents/new.txt"),
@@ -81,6 +81,25 @@ class OldEncryption(OldTest):
             for name in (WELCOME, "Documents/new.txt"):
                 self.assert_content(after[NOTES, name], self.file.read_bytes())
                 self.assertEqual(len(after[NOTES, name]["key"]), 44)
+
+    def test_is_edited_in_place(self) -> None:
+        for name, options in OLD.items():
+            path = make(self.folder / name, "--tree", "small", *ENCRYPTED, *options)
+            before = facts_of(path)
+            self.fail_with(DONE, "edit", path, "--in-place", "--put", NOTES, "Documents/new.txt", self.file,
+                           *WITH_PASSWORD)
+            after = facts_of(path)
+            self.assert_device_form(path)
+            self.assert_changed_only(before, after, (NOTES, "Documents/new.txt"))
+            self.assert_content(after[NOTES, "Documents/new.txt"], self.file.read_bytes())
+
+    def test_of_binary_manifests_becomes_a_plain_one(self) -> None:
+        path = self.old("--version", "2.4")
+        self.fail_with(DONE, "decrypt", path, self.output, *WITH_PASSWORD)
+        self.assert_device_form(self.output)
+        self.assertFalse(read(self.output).encrypted)
+        self.assertEqual({place: facts["sha256"] for place, facts in facts_of(self.output).items()},
+                         {place: facts["sha256"] for place, facts in facts_of(path).items()})
 
     def test_asks_for_the_right_password(self) -> None:
         wrong = self.folder / "wrong"
@@ -130,6 +149,13 @@ class OddManifest(OldTest):
         for options in (UNPADDED, DECRYPTED):
             result = run("csv", self.old(*options), *WITH_PASSWORD)
             self.assertEqual((result.returncode, result.stdout), (DONE, usual))
+
+    def test_that_is_changed_becomes_as_devices_write_it(self) -> None:
+        for options in (UNPADDED, DECRYPTED):
+            output = self.folder / f"edited {options[-1]}"
+            result = run("edit", self.old(*options), output, "--rm", NOTES, WELCOME, *WITH_PASSWORD)
+            self.assertEqual(result.returncode, DONE, result.stderr)
+            self.assert_device_form(output)
 
     def test_is_exported_encrypted(self) -> None:
         for options in (UNPADDED, DECRYPTED):
