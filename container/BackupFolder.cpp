@@ -30,12 +30,13 @@ class FolderSource : public BackupSource {
 
     bool Holds(const CF::String &name) const override { return whole_->Holds(inWhole(name)); }
 
-    void ListFiles(const SourceFileConsumer &consumer) const override {
-        whole_->ListFiles([&](const SourceFile &file) {
+    void ListFiles(const SourceFileConsumer &consumer, ListedSizes sizes) const override {
+        const auto visit = [&](const SourceFile &file) {
             const std::string name = file.name.GetUTF8();
             return !name.starts_with(prefix_) ||
                    consumer({CF::String(name.substr(prefix_.size())), file.size, file.isRegular});
-        });
+        };
+        whole_->ListFiles(visit, sizes);
     }
 
     std::shared_ptr<BackupSource> Reopen() const override {

@@ -4,6 +4,10 @@
 #include "container/StoredName.hpp"
 #include "filestore/Reading.hpp"
 
+#include <cerrno>
+
+#include <fcntl.h>
+
 namespace Kelvane {
 
 FileRef BackupSource::Load(const CF::String &name, std::uint64_t limit) const {
@@ -22,6 +26,23 @@ ZK::file::readable_file BackupSource::Open(const CF::String &name) const {
 
 ZK::file::readable_file BackupSource::OpenNamed(const CF::String &name) const {
     return OpenContent(*LoadNamed(name, kAnySize).get());
+}
+
+ZK::file::unique_descriptor BackupSource::OpenQuickly(const CF::String &name) const {
+    if (!IsSafeStoredName(name)) {
+        ThrowUnsafeStoredName(name);
+    }
+    return OpenNamedQuickly(name);
+}
+
+ZK::file::unique_descriptor BackupSource::OpenNamedQuickly(const CF::String &name) const {
+    const ZK::file::readable_file file = OpenNamed(name);
+    ZK::file::unique_descriptor copy(::fcntl(file.native_handle(), F_DUPFD_CLOEXEC, 0));
+    if (copy.get() < 0) {
+        throw MakeFSError(errno, CFSTR("The stored file could not be read - %s"),
+                          name.GetUTF8().c_str());
+    }
+    return copy;
 }
 
 void RequireSizeWithin(std::uint64_t size, std::uint64_t limit) {

@@ -5,6 +5,7 @@
 #include "support/cf/Pointer.hpp"
 #include "support/cf/String.hpp"
 #include "support/zk/File.hpp"
+#include "support/zk/UniqueDescriptor.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -23,6 +24,9 @@ struct SourceFile {
     std::uint64_t size = 0;
     bool isRegular = true;
 };
+
+// Whether a listing has to look at every file for its size.
+enum class ListedSizes { True, Zero };
 
 // Receives one file; false ends the listing.
 using SourceFileConsumer = std::function<bool(const SourceFile &file)>;
@@ -45,9 +49,12 @@ class BackupSource {
     // The same file, open at its beginning, without being hashed where the source holds it as it
     // is.
     ZK::file::readable_file Open(const CF::String &name) const;
+    // The same without a lock, for files that are opened by the hundred thousand.
+    ZK::file::unique_descriptor OpenQuickly(const CF::String &name) const;
     // Hands every file of the source to the consumer, in no particular order. Throws CF::Error:
     // code 3 for a directory that cannot be read, code 9 for a zip.
-    virtual void ListFiles(const SourceFileConsumer &consumer) const = 0;
+    virtual void ListFiles(const SourceFileConsumer &consumer,
+                           ListedSizes sizes = ListedSizes::True) const = 0;
     // A source of its own over the same backup, for a copy of the container.
     virtual std::shared_ptr<BackupSource> Reopen() const = 0;
 
@@ -57,6 +64,7 @@ class BackupSource {
     virtual FileRef LoadNamed(const CF::String &name, std::uint64_t limit) const = 0;
     // Loads the file, unless the source knows better.
     virtual ZK::file::readable_file OpenNamed(const CF::String &name) const;
+    virtual ZK::file::unique_descriptor OpenNamedQuickly(const CF::String &name) const;
 };
 
 // Throws code 8 "The file is too large to be read into memory (%llu bytes)".

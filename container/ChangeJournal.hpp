@@ -10,18 +10,21 @@
 //     plan                  text: a line that names the form; "put N NAME" and "remove NAME",
 //                           names in hexadecimal; "end" and the SHA-1 of all lines before
 //     new-N                 content for NAME, 0600 or as the backup's manifest has it
+//     folders               folders of the backup that were made for the change, names as above
+//     done                  the plan, when only clearing away is left
 //
 // A backup may come from anyone, and so may such a folder in it: a plan can name nothing outside
 // the backup, and no link is followed.
 #pragma once
 
+#include "container/ChangePlan.hpp"
 #include "container/ExportContent.hpp"
+#include "support/zk/CopyContent.hpp"
 #include "support/zk/Directory.hpp"
 
 #include <boost/system/system_error.hpp>
 
 #include <cstdint>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -50,8 +53,9 @@ class ChangeJournal {
     // Takes back what was not decided, as far as that can be done.
     ~ChangeJournal();
 
-    // Writes the content, which is to bear the stored name, which is safe. Throws code 3, what
-    // reading throws, and code 14 "A directory has the name of a stored file (%s)".
+    // Writes the content, which is to bear the stored name, which is safe. Throws code 3, also
+    // where the file could not be given that name; what reading throws; and code 14 "A directory
+    // has the name of a stored file (%s)".
     void Put(const std::string &name, const ExportContent &content);
     // The file of that name is to go; throws the same.
     void Remove(const std::string &name);
@@ -64,21 +68,18 @@ class ChangeJournal {
     void Commit(bool &decided);
 
   private:
-    struct Operation {
-        bool puts;
-        std::size_t number; // of the new file
-        std::string name;
-    };
+    void makeFolder(const std::string &path);
     void makeParent(const std::string &name);
-    std::string plan() const;
+    std::uint64_t fill(const ZK::file::unique_descriptor &file, const ExportContent &content);
 
     const ZK::file::directory &root_;
     ZK::file::directory folder_;
     ::mode_t mode_ = 0600;
     ::uid_t owner_ = 0;
     ::gid_t group_ = 0;
-    std::vector<Operation> operations_;
-    std::set<std::string> parents_; // made for this change
+    ZK::file::content_copier copier_;
+    ZK::file::unique_descriptor folders_{-1};
+    std::vector<PlannedChange> operations_;
     std::uint64_t bytes_ = 0;
     bool decided_ = false;
 };

@@ -1,6 +1,7 @@
 #include "container/ChangePlan.hpp"
 
 #include "container/ChangeJournal.hpp"
+#include "container/StoredName.hpp"
 #include "support/zk/Encryption.hpp"
 #include "support/zk/Math.hpp"
 #include "support/zk/RootDirectory.hpp"
@@ -72,6 +73,10 @@ std::optional<PlannedChange> parseLine(std::string_view line) {
     if (!name) {
         return std::nullopt;
     }
+    // No change takes the manifest or metadata away.
+    if (!change.puts && IsMetadataName(CF::String(*name).get())) {
+        return std::nullopt;
+    }
     change.name = *name;
     return change;
 }
@@ -83,9 +88,24 @@ std::string FormatPlan(const std::vector<PlannedChange> &changes) {
     for (const PlannedChange &change : changes) {
         text += change.puts ? std::string(kPut) + std::to_string(change.number) + " "
                             : std::string(kRemove);
-        text += ZK::Math::hex_encode(bytesOf(change.name)) + "\n";
+        text += FormatName(change.name);
     }
     return text + std::string(kEnd) + digestOf(text) + "\n";
+}
+
+std::string FormatName(const std::string &name) {
+    return ZK::Math::hex_encode(bytesOf(name)) + "\n";
+}
+
+std::vector<std::string> ParseNames(std::string_view text) {
+    std::vector<std::string> names;
+    for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+        if (const auto name = decodeName(text.substr(0, end))) {
+            names.push_back(*name);
+        }
+        text.remove_prefix(end + 1);
+    }
+    return names;
 }
 
 std::optional<std::vector<PlannedChange>> ParsePlan(std::string_view text) {

@@ -24,4 +24,9 @@ std::string FormatPlan(const std::vector<PlannedChange> &changes);
 // backup or in the folder of changes itself.
 std::optional<std::vector<PlannedChange>> ParsePlan(std::string_view text);
 
+// A line with the name in hexadecimal, and the names of such lines; one that is not whole, or names
+// what lies outside the backup or in the folder of changes, is passed over.
+std::string FormatName(const std::string &name);
+std::vector<std::string> ParseNames(std::string_view text);
+
 } // namespace Kelvane

@@ -20,12 +20,6 @@ namespace Kelvane {
 
 namespace {
 
-// Whether the stored content of an entry lies in the container's source, as it is to be written.
-bool liesInSource(const KVBackupContainerClass &container, const KVManifestEntryClass &entry) {
-    const auto &source = container.manifest.get()->source;
-    return source != nullptr && entry.origin.IsOf(source->Reading()) && !entry.external;
-}
-
 // What is known of a metadata file.
 struct MetadataFacts {
     const char *name;
@@ -51,16 +45,18 @@ class DeviceForm : public ExportForm {
         : container_(container), decrypts_(decrypted && container.encryption), intoZip_(intoZip) {}
 
     ExportPiece Load(CFStringRef name) override;
-    void Skipped(CFStringRef name) override;
+    void Skipped(const KVManifestEntryClass &entry) override;
 
   private:
     ExportPiece loadEntry(CFStringRef name);
     ExportPiece loadStored(CFStringRef name, const KVManifestEntryClass &entry);
+    ExportPiece loadPlaintext(CFStringRef name, const KVManifestEntryClass &entry);
     ExportPiece loadEncrypted(const KVManifestEntryClass &entry) const;
     ExportPiece loadMetadata(const MetadataFacts &metadata);
     ExportPiece writeMetadata(const MetadataFacts &metadata,
                               const CF::Dictionary &dictionary) const;
     CF::Dictionary plainManifest() const;
+    const KVManifestEntryClass &loadedFor(const KVManifestEntryClass &entry) const;
     DeviceRowRules rules();
     void adjust(DeviceRow &row) const;
     void adjustEncrypted(DeviceRow &row) const;
@@ -89,6 +85,16 @@ std::optional<ZK::SecretArray<32>> keyOf(const KVBackupContainerClass &container
     }
     const ZK::WipeOnExit wipe(*key);
     return ZK::SecretArray<32>(*key);
+}
+
+ZK::SecretArray<32> requireKey(const KVBackupContainerClass &container,
+                               const KVManifestEntryClass &entry) {
+    const auto key = keyOf(container, entry);
+    if (!key) {
+        throw Error(kKVErrorUnlockFailed, nullptr, CFSTR("The file has no key (%@)"),
+                    KVManifestEntryGetDomainPathPair(&entry));
+    }
+    return *key;
 }
 
 const KVFileClass &contentOf(const KVManifestEntryClass &entry) {
@@ -121,22 +127,26 @@ ExportPiece DeviceForm::Load(CFStringRef name) {
 }
 
 // What could not be decrypted would be a row that promises content which is not there.
-void DeviceForm::Skipped(CFStringRef name) {
-    const KVManifestEntryClass *const entry =
-        KVBackupContainerGetEntryForLocalFilename(&container_, name, nullptr);
-    if (decrypts_ && entry != nullptr) {
-        leftOut_.insert(entry);
+void DeviceForm::Skipped(const KVManifestEntryClass &entry) {
+    if (decrypts_) {
+        leftOut_.insert(&entry);
     }
 }
 
+// Of entries with one file ID, the content was loaded for the one that a lookup finds.
+const KVManifestEntryClass &DeviceForm::loadedFor(const KVManifestEntryClass &entry) const {
+    const KVManifestEntryClass *const found =
+        KVManifestGetEntryForFileID(container_.manifest.get(), KVManifestEntryGetFileID(&entry));
+    return found != nullptr ? *found : entry;
+}
+
 ExportPiece DeviceForm::loadEntry(CFStringRef name) {
-    const ZK::WipeStackOnExit wipeStack;
     const KVManifestEntryClass *const entry =
         KVBackupContainerGetEntryForLocalFilename(&container_, name, nullptr);
     if (entry == nullptr || !KVManifestEntryIsFile(entry)) {
         throw Error(kKVErrorNoSuchItem, nullptr, CFSTR("File not present in backup (%@)"), name);
     }
-    if (liesInSource(container_, *entry)) {
+    if (LiesInSource(container_, *entry)) {
         return loadStored(name, *entry);
     }
     if (container_.encryption && !decrypts_ && KVManifestEntryIsExternal(entry)) {
@@ -147,30 +157,32 @@ ExportPiece DeviceForm::loadEntry(CFStringRef name) {
 
 // A file of the source, carried over as it lies there or as its plaintext.
 ExportPiece DeviceForm::loadStored(CFStringRef name, const KVManifestEntryClass &entry) {
-    ExportPiece piece;
-    piece.compressible = !container_.encryption;
-    const auto key = decrypts_ ? keyOf(container_, entry) : std::nullopt;
-    ZK::file::readable_file file = container_.loader->Source().Open(CF::String(name));
-    if (key) {
-        piece.content =
-            std::make_unique<DecryptedContent>(std::move(file), key->get(), plain_[&entry]);
-        piece.compressible = true;
-    } else {
-        piece.content = std::make_unique<StoredContent>(std::move(file));
+    if (decrypts_) {
+        return loadPlaintext(name, entry);
     }
+    ExportPiece piece;
+    piece.content =
+        std::make_unique<StoredContent>(container_.loader->Source().OpenQuickly(CF::String(name)));
+    piece.compressible = !container_.encryption;
+    return piece;
+}
+
+ExportPiece DeviceForm::loadPlaintext(CFStringRef name, const KVManifestEntryClass &entry) {
+    const ZK::WipeStackOnExit wipeStack;
+    const ZK::SecretArray<32> key = requireKey(container_, entry);
+    ExportPiece piece;
+    piece.content = std::make_unique<DecryptedContent>(
+        container_.loader->Source().OpenQuickly(CF::String(name)), key.get(), plain_[&entry]);
     return piece;
 }
 
 // New content lies as plaintext until it is written.
 ExportPiece DeviceForm::loadEncrypted(const KVManifestEntryClass &entry) const {
-    const auto key = keyOf(container_, entry);
-    if (!key) {
-        throw Error(kKVErrorCrypto, nullptr, CFSTR("The entry has no key (%@)"),
-                    KVManifestEntryGetDomainPathPair(&entry));
-    }
+    const ZK::WipeStackOnExit wipeStack;
+    const ZK::SecretArray<32> key = requireKey(container_, entry);
     ExportPiece piece;
     piece.file = FileRef(const_cast<KVFileClass *>(&contentOf(entry)));
-    piece.content = std::make_unique<EncryptedContent>(OpenContent(*piece.file.get()), key->get());
+    piece.content = std::make_unique<EncryptedContent>(OpenContent(*piece.file.get()), key.get());
     piece.compressible = false;
     return piece;
 }
@@ -222,7 +234,7 @@ DeviceRowRules DeviceForm::rules() {
     }
     if (decrypts_) {
         rules.leavesOut = [this](const KVManifestEntryClass &entry) {
-            return leftOut_.contains(&entry);
+            return leftOut_.contains(&entry) || leftOut_.contains(&loadedFor(entry));
         };
         rules.rewrites = [](const KVManifestEntryClass &entry) {
             return CFDataGetLength(entry.encryptionData.get()) != 0;
@@ -261,7 +273,7 @@ void DeviceForm::adjustDecrypted(DeviceRow &row) const {
         row.digest = dataOf(KVFileGetHash(&file));
         return;
     }
-    const auto plain = plain_.find(&row.entry);
+    const auto plain = plain_.find(&loadedFor(row.entry));
     if (plain == plain_.end()) {
         return;
     }
@@ -275,6 +287,11 @@ void DeviceForm::adjustDecrypted(DeviceRow &row) const {
 }
 
 } // namespace
+
+bool LiesInSource(const KVBackupContainerClass &container, const KVManifestEntryClass &entry) {
+    const auto &source = container.manifest.get()->source;
+    return source != nullptr && entry.origin.IsOf(source->Reading()) && !entry.external;
+}
 
 std::unique_ptr<ExportForm> MakeDeviceForm(KVBackupContainerClass &container, bool decrypted,
                                            bool intoZip) {

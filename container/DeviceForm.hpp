@@ -10,4 +10,7 @@ namespace Kelvane {
 std::unique_ptr<ExportForm> MakeDeviceForm(KVBackupContainerClass &container, bool decrypted,
                                            bool intoZip);
 
+// Whether the stored content of an entry lies in the container's source, as it is to be written.
+bool LiesInSource(const KVBackupContainerClass &container, const KVManifestEntryClass &entry);
+
 } // namespace Kelvane

@@ -35,13 +35,20 @@ ExportPiece carryOver(const KVBackupContainerClass &container, const char *name)
 
 // A copy of the source's database with what has changed, or a new one where there is no source.
 std::shared_ptr<const ManifestDatabaseCopy> writeDatabase(const KVBackupContainerClass &container,
-                                                          const DeviceRowRules &rules) {
+                                                          const DeviceRowRules &rules,
+                                                          CF::Error &note) {
     KVManifestClass *const manifest = container.manifest.get();
     if (!HasSource(*manifest)) {
         return std::make_shared<ManifestDatabaseCopy>(WriteDeviceDatabaseFile(manifest, rules));
     }
     auto copy = std::make_shared<ManifestDatabaseCopy>(container);
-    UpdateManifestDatabaseFile(copy->Path(), manifest, rules);
+    if (UpdateManifestDatabaseFile(copy->Path(), manifest, rules) == ManifestUpdate::WrittenAnew) {
+        note =
+            Error(kKVErrorInvalidManifestDatabase, nullptr,
+                  CFSTR("File %@ has another shape than devices give it and was written anew, with "
+                        "its entries alone"),
+                  CF::String(kManifestDatabaseName).get());
+    }
     return copy;
 }
 
@@ -54,7 +61,7 @@ ExportPiece loadDatabase(const KVBackupContainerClass &container, const DeviceRo
         return piece;
     }
     ExportPiece piece;
-    const auto database = writeDatabase(container, rules);
+    const auto database = writeDatabase(container, rules, piece.note);
     piece.kept = database;
     if (encrypted) {
         piece.content = std::make_unique<EncryptedContent>(openFile(database->Path()),

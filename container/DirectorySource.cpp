@@ -29,8 +29,8 @@ class DirectorySource : public BackupSource {
         return root_->look(name.GetUTF8(), status) == 0 && S_ISREG(status.st_mode);
     }
 
-    void ListFiles(const SourceFileConsumer &consumer) const override {
-        WalkDirectory(directory_.GetUTF8(), Links::Refuse, consumer);
+    void ListFiles(const SourceFileConsumer &consumer, ListedSizes sizes) const override {
+        WalkDirectory(directory_.GetUTF8(), Links::Refuse, consumer, sizes);
     }
 
     std::shared_ptr<BackupSource> Reopen() const override {
@@ -49,6 +49,11 @@ class DirectorySource : public BackupSource {
     ZK::file::readable_file OpenNamed(const CF::String &name) const override {
         return OpenBelow(root_, name);
     }
+    ZK::file::unique_descriptor OpenNamedQuickly(const CF::String &name) const override {
+        ZK::file::unique_descriptor file(root_->open_file(name.GetUTF8()));
+        // What keeps the file from being opened, the other way reports.
+        return file.get() < 0 ? BackupSource::OpenNamedQuickly(name) : std::move(file);
+    }
 
   private:
     CF::String directory_;
@@ -65,8 +70,8 @@ class LinkedDirectorySource : public BackupSource {
         return boost::filesystem::is_regular_file(pathOf(name).GetUTF8(), ignored);
     }
 
-    void ListFiles(const SourceFileConsumer &consumer) const override {
-        WalkDirectory(directory_.GetUTF8(), Links::Follow, consumer);
+    void ListFiles(const SourceFileConsumer &consumer, ListedSizes sizes) const override {
+        WalkDirectory(directory_.GetUTF8(), Links::Follow, consumer, sizes);
     }
 
     std::shared_ptr<BackupSource> Reopen() const override {

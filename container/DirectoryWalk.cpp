@@ -32,8 +32,9 @@ bool isDots(const std::string &name) { return name == "." || name == ".."; }
 
 class Walk {
   public:
-    Walk(const std::string &root, Links links, const SourceFileConsumer &consumer)
-        : root_(root), links_(links), consumer_(consumer) {}
+    Walk(const std::string &root, Links links, const SourceFileConsumer &consumer,
+         ListedSizes sizes)
+        : root_(root), links_(links), consumer_(consumer), sizes_(sizes) {}
 
     void Run() {
         // The root itself is the host's choice, and may be reached through links.
@@ -66,7 +67,11 @@ class Walk {
                 return true;
             }
             const std::string name = item->d_name;
-            if (!isDots(name) && !visit(dirfd(directory.get()), name, prefix + name, depth)) {
+            // The directory itself tells of most files that they are such.
+            const bool known = sizes_ == ListedSizes::Zero && item->d_type == DT_REG;
+            if (known
+                    ? !consumer_({SourceFileName(prefix + name), 0, true})
+                    : !isDots(name) && !visit(dirfd(directory.get()), name, prefix + name, depth)) {
                 return false;
             }
         }
@@ -103,12 +108,14 @@ class Walk {
     const std::string &root_;
     Links links_;
     const SourceFileConsumer &consumer_;
+    ListedSizes sizes_;
 };
 
 } // namespace
 
-void WalkDirectory(const std::string &root, Links links, const SourceFileConsumer &consumer) {
-    Walk(root, links, consumer).Run();
+void WalkDirectory(const std::string &root, Links links, const SourceFileConsumer &consumer,
+                   ListedSizes sizes) {
+    Walk(root, links, consumer, sizes).Run();
 }
 
 } // namespace Kelvane

@@ -12,6 +12,7 @@ namespace Kelvane {
 // directories are followed only where a backup has its folders, directly below the root: no
 // circle of links can then make the walk endless. Throws CF::Error, code 3, for a directory that
 // cannot be read.
-void WalkDirectory(const std::string &root, Links links, const SourceFileConsumer &consumer);
+void WalkDirectory(const std::string &root, Links links, const SourceFileConsumer &consumer,
+                   ListedSizes sizes = ListedSizes::True);
 
 } // namespace Kelvane

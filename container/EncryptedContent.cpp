@@ -64,8 +64,8 @@ void crypt(Operation operation, const ZK::SecretArray<32> &key, const StoredCont
 
 } // namespace
 
-EncryptedContent::EncryptedContent(ZK::file::readable_file plain, const ContentKey &key)
-    : plain_(std::move(plain)), key_(key) {}
+EncryptedContent::EncryptedContent(const ZK::file::readable_file &plain, const ContentKey &key)
+    : plain_(plain), key_(key) {}
 
 std::uint64_t EncryptedContent::Size() const {
     return (plain_.Size() / kBlockSize + 1) * kBlockSize;
@@ -75,7 +75,7 @@ void EncryptedContent::Read(const ContentConsumer &consumer) const {
     crypt(Operation::Encrypt, key_, plain_, consumer);
 }
 
-DecryptedContent::DecryptedContent(ZK::file::readable_file stored, const ContentKey &key,
+DecryptedContent::DecryptedContent(ZK::file::unique_descriptor stored, const ContentKey &key,
                                    PlainFacts &facts)
     : stored_(std::move(stored)), key_(key), facts_(facts) {
     facts_.storedSize = stored_.Size();

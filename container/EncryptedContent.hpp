@@ -16,7 +16,7 @@ using ContentKey = std::array<std::uint8_t, 32>;
 class EncryptedContent : public ExportContent {
   public:
     // Throws what StoredContent throws.
-    EncryptedContent(ZK::file::readable_file plain, const ContentKey &key);
+    EncryptedContent(const ZK::file::readable_file &plain, const ContentKey &key);
 
     std::uint64_t Size() const override;
     CF::Pointer<CFDateRef> ModifiedDate() const override { return plain_.ModifiedDate(); }
@@ -40,7 +40,7 @@ class DecryptedContent : public ExportContent {
     // facts receive what is known: the sizes now, the digest with the last piece. They must outlive
     // the object. Throws code 18 "Failed to decrypt: %s" for content that cannot be such a
     // ciphertext, and code 3 "The stored file could not be read - %s".
-    DecryptedContent(ZK::file::readable_file stored, const ContentKey &key, PlainFacts &facts);
+    DecryptedContent(ZK::file::unique_descriptor stored, const ContentKey &key, PlainFacts &facts);
 
     std::uint64_t Size() const override { return facts_.size; }
     CF::Pointer<CFDateRef> ModifiedDate() const override { return stored_.ModifiedDate(); }

@@ -43,10 +43,11 @@ void write(Export &job, ExportTarget &target, CFStringRef name, const ExportPiec
     }
 }
 
-// Names come from the manifest, which may have been made to lead out of the target.
-void requireSafe(const ExportTarget &target, CFStringRef name) {
+// Names come from the manifest, which may have been made to lead out of the target, or to the place
+// of the manifest or of metadata.
+void requireSafe(const ExportTarget &target, CFStringRef name, bool isMetadata) {
     try {
-        if (!IsSafeStoredName(CF::String(name))) {
+        if (!IsSafeStoredName(CF::String(name)) || (!isMetadata && IsMetadataName(name))) {
             ThrowUnsafeStoredName(CF::String(name));
         }
     } catch (const CF::Error &cause) {
@@ -67,6 +68,7 @@ void reportNameless(Export &job, const ExportTarget &target) {
                                           CFSTR("Unsafe stored file name (%@)"), fileID.get());
             job.report.Skipped(Error(kKVErrorWriteRepresentation, cause, target.NotWritten(),
                                      KVManifestEntryGetDomainPathPair(entry)));
+            job.form->Skipped(*entry);
         }
     });
 }
@@ -84,19 +86,23 @@ void exportContent(Export &job, ExportTarget &target, CFStringRef name) {
     }
 }
 
-void exportFile(Export &job, ExportTarget &target, CFStringRef name, StoredNames &known) {
+void exportFile(Export &job, ExportTarget &target, CFStringRef name, bool isMetadata,
+                StoredNames &known) {
     if (job.manner != ExportManner::Plain && CFStringGetLength(name) == 0) {
         return; // reported with its entry
     }
     try {
-        requireSafe(target, name);
+        requireSafe(target, name, isMetadata || job.manner == ExportManner::Plain);
         // Two entries of one file ID have one content, that of the entry which a lookup finds.
         if (known.insert(name).second) {
             exportContent(job, target, name);
         }
     } catch (const CF::Error &error) {
         job.report.Skipped(error);
-        job.form->Skipped(name);
+        if (const auto *const entry =
+                KVBackupContainerGetEntryForLocalFilename(job.container, name, nullptr)) {
+            job.form->Skipped(*entry);
+        }
     }
 }
 
@@ -130,8 +136,10 @@ void WriteStoredFiles(Export &job, ExportTarget &target) {
     }
     StoredNames known;
     const CFIndex count = names.GetCount();
+    // Manifest and metadata stand behind all files.
+    const CFIndex files = CFArrayGetCount(KVManifestGetFileIDs(job.container->manifest.get()));
     for (CFIndex i = 0; i < count; ++i) {
-        exportFile(job, target, static_cast<CFStringRef>(names.GetAt(i)), known);
+        exportFile(job, target, static_cast<CFStringRef>(names.GetAt(i)), i >= files, known);
         job.progress.FileDone();
     }
     if (job.manner == ExportManner::Device) {

@@ -3,12 +3,17 @@
 #include "Kelvane/Error.hpp"
 #include "support/cf/CF.hpp"
 
-#include <boost/system/system_error.hpp>
+#include <boost/system/error_code.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <utility>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Kelvane {
 
@@ -17,9 +22,18 @@ namespace {
 // One read of a file that is carried over; larger ones gain nothing.
 constexpr std::size_t kReadSize = 256 * 1024;
 
-[[noreturn]] void throwReadError(const boost::system::error_code &error) {
-    throw MakeFSError(error.value(), CFSTR("The stored file could not be read - %s"),
-                      error.message().c_str());
+[[noreturn]] void throwReadError(int number) {
+    const std::string text = boost::system::system_category().message(number);
+    throw MakeFSError(number, CFSTR("The stored file could not be read - %s"), text.c_str());
+}
+
+// The lock goes with the last descriptor of the open file.
+ZK::file::unique_descriptor duplicate(const ZK::file::readable_file &file) {
+    ZK::file::unique_descriptor copy(::fcntl(file.native_handle(), F_DUPFD_CLOEXEC, 0));
+    if (copy.get() < 0) {
+        throwReadError(errno);
+    }
+    return copy;
 }
 
 } // namespace
@@ -41,33 +55,36 @@ void FileContent::Read(const ContentConsumer &consumer) const {
     });
 }
 
-StoredContent::StoredContent(ZK::file::readable_file file) : file_(std::move(file)) {
-    try {
-        size_ = file_.size();
-    } catch (const boost::system::system_error &failure) {
-        throwReadError(failure.code());
+StoredContent::StoredContent(ZK::file::unique_descriptor file) : file_(std::move(file)) {
+    struct stat status {};
+    if (::fstat(file_.get(), &status) != 0) {
+        throwReadError(errno);
     }
+    size_ = static_cast<std::uint64_t>(status.st_size);
+    modified_ = static_cast<double>(status.st_mtime);
 }
 
+StoredContent::StoredContent(const ZK::file::readable_file &file)
+    : StoredContent(duplicate(file)) {}
+
 CF::Pointer<CFDateRef> StoredContent::ModifiedDate() const {
-    const auto time = static_cast<double>(file_.last_write_time());
     return CF::Adopt(
-        CF::Made(CFDateCreate(kCFAllocatorDefault, time - kCFAbsoluteTimeIntervalSince1970)));
+        CF::Made(CFDateCreate(kCFAllocatorDefault, modified_ - kCFAbsoluteTimeIntervalSince1970)));
 }
 
 void StoredContent::Read(const ContentConsumer &consumer) const {
     const auto size = static_cast<std::size_t>(std::clamp<std::uint64_t>(size_, 1, kReadSize));
     const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(size);
     for (;;) {
-        boost::system::error_code error;
-        const std::size_t count = file_.read_some({buffer.get(), size}, error);
-        if (error) {
-            throwReadError(error);
-        }
+        const ::ssize_t count = ::read(file_.get(), buffer.get(), size);
         if (count == 0) {
             return;
         }
-        consumer({buffer.get(), count});
+        if (count > 0) {
+            consumer({buffer.get(), static_cast<std::size_t>(count)});
+        } else if (errno != EINTR) {
+            throwReadError(errno);
+        }
     }
 }
 

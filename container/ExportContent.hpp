@@ -4,6 +4,7 @@
 #include "KVFile.h"
 #include "support/cf/Pointer.hpp"
 #include "support/zk/File.hpp"
+#include "support/zk/UniqueDescriptor.hpp"
 
 #include <CoreFoundation/CoreFoundation.h>
 
@@ -51,17 +52,20 @@ class FileContent : public ExportContent {
 // A file of the source, carried over as it lies there.
 class StoredContent : public ExportContent {
   public:
-    // The file was just opened. Throws code 3 "The stored file could not be read - %s".
-    explicit StoredContent(ZK::file::readable_file file);
+    // The file was just opened, so that it is read from its beginning. Throws code 3 "The stored
+    // file could not be read - %s".
+    explicit StoredContent(ZK::file::unique_descriptor file);
+    explicit StoredContent(const ZK::file::readable_file &file);
 
     std::uint64_t Size() const override { return size_; }
     CF::Pointer<CFDateRef> ModifiedDate() const override;
     void Read(const ContentConsumer &consumer) const override;
-    int Descriptor() const noexcept override { return file_.native_handle(); }
+    int Descriptor() const noexcept override { return file_.get(); }
 
   private:
-    mutable ZK::file::readable_file file_; // its position moves
+    ZK::file::unique_descriptor file_;
     std::uint64_t size_ = 0;
+    double modified_ = 0; // Unix seconds
 };
 
 // A file may change after it was looked at; what the manifest says of it is then not true of

@@ -40,8 +40,8 @@ class ExportForm {
     // The content for that stored name, of a file, the manifest or a metadata file, asked for in
     // this order. Throws CF::Error. No content and no error: the backup is complete without it.
     virtual ExportPiece Load(CFStringRef name) = 0;
-    // The file of that name was not written.
-    virtual void Skipped(CFStringRef) {}
+    // The entry's file was not written.
+    virtual void Skipped(const KVManifestEntryClass &) {}
 };
 
 // The form of the plain exports: the manifest is built in memory, metadata written anew.

@@ -18,6 +18,7 @@ class ExportProgress {
     // fractions infinite, and more may be written than it says.
     void SetTotal(std::int64_t total);
     void Count(std::size_t bytes);
+    std::int64_t Written() const noexcept { return written_; }
     // Reports the fraction, once a thousandth of the total is written.
     void FileDone();
 

@@ -8,7 +8,7 @@
 #include <boost/system/system_error.hpp>
 
 #include <algorithm>
-#include <ios>
+#include <map>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -18,7 +18,6 @@ namespace Kelvane {
 namespace {
 
 using ZK::file::directory;
-using ZK::file::writable_file;
 
 constexpr const char *kNotOpened = "The file could not be opened for writing: %s";
 
@@ -34,7 +33,7 @@ class NewFile {
     // appending to it would spoil both.
     NewFile(const directory &parent, std::string name) : parent_(parent), name_(std::move(name)) {
         boost::system::error_code error;
-        file_ = open(error);
+        file_ = parent_.create_file(name_, error);
         if (error) {
             throwSystemError(error, kNotOpened);
         }
@@ -43,14 +42,13 @@ class NewFile {
     NewFile &operator=(const NewFile &) = delete;
     ~NewFile() {
         if (!completed_) {
-            file_.close();
             parent_.remove_file(name_);
         }
     }
 
     void Append(std::span<const std::uint8_t> bytes) {
         boost::system::error_code error;
-        file_.write(bytes, error);
+        ZK::file::write_all(file_.get(), bytes, error);
         if (error) {
             throwSystemError(error, kNotWritten);
         }
@@ -58,22 +56,20 @@ class NewFile {
     // All that the open file holds; returns how much that was.
     std::uint64_t CopyAll(int source, std::uint64_t size, ZK::file::content_copier &copier) {
         boost::system::error_code error;
-        const std::uint64_t copied = copier.copy(source, file_.native_handle(), size, error);
+        const std::uint64_t copied = copier.copy(source, file_.get(), size, error);
         if (error) {
             throwSystemError(error, kNotWritten);
         }
         return copied;
     }
     void RequireOpen() const {
-        if (!file_.is_open()) {
+        if (file_.get() < 0) {
             throw Error(kKVErrorFilesystem, nullptr, "The file closed unexpectedly");
         }
     }
     void Complete() {
-        boost::system::error_code error;
-        file_.close(error);
-        if (error) {
-            throwSystemError(error, kNotWritten);
+        if (const int number = file_.close()) {
+            throwSystemError({number, boost::system::system_category()}, kNotWritten);
         }
         completed_ = true;
     }
@@ -81,19 +77,9 @@ class NewFile {
   private:
     static constexpr const char *kNotWritten = "The file could not be written - %s";
 
-    writable_file open(boost::system::error_code &error) const {
-        try {
-            return writable_file::create_new(parent_, name_, error);
-        } catch (const boost::system::system_error &exception) {
-            throw Error(kKVErrorFilesystem, nullptr,
-                        CFSTR("The file could not be opened for writing - %s (%d)"),
-                        exception.what(), exception.code().value());
-        }
-    }
-
     const directory &parent_;
     std::string name_;
-    writable_file file_;
+    ZK::file::unique_descriptor file_{-1};
     bool completed_ = false;
 };
 
@@ -137,8 +123,9 @@ class DirectoryTarget : public ExportTarget {
     // The directory of that path below the root, made where it is missing; borrowed until
     // the next call. One that cannot be had is reported as the file that cannot be opened.
     const directory &enter(const std::string &path) {
-        if (current_.is_open() && path == currentPath_) {
-            return current_;
+        const auto known = entered_.find(path);
+        if (known != entered_.end()) {
+            return known->second;
         }
         const directory *parent = &root_;
         directory entered;
@@ -152,16 +139,18 @@ class DirectoryTarget : public ExportTarget {
             parent = &entered;
             start = end + 1;
         }
-        current_ = std::move(entered);
-        currentPath_ = path;
-        return current_;
+        if (entered_.size() >= kMostDirectories) {
+            entered_.clear();
+        }
+        return entered_.emplace(path, std::move(entered)).first->second;
     }
 
     directory root_;
     ZK::file::content_copier copier_;
-    // The one used last: files of one directory may follow each other.
-    directory current_;
-    std::string currentPath_;
+    // Those that files were written to, by their paths: files come in no order, and a backup has
+    // 256 folders of stored files. Processes may have 1,024 files open as a rule.
+    static constexpr std::size_t kMostDirectories = 300;
+    std::map<std::string, directory> entered_;
 };
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "KVBackupWriting.h"
 
 #include "Kelvane/Error.hpp"
+#include "Kelvane/SharedState.hpp"
 #include "container/BackupFolder.hpp"
 #include "container/ChangeJournal.hpp"
 #include "container/DeviceForm.hpp"
@@ -11,6 +12,7 @@
 #include "manifest/DeviceDatabase.hpp"
 #include "manifest/KVManifestClass.hpp"
 #include "support/cf/CF.hpp"
+#include "support/zk/Log.hpp"
 
 #include <boost/system/system_error.hpp>
 
@@ -54,9 +56,9 @@ void requireSavable(const KVBackupContainerClass &container) {
 }
 
 void requireUnchanged(const KVBackupContainerClass &container, const directory &root) {
-    if (HasUnreadLog(root)) {
+    if (const auto log = UnreadLog(root)) {
         throw Error(kKVErrorWriteRepresentation, nullptr,
-                    "Manifest.db-wal holds changes to the manifest that were not read");
+                    CFSTR("%s holds changes to the manifest that were not read"), log->c_str());
     }
     if (const auto changed = container.openedState->FirstDifference(root)) {
         throw Error(kKVErrorInvalidBackup, nullptr,
@@ -100,8 +102,19 @@ class Saving {
         if (piece.content == nullptr) {
             return;
         }
+        if (piece.note) {
+            ZLLogError(piece.note.get(), GetLogDomain(), nullptr);
+        }
         journal_.Put(name, *piece.content);
         ++report_.filesWritten;
+    }
+
+    // Where the content of a file ID lies; empty where a forged one would mean another place than
+    // that of stored content.
+    CF::String storedName(const CF::String &fileID) const {
+        const CF::String name = ExternalFilePath(fileID, container_.Version());
+        const bool isContent = IsSafeStoredName(name) && !IsMetadataName(name.get());
+        return isContent ? name : CF::String("");
     }
 
     // Content that does not lie in the backup yet. Two entries of one file ID have one content,
@@ -115,12 +128,12 @@ class Saving {
             if (container_.removedFileIDs.contains(fileID.GetUTF8())) {
                 named_.insert(fileID.GetUTF8());
             }
-            if (!entry->external || !written_.insert(fileID.GetUTF8()).second) {
+            if (LiesInSource(container_, *entry) || !written_.insert(fileID.GetUTF8()).second) {
                 return;
             }
-            const CF::String name = ExternalFilePath(fileID, container_.Version());
-            if (name.IsEmpty() || !IsSafeStoredName(name)) {
-                ThrowUnsafeStoredName(name.IsEmpty() ? fileID : name);
+            const CF::String name = storedName(fileID);
+            if (name.IsEmpty()) {
+                ThrowUnsafeStoredName(fileID);
             }
             put(name.GetUTF8());
         });
@@ -128,8 +141,8 @@ class Saving {
 
     void removeOldContent() {
         for (const std::string &fileID : container_.removedFileIDs) {
-            const CF::String name = ExternalFilePath(CF::String(fileID), container_.Version());
-            if (!named_.contains(fileID) && !name.IsEmpty() && IsSafeStoredName(name)) {
+            const CF::String name = storedName(CF::String(fileID));
+            if (!named_.contains(fileID) && !name.IsEmpty()) {
                 journal_.Remove(name.GetUTF8());
                 ++report_.filesRemoved;
             }

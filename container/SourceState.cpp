@@ -10,7 +10,7 @@ namespace Kelvane {
 
 namespace {
 
-constexpr const char *kLogName = "Manifest.db-wal";
+constexpr const char *kLogNames[] = {"Manifest.db-wal", "Manifest.db-journal"};
 
 // None when there is nothing, or nothing that can be looked at.
 std::optional<struct stat> look(const ZK::file::directory &root, const std::string &name) {
@@ -65,9 +65,14 @@ std::optional<std::string> SourceState::FirstDifference(const ZK::file::director
     return std::nullopt;
 }
 
-bool HasUnreadLog(const ZK::file::directory &root) {
-    const auto log = look(root, kLogName);
-    return log && log->st_size > 0;
+std::optional<std::string> UnreadLog(const ZK::file::directory &root) {
+    for (const char *const name : kLogNames) {
+        const auto log = look(root, name);
+        if (log && log->st_size > 0) {
+            return name;
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace Kelvane

@@ -28,7 +28,8 @@ class SourceState {
 // The state of the backup in that directory; none when it cannot be opened.
 std::optional<SourceState> TakeSourceState(const std::string &path);
 
-// Whether a log of changes lies beside the database, which is not read.
-bool HasUnreadLog(const ZK::file::directory &root);
+// The name of a log or journal with changes that lies beside the database and is not read; whoever
+// opens the database next would bring it into the file that is there then. None when there is none.
+std::optional<std::string> UnreadLog(const ZK::file::directory &root);
 
 } // namespace Kelvane

@@ -19,9 +19,12 @@ constexpr std::array<std::string_view, 3> kCompanions = {"Manifest.db-wal", "Man
 
 bool isUnlisted(const KVBackupContainerClass &container, const CF::String &name,
                 const StoredNames &named) {
+    if (named.contains(name.get())) {
+        return false; // the manifest and metadata of the backup among them
+    }
     const std::string text = name.GetUTF8();
     const bool isOfJournal = text.substr(0, text.find('/')) == kJournalName;
-    if (isOfJournal || IsMetadataName(name.get()) || named.contains(name.get()) ||
+    if (isOfJournal ||
         std::find(kCompanions.begin(), kCompanions.end(), text) != kCompanions.end()) {
         return false;
     }
@@ -32,7 +35,8 @@ bool isUnlisted(const KVBackupContainerClass &container, const CF::String &name,
 void carryOver(Export &job, ExportTarget &target, const CF::String &name) {
     try {
         ExportPiece piece;
-        piece.content = std::make_unique<StoredContent>(job.container->loader->Source().Open(name));
+        piece.content =
+            std::make_unique<StoredContent>(job.container->loader->Source().OpenQuickly(name));
         target.Write(name.GetUTF8(), piece, job.progress);
         job.report.Written(name.GetUTF8());
     } catch (const CF::Error &cause) {
@@ -50,13 +54,14 @@ void WriteUnlistedFiles(Export &job, ExportTarget &target, const StoredNames &na
     }
     // Listed before anything is written, for a zip may hold a name several times.
     std::set<std::string> unlisted;
-    source->ListFiles([&](const SourceFile &file) {
+    const auto visit = [&](const SourceFile &file) {
         if (isUnlisted(*job.container, file.name, named)) {
             job.report.Unlisted();
             unlisted.insert(job.keepsUnlisted ? file.name.GetUTF8() : std::string());
         }
         return true;
-    });
+    };
+    source->ListFiles(visit, ListedSizes::Zero);
     for (const std::string &name : unlisted) {
         if (job.keepsUnlisted) {
             carryOver(job, target, CF::String(name));

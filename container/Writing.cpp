@@ -53,15 +53,15 @@ Export begin(KVBackupContainerClass *container, const KVBackupWriteOptions &opti
 }
 
 // Sets the fields that lie within the report of the host's version.
-void fillIn(KVBackupWriteReport *report, const KVBackupExportReport &done,
+void fillIn(KVBackupWriteReport *report, const KVBackupExportReport &done, std::int64_t bytes,
             std::int64_t unlistedFiles) {
     if (report == nullptr) {
         CFRelease(done.errors);
         CFRelease(done.notes);
         return;
     }
-    *report = {report->size,         done.errors,       done.notes,
-               done.metadataWritten, done.filesWritten, unlistedFiles};
+    *report = {report->size,      done.errors, done.notes,   done.metadataWritten,
+               done.filesWritten, bytes,       unlistedFiles};
 }
 
 bool write(KVBackupContainerClass *container, CFStringRef path, const KVBackupWriteOptions &options,
@@ -71,7 +71,7 @@ bool write(KVBackupContainerClass *container, CFStringRef path, const KVBackupWr
     const bool finished = options.target == kKVBackupTargetZip
                               ? RunZipExport(job, CF::String(path), &done)
                               : RunDirectoryExport(job, CF::String(path), &done);
-    fillIn(report, done, job.report.UnlistedFiles());
+    fillIn(report, done, job.progress.Written(), job.report.UnlistedFiles());
     return finished;
 }
 
@@ -95,7 +95,7 @@ Boolean KVBackupContainerWrite(KVBackupContainerClass *container, CFStringRef pa
     if (!returned && report != nullptr) {
         KVBackupExportReport failure{};
         Kelvane::FillInFailure(&failure, error.get());
-        Kelvane::fillIn(report, failure, 0);
+        Kelvane::fillIn(report, failure, 0, 0);
     }
     return finished;
 }

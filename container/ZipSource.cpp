@@ -66,7 +66,7 @@ class ZipSource : public BackupSource {
         return positions_.contains(name.GetUTF8());
     }
 
-    void ListFiles(const SourceFileConsumer &consumer) const override {
+    void ListFiles(const SourceFileConsumer &consumer, ListedSizes) const override {
         const int status = forEachRecord([&](const std::string &name, const auto &info) {
             // Zips of directories mostly hold records for the directories too.
             return (name.ends_with('/') && info.uncompressed_size == 0) ||

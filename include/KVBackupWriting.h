@@ -68,11 +68,16 @@ typedef struct KVBackupWriteOptions {
  * before. */
 typedef struct KVBackupWriteReport {
     size_t size;
-    /* As those of KVBackupExportReport. The caller releases both arrays; never null. */
+    /* As those of KVBackupExportReport. The caller releases both arrays; never null. Besides, as
+     * an error, code 22 "The file has no key (%@)" where an encrypted backup is decrypted, and as
+     * a note, code 11 "File %@ has another shape than devices give it and was written anew, with
+     * its entries alone": a database whose rows cannot be told apart as a device's can. */
     CFArrayRef errors;
     CFArrayRef notes;
     Boolean metadataWritten;
     int64_t filesWritten;
+    /* The bytes of their content, before a zip compresses them. */
+    int64_t bytesWritten;
     /* Files of the source that no entry names, whether they were taken along or not. */
     int64_t unlistedFiles;
 } KVBackupWriteReport;
@@ -118,17 +123,25 @@ typedef struct KVBackupSaveReport {
  * container still says what it said, but can be saved no more: what it would take for unchanged
  * is not there any longer. Open the backup again.
  *
- * report may be null. False on failure, with the backup as it was unless report says otherwise:
- *   code 2   "Only a backup that was opened from a directory can be changed in place": a zip, a
- *            container that was made empty, one that follows links; "The backup was saved
- *            already; open it again"
- *   code 3   "The backup could not be changed in place (%s: %s)", POSIX error underneath: EACCES or
- *            EROFS where the directory cannot be written to, EWOULDBLOCK when another process
- * writes to it, ENOSPC ... code 8   "File %@ could not be loaded for writing to directory", cause
- * underneath code 10  "The backup was changed since it was opened (%s)", with the name of the file
- * that was code 14  "The backup holds a change that was not completed"; "Manifest.db-wal holds
- * changes to the manifest that were not read"; "A directory has the name of a stored file (%s)";
- * for a backup of version 2.4 without entries as KVBackupContainerWriteDirectory */
+ * report may be null. False on failure, with the backup as it was unless report says otherwise.
+ *
+ *   code 2   "Only a backup that was opened from a directory can be changed in place": it is a zip,
+ *            or a container that was made empty, or links are followed
+ *   code 2   "The backup was saved already; open it again"
+ *
+ *   code 3   "The backup could not be changed in place (%s: %s)", with the POSIX error underneath:
+ *            EACCES, EPERM or EROFS where the directory or a folder in it cannot be written to,
+ *            EWOULDBLOCK while another process writes to the backup, ENOSPC and others
+ *
+ *   code 8   "File %@ could not be loaded for writing to directory", cause underneath
+ *
+ *   code 10  "The backup was changed since it was opened (%s)": the name of the file that was
+ *   code 10  "Unsafe stored file name (%@)": an entry's new content would have to bear it
+ *
+ *   code 14  "The backup holds a change that was not completed"
+ *   code 14  "%s holds changes to the manifest that were not read": a log or journal of SQLite's
+ *   code 14  "A directory has the name of a stored file (%s)"
+ *   code 14  "A backup of version 2.4 needs an entry: ..." */
 KV_EXPORT Boolean KVBackupContainerSaveInPlace(KVBackupContainerClass *container,
                                                KVBackupSaveReport *report, CFErrorRef *error);
 

@@ -45,7 +45,9 @@ std::optional<std::int64_t> ManifestSource::RowIDOf(std::uint32_t ordinal) const
         return std::nullopt;
     }
     const Run &run = *(next - 1);
-    return run.firstRowID + static_cast<std::int64_t>(ordinal - run.firstOrdinal);
+    // Unsigned, for a run may pass from the highest number to the lowest.
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(run.firstRowID) +
+                                     (ordinal - run.firstOrdinal));
 }
 
 } // namespace Kelvane

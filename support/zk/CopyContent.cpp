@@ -6,6 +6,7 @@
 #include <memory>
 #include <span>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +26,10 @@ bool writeAll(int destination, std::span<const std::uint8_t> bytes) {
     while (!bytes.empty()) {
         const ::ssize_t count = ::write(destination, bytes.data(), bytes.size());
         if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        if (count == 0) { // no progress and no reason: do not spin
+            errno = EIO;
             return false;
         }
         bytes = bytes.subspan(static_cast<std::size_t>(std::max<::ssize_t>(count, 0)));
@@ -56,9 +61,22 @@ std::uint64_t copyRest(int source, int destination, std::span<std::uint8_t> buff
 constexpr std::size_t kSmallSize = 64 * 1024;
 constexpr std::size_t kBufferSize = 256 * 1024; // larger ones gain nothing
 
-std::uint64_t copySmall(int source, int destination, boost::system::error_code &error) {
-    std::uint8_t buffer[kSmallSize];
-    return copyRest(source, destination, buffer, error);
+// size is what the file was said to have: when one reading gives just that, and could have given
+// more, there is no need to ask for its end.
+std::uint64_t copySmall(int source, int destination, std::uint64_t size,
+                        boost::system::error_code &error) {
+    std::uint8_t buffer[kSmallSize + 1];
+    ::ssize_t count = -1;
+    do {
+        count = ::read(source, buffer, sizeof buffer);
+    } while (count < 0 && errno == EINTR);
+    const auto first = static_cast<std::size_t>(std::max<::ssize_t>(count, 0));
+    if (count < 0 || !writeAll(destination, {buffer, first})) {
+        error = lastError();
+        return 0;
+    }
+    return first == size || first == 0 ? first
+                                       : first + copyRest(source, destination, buffer, error);
 }
 
 std::uint64_t copyByHand(int source, int destination, boost::system::error_code &error) {
@@ -105,11 +123,33 @@ std::uint64_t copyInKernel(int source, int destination, bool &possible,
 
 } // namespace
 
+void write_all(int destination, std::span<const std::uint8_t> bytes,
+               boost::system::error_code &error) {
+    error.clear();
+    if (!writeAll(destination, bytes)) {
+        error = lastError();
+    }
+}
+
+int sync_to_disk(int file) noexcept {
+    int result = -1;
+#if defined(F_FULLFSYNC)
+    // Here fsync alone leaves it to the drive when to write.
+    if (::fcntl(file, F_FULLFSYNC) == 0) {
+        return 0;
+    }
+#endif
+    do {
+        result = ::fsync(file);
+    } while (result != 0 && errno == EINTR);
+    return result;
+}
+
 std::uint64_t content_copier::copy(int source, int destination, std::uint64_t size,
                                    boost::system::error_code &error) {
     error.clear();
     if (size <= kSmallSize) {
-        return copySmall(source, destination, error);
+        return copySmall(source, destination, size, error);
     }
     std::uint64_t copied = 0;
 #if defined(__linux__)

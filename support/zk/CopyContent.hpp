@@ -4,8 +4,16 @@
 #include <boost/system/error_code.hpp>
 
 #include <cstdint>
+#include <span>
 
 namespace ZK::file {
+
+// Writes every byte before it returns, or fails; some bytes may be written then.
+void write_all(int destination, std::span<const std::uint8_t> bytes,
+               boost::system::error_code &error);
+
+// Brings what was written to a file to the disk; 0, or -1 with errno.
+int sync_to_disk(int file) noexcept;
 
 // Copies files one after the other, and remembers what turned out to be impossible between their
 // file systems, so that it is not tried in vain for each of a million files. Blocks are cloned

@@ -1,3 +1,4 @@
+#include "support/zk/CopyContent.hpp"
 #include "support/zk/Directory.hpp"
 #include "support/zk/File.hpp"
 
@@ -139,6 +140,25 @@ directory directory::enter(const std::string &name, boost::system::error_code &e
     return directory(fd);
 }
 
+unique_descriptor directory::create_file(const std::string &name,
+                                         boost::system::error_code &error) const {
+    error.clear();
+    int fd = -1;
+    do {
+        fd = ::openat(native_handle(), name.c_str(),
+                      O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, S_IRUSR | S_IWUSR);
+    } while (fd < 0 && errno == EINTR);
+    unique_descriptor file(fd);
+    if (fd < 0 || ::fchmod(fd, S_IRUSR | S_IWUSR) != 0) {
+        error.assign(errno, boost::system::system_category());
+        if (fd >= 0) {
+            remove_file(name);
+        }
+        return unique_descriptor(-1);
+    }
+    return file;
+}
+
 void directory::remove_file(const std::string &name) const noexcept {
     (void)::unlinkat(native_handle(), name.c_str(), 0);
 }
@@ -154,11 +174,7 @@ void directory::lock() const {
 }
 
 void directory::sync() const {
-    int result = -1;
-    do {
-        result = ::fsync(native_handle());
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) {
+    if (sync_to_disk(native_handle()) != 0) {
         raise("fsync");
     }
 }

@@ -29,6 +29,10 @@ class directory {
     // On failure, ENOTDIR among others for a link, what comes back is not open.
     directory enter(const std::string &name, boost::system::error_code &error) const;
 
+    // Creates a file of mode 0600, whatever the umask, to be written to; not locked. On failure,
+    // EEXIST among others when anything bears the name, what comes back is not open.
+    unique_descriptor create_file(const std::string &name, boost::system::error_code &error) const;
+
     bool is_open() const noexcept { return descriptor_.get() >= 0; }
     // Borrowed; -1 when not open.
     int native_handle() const noexcept { return descriptor_.get(); }

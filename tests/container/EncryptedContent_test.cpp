@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 namespace container_tests {
 namespace {
 
@@ -41,6 +43,10 @@ Bytes someBytes(std::size_t size) {
         bytes.push_back(static_cast<std::uint8_t>(i * i / 7));
     }
     return bytes;
+}
+
+ZK::file::unique_descriptor opened(const std::string &path) {
+    return ZK::file::unique_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
 Bytes readAll(const Kelvane::ExportContent &content) {
@@ -81,7 +87,7 @@ TEST_P(CryptedContent, IsDecryptedWithItsSizeAndDigest) {
     const Bytes plain = someBytes(GetParam());
     const std::string stored = write("stored", byOpenSSL(write("plain", plain), false));
     PlainFacts facts;
-    const DecryptedContent content(ZK::file::readable_file(stored), someKey(), facts);
+    const DecryptedContent content(opened(stored), someKey(), facts);
     EXPECT_EQ(content.Size(), plain.size());
     EXPECT_EQ(readAll(content), plain);
     EXPECT_EQ(facts.size, plain.size());
@@ -96,8 +102,7 @@ TEST(DecryptedContent, OfNoBytesAtAllIsNothing) {
     const testing_support::TemporaryDirectory directory;
     directory.write("stored", "");
     PlainFacts facts;
-    const DecryptedContent content(ZK::file::readable_file((directory / "stored").string()),
-                                   someKey(), facts);
+    const DecryptedContent content(opened((directory / "stored").string()), someKey(), facts);
     EXPECT_EQ(content.Size(), 0u);
     EXPECT_TRUE(readAll(content).empty());
 }
@@ -109,8 +114,8 @@ TEST(DecryptedContent, RefusesWhatIsNoCiphertext) {
         directory.write("stored", std::string(bytes.begin(), bytes.end()));
         PlainFacts facts;
         try {
-            const DecryptedContent content(ZK::file::readable_file((directory / "stored").string()),
-                                           someKey(), facts);
+            const DecryptedContent content(opened((directory / "stored").string()), someKey(),
+                                           facts);
             ADD_FAILURE() << size;
         } catch (const CF::Error &error) {
             EXPECT_EQ(error.GetCode(), static_cast<CFIndex>(kKVErrorCrypto));

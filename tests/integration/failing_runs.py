@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import functools
 import hashlib
 import os
 import subprocess
@@ -76,6 +77,14 @@ def digest(content: bytes) -> str:
 def metadata_of(*backups: Path) -> set[tuple[str, str]]:
     """The metadata files of backups with their digests: as such they may be carried over."""
     return {pair for backup in backups for pair in content_below(backup).items() if pair[0].endswith(".plist")}
+
+
+@functools.cache
+def preloaded(library: str) -> str:
+    """The library, behind the sanitizer's runtime where the tool has one: that must come first."""
+    libraries = subprocess.run(["ldd", os.environ["KELVANE_TOOL"]], capture_output=True, text=True, check=True).stdout
+    found = [line.split()[2] for line in libraries.splitlines() if "libasan" in line]
+    return " ".join([*found, library])
 
 
 def judge(test: unittest.TestCase, job: Job, run: Run, metadata: set[tuple[str, str]]) -> str:

@@ -3,11 +3,12 @@
 from __future__ import annotations
 
 import plistlib
+import sqlite3
 from pathlib import Path
 
 from exporting import CIPHER, ExportTest
 from reading_back import PLISTS, Place, facts_of, raw, read
-from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, WITH_PASSWORD, backup, main, make
+from tool_testing import DONE, ENCRYPTED, FAILED, PASSWORD_PROBLEM, WITH_PASSWORD, backup, main, make, run
 
 from backup_maker import hostile  # found through tool_testing
 
@@ -91,6 +92,31 @@ class Decrypted(ExportTest):
         self.assertTrue(any(f"{victim.domain}/{victim.path}: " in line for line in messages), messages)
         self.assert_sound(self.output)
         self.assertNotIn((victim.domain, victim.path), facts_of(self.output))
+
+    def test_leaves_out_and_names_what_has_no_key(self) -> None:
+        source = make(self.folder / "source", "--tree", "small", "--hostile", "key-missing", *ENCRYPTED)
+        messages = self.decrypt(source, self.output, status=FAILED)
+        self.assertTrue(any("The file has no key" in line for line in messages), messages)
+        self.assertTrue(messages[-1].endswith("; 1 file skipped"), messages)
+        self.assert_sound(self.output)
+
+    def test_of_forged_names_of_metadata_keeps_the_digests(self) -> None:
+        source = make(self.folder / "source", "--tree", "small", "--manifest-form", "decrypted", *ENCRYPTED)
+        connection = sqlite3.connect(source / "Manifest.db")
+        connection.execute("UPDATE Files SET fileID = 'Manifest.db' WHERE rowid = (SELECT min(rowid) FROM Files WHERE"
+                           " flags = 1)")
+        connection.commit()
+        connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+        connection.close()
+        result = run("decrypt", source, self.output, *WITH_PASSWORD)
+        self.assertEqual(result.returncode, FAILED)
+        self.assertIn(b"File Manifest.db could not be written", result.stderr)
+        self.assert_sound(self.output)
+
+    def test_of_old_backups(self) -> None:
+        source = backup("--version", "2.4", *ENCRYPTED)
+        self.decrypt(source, self.output)
+        self.assert_plain(source, self.output)
 
     def test_of_a_plain_backup_is_refused(self) -> None:
         self.assertEqual(self.fail_with(FAILED, "decrypt", backup("--tree", "small"), self.output),

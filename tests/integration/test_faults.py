@@ -15,7 +15,6 @@ import collections
 import concurrent.futures
 import contextlib
 import errno
-import functools
 import hashlib
 import os
 import re
@@ -25,7 +24,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from failing_runs import Job, content_below, judge, metadata_of
+from failing_runs import Job, content_below, judge, metadata_of, preloaded
 from tool_testing import (
     DONE, ENCRYPTED, TIMEOUT, WITH_PASSWORD, ToolTest, command, main, make, remove_tree, shared, snapshot,
 )  # fmt: skip
@@ -59,7 +58,7 @@ class Run:
 
     def start(self, job: Job, folder: Path, at: int, error: int, sticky: bool) -> subprocess.CompletedProcess[bytes]:
         environment = {
-            **os.environ, "LD_PRELOAD": preloaded(), "TMPDIR": str(folder / "tmp"), "FAULT_ROOT": str(shared),
+            **os.environ, "LD_PRELOAD": preloaded(os.environ["FAULT_SHIM"]), "TMPDIR": str(folder / "tmp"), "FAULT_ROOT": str(shared),
             "FAULT_AT": str(at), "FAULT_ERRNO": str(error), "LC_ALL": "C",
         }  # fmt: skip
         if at == 0:
@@ -71,14 +70,6 @@ class Run:
             command(*arguments), env=environment, stdin=subprocess.DEVNULL, capture_output=True, check=False,
             timeout=TIMEOUT,
         )  # fmt: skip
-
-
-@functools.cache
-def preloaded() -> str:
-    """The shim, behind the sanitizer's runtime where the tool has one: that must come first."""
-    libraries = subprocess.run(["ldd", os.environ["KELVANE_TOOL"]], capture_output=True, text=True, check=True).stdout
-    found = [line.split()[2] for line in libraries.splitlines() if "libasan" in line]
-    return " ".join([*found, os.environ["FAULT_SHIM"]])
 
 
 def kind(line: str) -> str:

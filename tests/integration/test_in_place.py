@@ -8,6 +8,7 @@ import fcntl
 import os
 import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
 import unittest
@@ -15,18 +16,23 @@ from pathlib import Path
 from typing import Any
 
 from editing import CIPHER, LATEST, NOTES, SHOPPING, WELCOME
+from failing_runs import preloaded
 from reading_back import Place, ResultTest, facts_of, raw, read
-from test_faults import preloaded
 from tool_testing import (
-    DONE, FAILED, TIMEOUT, USAGE, WITH_PASSWORD, backup, command, main, make, run, snapshot,
+    DONE, ENCRYPTED, FAILED, TIMEOUT, USAGE, WITH_PASSWORD, backup, command, main, make, run, snapshot,
 )  # fmt: skip
 
 from backup_reader.account import account  # found through tool_testing
 
 JOURNAL = ".kelvane-journal"
-FORMS = (("--version", "2.4"), ("--version", "3.2", "--placeholders", "2"), ("--version", "3.3", *CIPHER))
+FORMS = (("--version", "2.4"), ("--version", "2.4", *ENCRYPTED), ("--version", "3.2", "--placeholders", "2"),
+         ("--version", "3.3", *CIPHER))
 # What differs each time that an entry is made or its content is encrypted.
 VOLATILE = ("birth", "modified", "changed", "key", "digest")
+
+
+def folders(path: Path) -> set[str]:
+    return {str(item.relative_to(path)) for item in path.rglob("*") if item.is_dir()}
 
 
 class InPlaceTest(ResultTest):
@@ -56,8 +62,8 @@ class Changed(InPlaceTest):
     def test_is_what_an_edit_writes_elsewhere(self) -> None:
         for options in FORMS:
             with self.subTest(options):
-                source = self.own(*options, name=f"own {len(options)}")
-                self.write("edit", source, other := self.folder / f"other {len(options)}", *self.operations)
+                source = self.own(*options, name=f"own {hash(options)}")
+                self.write("edit", source, other := self.folder / f"other {hash(options)}", *self.operations)
                 messages = self.edit(source, *self.operations)
                 self.assertRegex(messages[-1], r"^kelvane: 3 files written, .* and 1 file removed in ")
                 self.assertEqual(self.steady(source), self.steady(other))
@@ -96,6 +102,18 @@ class Changed(InPlaceTest):
         self.edit(source, *self.operations)
         self.assertEqual((source / "notes.txt").read_text(), "mine")
 
+    def test_never_removes_the_manifest_for_a_forged_entry(self) -> None:
+        for options, name in ((("--version", "3.2"), "Manifest.db"), (("--version", "3.3"), "Status.plist")):
+            source = self.own(*options, name=f"forged {name}")
+            connection = sqlite3.connect(source / "Manifest.db")
+            connection.execute("UPDATE Files SET fileID = ? WHERE domain = ? AND relativePath = ?", (name, NOTES, WELCOME))
+            connection.commit()
+            connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+            connection.close()
+            self.edit(source, "--rm", NOTES, WELCOME)
+            self.assertIn(name, raw(source))
+            self.succeed("ls", source)
+
     def test_keeps_the_mode_of_the_backup(self) -> None:
         source = self.own()
         os.chmod(source / "Manifest.db", 0o640)
@@ -118,7 +136,7 @@ class Refused(InPlaceTest):
     def test_for_a_zip(self) -> None:
         source = self.folder / "own.zip"
         shutil.copy(backup("--tree", "small", "--zip"), source)
-        self.assert_refused(source, "Only a backup that was opened from a directory can be changed in place")
+        self.assert_refused(source, "is no directory, and cannot be changed in place")
 
     def test_where_links_are_followed(self) -> None:
         self.assert_refused(self.own(), "Only a backup that was opened from a directory", "--follow-links")
@@ -127,6 +145,11 @@ class Refused(InPlaceTest):
         source = self.own()
         (source / "Manifest.db-wal").write_bytes(b"changes")
         self.assert_refused(source, "Manifest.db-wal holds changes to the manifest that were not read")
+
+    def test_with_a_change_by_sqlite_that_was_not_finished(self) -> None:
+        source = self.own()
+        (source / "Manifest.db-journal").write_bytes(b"old pages")
+        self.assert_refused(source, "Manifest.db-journal holds changes to the manifest that were not read")
 
     def test_while_another_process_writes(self) -> None:
         source = self.own()
@@ -173,6 +196,19 @@ class Recovered(InPlaceTest):
                          ["kelvane: a change that was not decided has been taken back"])
         self.assertEqual(raw(source), before)
 
+    def test_clears_away_what_was_completed(self) -> None:
+        source = self.own()
+        (source / JOURNAL).mkdir()
+        (source / JOURNAL / "done").write_bytes(b"the plan")
+        before = raw(source)
+        self.assertEqual(self.fail_with(DONE, "recover", source),
+                         ["kelvane: a change that was not brought to its end has been completed"])
+        self.assertEqual(raw(source), {name: content for name, content in before.items() if JOURNAL not in name})
+
+    def test_of_what_is_no_directory_is_an_error(self) -> None:
+        self.fail_with(FAILED, "recover", self.folder / "none")
+        self.fail_with(FAILED, "recover", backup("--tree", "small", "--zip"))
+
     def test_refuses_a_damaged_plan(self) -> None:
         source = self.own()
         self.plan(source, b"kelvane changes 1\nremove 00\nend 00\n")
@@ -185,6 +221,7 @@ class Recovered(InPlaceTest):
     def test_comes_first_in_the_next_edit(self) -> None:
         source = self.own()
         (source / JOURNAL).mkdir()
+        (source / JOURNAL / "new-0").write_bytes(b"content")
         messages = self.edit(source, *self.operations)
         self.assertEqual(messages[0], "kelvane: a change that was not decided has been taken back")
         self.assertFalse((source / JOURNAL).exists())
@@ -202,7 +239,7 @@ class Interrupted(InPlaceTest):
     """At every operation on the backup the process is killed, or the operation fails."""
 
     def start(self, path: Path, log: Path | None = None, **fault: str) -> subprocess.CompletedProcess[bytes]:
-        environment = {**os.environ, "LD_PRELOAD": preloaded(), "FAULT_ROOT": str(path), "LC_ALL": "C", **fault}
+        environment = {**os.environ, "LD_PRELOAD": preloaded(os.environ["FAULT_SHIM"]), "FAULT_ROOT": str(path), "LC_ALL": "C", **fault}
         if log is not None:
             environment["FAULT_LOG"] = str(log)
         arguments = ("edit", path, "--in-place", *self.operations, *self.password_for(path))
@@ -212,7 +249,7 @@ class Interrupted(InPlaceTest):
     def prepare(self, *options: str) -> int:
         """What the backup is before and after, and how many operations there are between."""
         self.source = self.own(*options, name="source")
-        self.before = raw(self.source)
+        self.before, self.folders = raw(self.source), folders(self.source)
         after = self.own(*options, name="after")
         (log := self.folder / "log").unlink(missing_ok=True)
         result = self.start(after, log, FAULT_KILL="1")
@@ -231,9 +268,10 @@ class Interrupted(InPlaceTest):
         self.assertIn(result.returncode, (DONE, -signal.SIGKILL if killed else FAILED), result.stderr)
         if JOURNAL in os.listdir(path):
             self.assertIn(run("recover", path).returncode, (DONE,))
-        files = raw(path)
+        files, found = raw(path), folders(path)
         shutil.rmtree(path)
         if files == self.before:
+            self.assertEqual(found, self.folders)
             self.assertNotEqual(result.returncode, DONE)
             return "old"
         shutil.rmtree(path, ignore_errors=True)

@@ -12,6 +12,7 @@ import unicodedata
 import unittest
 from pathlib import Path
 
+from failing_runs import preloaded
 from tool_testing import DONE, FAILED, ToolTest, backup, entries_of, main, make, run, snapshot
 
 SHIM = os.environ.get("FOLD_SHIM")
@@ -25,7 +26,7 @@ def folded(text: str) -> str:
 @unittest.skipUnless(SHIM, "the shim is not built here")
 class TwinTest(ToolTest):
     def run_folding(self, *arguments: str | Path) -> subprocess.CompletedProcess[bytes]:
-        return run(*arguments, env=os.environ | {"LD_PRELOAD": SHIM, "FOLD_ROOT": str(self.folder)})
+        return run(*arguments, env=os.environ | {"LD_PRELOAD": preloaded(SHIM), "FOLD_ROOT": str(self.folder)})
 
     def extract_folding(self, *options: str) -> list[str]:
         result = self.run_folding("extract", backup(), "-o", self.output, *options)

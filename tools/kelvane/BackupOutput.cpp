@@ -14,7 +14,6 @@
 #include "support/cf/Array.hpp"
 
 #include <cmath>
-#include <dirent.h>
 #include <filesystem>
 #include <memory>
 #include <string_view>
@@ -60,6 +59,7 @@ struct Outcome {
     bool finished = false;
     bool isBackup = false;
     std::int64_t filesWritten = 0;
+    std::int64_t bytesWritten = 0;
     std::int64_t unlistedFiles = 0;
     CF::Array errors;
     CF::Array notes;
@@ -87,6 +87,7 @@ Outcome runExport(const Container &container, const std::string &path,
     return {finished,
             report.metadataWritten != 0,
             report.filesWritten,
+            report.bytesWritten,
             report.unlistedFiles,
             CF::Array::Adopt(report.errors),
             CF::Array::Adopt(report.notes)};
@@ -136,22 +137,11 @@ void printNotes(const CF::Array &notes) {
     }
 }
 
-// Of the files at and below the path. The standard library's walk ends the process when memory
-// runs out in it.
-std::int64_t bytesAt(const std::string &path) {
+// What an output takes: the contents that were written, or the archive of them.
+std::int64_t sizeOf(const std::string &path, const Outcome &outcome) {
     struct stat status {};
-    if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        return S_ISREG(status.st_mode) ? status.st_size : 0;
-    }
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
-    std::int64_t total = 0;
-    while (const dirent *const entry = directory ? readdir(directory.get()) : nullptr) {
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") {
-            total += bytesAt(path + "/" + entry->d_name);
-        }
-    }
-    return total;
+    const bool isArchive = lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    return isArchive ? static_cast<std::int64_t>(status.st_size) : outcome.bytesWritten;
 }
 
 std::string countText(std::size_t count, const char *what) {
@@ -203,7 +193,7 @@ int WriteBackup(const Container &container, const BackupOutputOptions &options) 
                       "': without its manifest and metadata it would be no backup");
     }
     const auto skipped = static_cast<std::size_t>(outcome.errors.GetCount());
-    const std::int64_t bytes = bytesAt(output.PartialPath());
+    const std::int64_t bytes = sizeOf(output.PartialPath(), outcome);
     output.Publish();
     PrintMessage(countText(static_cast<std::size_t>(outcome.filesWritten), "file") + ", " +
                  SizeText(bytes) + " (" + std::to_string(bytes) + " bytes), written to the " +

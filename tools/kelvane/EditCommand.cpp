@@ -66,7 +66,9 @@ void applyAll(const Container &container, const std::vector<Operation> &operatio
 
 int RunEdit(const BackupOptions &backup, const EditOptions &options) {
     requireOneUseOfStandardInput(backup, options.steps);
-    if (!options.inPlace) {
+    if (options.inPlace) {
+        RequireChangeable(backup);
+    } else {
         CheckBackupOutput(options.output, backup);
     }
     const std::vector<Operation> operations = expand(options.steps);

@@ -8,6 +8,9 @@
 #include "Selection.hpp"
 #include "Units.hpp"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace tool {
 
 namespace {
@@ -18,6 +21,19 @@ std::string countText(std::int64_t count) {
 
 } // namespace
 
+void RequireChangeable(const BackupOptions &backup) {
+    struct stat status {};
+    if (stat(backup.backup.c_str(), &status) != 0) {
+        throw Failure("'" + backup.backup + "' cannot be opened", SystemError());
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        throw Failure("'" + backup.backup + "' is no directory, and cannot be changed in place");
+    }
+    if (access(backup.backup.c_str(), R_OK | W_OK | X_OK) != 0) {
+        throw Failure("'" + backup.backup + "' cannot be written to", SystemError());
+    }
+}
+
 bool RecoverBackup(const BackupOptions &backup) {
     const CF::String path = ArgumentText(backup.backup);
     if (!KVBackupNeedsRecovery(path.get())) {
@@ -27,6 +43,9 @@ bool RecoverBackup(const BackupOptions &backup) {
     CFErrorRef error = nullptr;
     if (!KVBackupRecover(path.get(), &outcome, &error)) {
         throw Failure(CF::Error::Adopt(error));
+    }
+    if (outcome == kKVBackupRecoveryNone) {
+        return false;
     }
     PrintMessage(outcome == kKVBackupRecoveryCompleted
                      ? "a change that was not brought to its end has been completed"
@@ -54,6 +73,7 @@ int SaveInPlace(const Container &container, const BackupOptions &backup) {
 }
 
 int RunRecover(const BackupOptions &backup) {
+    RequireChangeable(backup);
     if (!RecoverBackup(backup)) {
         PrintMessage("there is no change to be completed or taken back");
     }

@@ -5,6 +5,9 @@
 
 namespace tool {
 
+// Throws Failure for what cannot be changed in place, before anything else is asked or done.
+void RequireChangeable(const BackupOptions &backup);
+
 // Completes or takes back a change that did not come to its end, and says so. True when there was
 // one. Throws Failure.
 bool RecoverBackup(const BackupOptions &backup);
