@@ -20,7 +20,7 @@ namespace Kelvane {
 namespace {
 
 // One read of a file that is carried over; larger ones gain nothing.
-constexpr std::size_t kReadSize = 256 * 1024;
+constexpr std::size_t kReadSize = 128 * 1024;
 
 [[noreturn]] void throwReadError(int number) {
     const std::string text = boost::system::system_category().message(number);
@@ -73,15 +73,16 @@ CF::Pointer<CFDateRef> StoredContent::ModifiedDate() const {
 }
 
 void StoredContent::Read(const ContentConsumer &consumer) const {
-    const auto size = static_cast<std::size_t>(std::clamp<std::uint64_t>(size_, 1, kReadSize));
-    const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(size);
+    // On the stack, since a backup has a million files, and memory of that size is mapped anew each
+    // time.
+    std::uint8_t buffer[kReadSize];
     for (;;) {
-        const ::ssize_t count = ::read(file_.get(), buffer.get(), size);
+        const ::ssize_t count = ::read(file_.get(), buffer, kReadSize);
         if (count == 0) {
             return;
         }
         if (count > 0) {
-            consumer({buffer.get(), static_cast<std::size_t>(count)});
+            consumer({buffer, static_cast<std::size_t>(count)});
         } else if (errno != EINTR) {
             throwReadError(errno);
         }

@@ -82,10 +82,12 @@ class ZipTarget : public ZipExportTarget {
     void writePieces(const std::string &name, const ExportContent &content, Method method,
                      ExportProgress &progress);
     void writeWhole(const std::string &name, const ExportPiece &piece, ExportProgress &progress);
+    std::span<const std::uint8_t> readWhole(const ExportContent &content);
 
     bool zip64Allowed_;
     std::optional<ZipPacking> packing_; // where records need not be those of the plain form
-    std::vector<std::uint8_t> whole_;   // the content of the last record that was read whole
+    // The content of the last record that was read whole, which has kLargestWhole bytes at most.
+    std::unique_ptr<std::uint8_t[]> whole_;
     ZipOutput output_;
     zipFile archive_ = nullptr;
     // The library lists records that failed all the same, and counts no more than 65,535:
@@ -228,23 +230,31 @@ void ZipTarget::writePieces(const std::string &name, const ExportContent &conten
 
 void ZipTarget::writeWhole(const std::string &name, const ExportPiece &piece,
                            ExportProgress &progress) {
-    whole_.clear();
-    std::uint64_t read = 0;
-    piece.content->Read([&](std::span<const std::uint8_t> bytes) {
-        read += bytes.size();
-        // A file that grew is refused below, and need not fit.
-        if (read <= kLargestWhole) {
-            whole_.insert(whole_.end(), bytes.begin(), bytes.end());
-        }
-    });
-    RequireWhole(*piece.content, read);
+    const std::span<const std::uint8_t> whole = readWhole(*piece.content);
     const auto packed =
-        piece.compressible ? packing_->Deflate(whole_) : std::span<const std::uint8_t>();
+        piece.compressible ? packing_->Deflate(whole) : std::span<const std::uint8_t>();
     Record record(*this, name, *piece.content,
                   packed.empty() ? Method::PackedStore : Method::PackedDeflate);
-    record.Append(packed.empty() ? std::span<const std::uint8_t>(whole_) : packed);
-    record.Complete(whole_.size(), ZipPacking::Checksum(whole_));
-    progress.Count(whole_.size());
+    record.Append(packed.empty() ? whole : packed);
+    record.Complete(whole.size(), ZipPacking::Checksum(whole));
+    progress.Count(whole.size());
+}
+
+// Good until the next one is read.
+std::span<const std::uint8_t> ZipTarget::readWhole(const ExportContent &content) {
+    if (whole_ == nullptr) {
+        whole_ = std::make_unique_for_overwrite<std::uint8_t[]>(kLargestWhole);
+    }
+    std::uint64_t read = 0;
+    content.Read([&](std::span<const std::uint8_t> bytes) {
+        // A file that grew is refused below, and need not fit.
+        if (read + bytes.size() <= kLargestWhole) {
+            std::copy(bytes.begin(), bytes.end(), whole_.get() + read);
+        }
+        read += bytes.size();
+    });
+    RequireWhole(content, read);
+    return {whole_.get(), static_cast<std::size_t>(read)};
 }
 
 bool ZipTarget::needsOwnDirectory(std::uint64_t start) const {

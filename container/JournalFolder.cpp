@@ -76,9 +76,8 @@ directory OpenParent(const directory &root, const std::string &name) {
 }
 
 std::string ReadText(const directory &folder, const char *name) {
-    const ZK::file::unique_descriptor file(
-        ::openat(folder.native_handle(), name,
-                 O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    const ZK::file::unique_descriptor file(::openat(
+        folder.native_handle(), name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
         Raise("open");

@@ -97,8 +97,8 @@ bool cannotCopyInKernel(int number) {
            number == EPERM || number == EBADF || number == ETXTBSY;
 }
 
-// Advances both positions as far as the kernel gets; the rest, if any, is to be copied by hand:
-// some file systems report an end of file that is none.
+// Advances both positions as far as the kernel gets; what is missing of the size is to be copied by
+// hand: some file systems report an end of file that is none.
 std::uint64_t copyInKernel(int source, int destination, bool &possible,
                            boost::system::error_code &error) {
     constexpr std::size_t kPiece = std::size_t{1} << 30;
@@ -165,7 +165,7 @@ std::uint64_t content_copier::copy(int source, int destination, std::uint64_t si
         copied = copyInKernel(source, destination, may_copy_in_kernel_, error);
     }
 #endif
-    return error ? copied : copied + copyByHand(source, destination, error);
+    return error || copied == size ? copied : copied + copyByHand(source, destination, error);
 }
 
 } // namespace ZK::file

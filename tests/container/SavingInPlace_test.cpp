@@ -54,8 +54,9 @@ TEST_P(SavingInPlace, KeepsTheContentOfEntriesOfAnotherBackup) {
     const Editable backup = open();
     backup.Remove(known.at("domain"), path);
     CFErrorRef error = nullptr;
-    ASSERT_NE(KVBackupContainerAddEntry(backup.get(), other.Entry(known.at("domain"), path), &error),
-              nullptr);
+    ASSERT_NE(
+        KVBackupContainerAddEntry(backup.get(), other.Entry(known.at("domain"), path), &error),
+        nullptr);
     EXPECT_FALSE(save(backup));
     const CopiedFile copied = CopyFileForPath(open().opened(), known.at("domain"), path);
     ASSERT_TRUE(copied.file);
