@@ -4,7 +4,10 @@
 #include "container/StoredName.hpp"
 #include "filestore/Reading.hpp"
 
+#include <boost/system/error_code.hpp>
+
 #include <cerrno>
+#include <string>
 
 #include <fcntl.h>
 
@@ -39,8 +42,9 @@ ZK::file::unique_descriptor BackupSource::OpenNamedQuickly(const CF::String &nam
     const ZK::file::readable_file file = OpenNamed(name);
     ZK::file::unique_descriptor copy(::fcntl(file.native_handle(), F_DUPFD_CLOEXEC, 0));
     if (copy.get() < 0) {
-        throw MakeFSError(errno, CFSTR("The stored file could not be read - %s"),
-                          name.GetUTF8().c_str());
+        const int number = errno;
+        const std::string reason = boost::system::system_category().message(number);
+        throw MakeFSError(number, CFSTR("The stored file could not be read - %s"), reason.c_str());
     }
     return copy;
 }

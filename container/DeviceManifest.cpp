@@ -3,7 +3,7 @@
 #include "Kelvane/Error.hpp"
 #include "Kelvane/FileManager.hpp"
 #include "container/EncryptedContent.hpp"
-#include "container/ManifestFile.hpp"
+#include "container/ManifestDatabaseCopy.hpp"
 #include "container/StoredName.hpp"
 #include "filestore/Storage.hpp"
 #include "manifest/DeviceDatabase.hpp"

@@ -125,7 +125,8 @@ class Saving {
             if (!KVManifestEntryIsFile(entry)) {
                 return;
             }
-            if (container_.removedFileIDs.contains(fileID.GetUTF8())) {
+            const auto &removed = container_.removedFileIDs;
+            if (!removed.empty() && removed.contains(fileID.GetUTF8())) {
                 named_.insert(fileID.GetUTF8());
             }
             if (LiesInSource(container_, *entry) || !written_.insert(fileID.GetUTF8()).second) {

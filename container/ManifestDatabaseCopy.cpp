@@ -1,4 +1,4 @@
-#include "container/ManifestFile.hpp"
+#include "container/ManifestDatabaseCopy.hpp"
 
 #include "Kelvane/Error.hpp"
 #include "Kelvane/FileManager.hpp"
